@@ -13,14 +13,21 @@ __attribute__((constructor(101))) void prime_unwinder() {
 }
 }  // namespace
 
-int tvx_backtrace(void **addrs, int max) {
+__attribute__((noinline)) int tvx_backtrace(void **addrs, int max) {
   if (max <= 0) return 0;
   void *buf[128];
-  int want = max + 1 > 128 ? 128 : max + 1;
-  int n = backtrace(buf, want);
-  // Skip our own frame.
+  int n = backtrace(buf, 128);
+  // Start at our caller's frame. Interceptors (the sanitizers wrap backtrace)
+  // may add frames above ours, so find it by its return address.
+  void *caller = __builtin_extract_return_addr(__builtin_return_address(0));
+  int first = 1;
+  for (int i = 0; i < n; i++)
+    if (buf[i] == caller) {
+      first = i;
+      break;
+    }
   int out = 0;
-  for (int i = 1; i < n && out < max; i++) addrs[out++] = buf[i];
+  for (int i = first; i < n && out < max; i++) addrs[out++] = buf[i];
   return out;
 }
 
