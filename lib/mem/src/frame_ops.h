@@ -1,0 +1,56 @@
+// Operations every vector builds from its own allocate and free: realloc,
+// calloc and strdup, with the design's copy and failure rules.
+#pragma once
+
+#include <cerrno>
+
+#include "internal.h"
+
+inline size_t mem_payload_size(const void *p) {
+  const mem_head *h = mem_head_of(p);
+  return h->mh_size - h->mh_offset - sizeof(uint32_t);
+}
+
+inline bool mem_want(size_t n, size_t offset, size_t *want) {
+  if (n > SIZE_MAX / 2) return false;
+  *want = (n + offset + sizeof(uint32_t) + 3) & ~size_t{3};
+  return true;
+}
+
+template <const task_mem_vector &V>
+int mem_calloc_via(task_mem_cookie *c, size_t count, size_t size, void **out) {
+  size_t n;
+  if (__builtin_mul_overflow(count, size, &n)) {
+    *out = nullptr;
+    return ENOMEM;
+  }
+  return V.tmv_malloc(c, n, out);  // every block is zeroed already
+}
+
+template <const task_mem_vector &V>
+int mem_strdup_via(task_mem_cookie *c, const char *s, char **out) {
+  size_t n = strlen(s) + 1;
+  void *p;
+  int rc = V.tmv_malloc(c, n, &p);
+  if (rc) return rc;
+  memcpy(p, s, n);
+  *out = static_cast<char *>(p);
+  return 0;
+}
+
+template <const task_mem_vector &V>
+int mem_realloc_via(task_mem_cookie *c, void *ptr, size_t size, int free_on_failure, void **out) {
+  if (!ptr) return V.tmv_malloc(c, size, out);
+  void *p;
+  int rc = V.tmv_malloc(c, size, &p);
+  if (rc) {
+    if (free_on_failure) V.tmv_free(c, ptr);
+    *out = nullptr;
+    return rc;
+  }
+  size_t old = mem_payload_size(ptr);
+  memcpy(p, ptr, old < size ? old : size);
+  rc = V.tmv_free(c, ptr);
+  *out = p;
+  return rc;
+}

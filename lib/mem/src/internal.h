@@ -1,0 +1,75 @@
+// Shared by the memory library's sources: the frame around an allocation,
+// the red zones, the counters and the vectors' private state.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "mem/mem.h"
+
+// The head in front of every cookie allocation: 16 bytes, so that payloads
+// keep malloc's 16-byte alignment.
+struct mem_head {
+  uint64_t mh_size;    // bytes obtained, from the block's start, red zone included
+  uint32_t mh_offset;  // payload - block start: 16, or more for aligned requests
+  uint32_t mh_pad;
+};
+static_assert(sizeof(mem_head) == 16);
+
+constexpr uint32_t MEM_RZ_COOKIE = 0x7ee80000u;
+constexpr uint32_t MEM_RZ_BLOCK = 0x3ee80000u;
+constexpr uint32_t MEM_RZ_FREED = 0x20000000u;  // cleared on free: 0x7ee8 -> 0x5ee8
+constexpr size_t MEM_FRAME = sizeof(mem_head) + sizeof(uint32_t);
+
+inline mem_head *mem_head_of(const void *p) {
+  return reinterpret_cast<mem_head *>(const_cast<char *>(static_cast<const char *>(p)) - sizeof(mem_head));
+}
+inline char *mem_block_of(const void *p) { return reinterpret_cast<char *>(mem_head_of(p)) + sizeof(mem_head) - mem_head_of(p)->mh_offset; }
+inline uint32_t *mem_rz_at(char *block, size_t size) { return reinterpret_cast<uint32_t *>(block + size - 4); }
+inline uint32_t mem_cookie_zone(const task_mem_cookie *c) { return MEM_RZ_COOKIE | (c->tmc_id & 0xffffu); }
+
+// Fills head and red zone of a fresh block of `size` bytes, payload at `offset`.
+inline void *mem_frame(char *block, size_t size, uint32_t offset, const task_mem_cookie *c) {
+  mem_head *h = reinterpret_cast<mem_head *>(block + offset - sizeof(mem_head));
+  h->mh_size = size;
+  h->mh_offset = offset;
+  h->mh_pad = 0;
+  *mem_rz_at(block, size) = mem_cookie_zone(c);
+  return block + offset;
+}
+
+// Counting, per thread where the thread has a slot, else on "--Orphan--".
+void mem_count_alloc(task_mem_cookie *c, int64_t bytes);
+void mem_count_free(task_mem_cookie *c, int64_t bytes);
+
+// The cookie whose zone `rz` is, among the cookie given and the fixed ones the
+// design allows a free to fall back on; null if none.
+task_mem_cookie *mem_zone_owner(task_mem_cookie *given, uint32_t rz);
+
+// The libc vector's operations, also used by the jemalloc vector for the
+// libc cookie's blocks and when told to use the system allocator.
+extern const task_mem_vector mem_libc_vector;
+extern const task_mem_vector mem_jemalloc_vector;
+
+// Cookie records and the cookie list.
+int mem_cookie_make(const char *name, void *owner, task_mem_cookie **out);
+int mem_cookie_release(task_mem_cookie *c);
+void mem_fixed_cookies_init(void);
+void mem_cookie_walk_fn(void (*fn)(task_mem_cookie *, void *), void *arg);
+
+// State set at start.
+extern std::atomic<bool> mem_up;
+extern bool mem_use_libc;        // U: the jemalloc vector allocates with libc
+extern const task_mem_vector *mem_vector;  // the vector in force
+
+extern "C" {
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+void *__libc_memalign(size_t, size_t);
+void __libc_free(void *);
+}
+
+#define MEM_FATAL(fn, expr) task_mem_fatal(fn, __FILE__, __LINE__, expr)

@@ -1,0 +1,134 @@
+// The jemalloc vector: the default allocator behind the cookie frame.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "frame_ops.h"
+#include "jem.h"
+
+extern "C" {
+// jemalloc reads its options at its own start, before main: they are fixed
+// here, with the junk choice made by a constructor that runs first.
+const char *jem_malloc_conf = "prof:true,prof_active:false,junk:false";
+}
+
+namespace {
+
+__attribute__((constructor(101))) void choose_options() {
+  task_mem_touch t;
+  if (task_memory_touch_file_read(program_invocation_short_name, &t) && t.matched &&
+      (t.flags & TASK_MEM_DBG_Z))
+    jem_malloc_conf = "prof:true,prof_active:false,junk:true";
+}
+
+int je_malloc(task_mem_cookie *c, size_t n, void **out) {
+  if (mem_use_libc) return mem_libc_vector.tmv_malloc(c, n, out);
+  size_t want;
+  char *b = nullptr;
+  size_t size = 0;
+  if (mem_want(n, sizeof(mem_head), &want)) {
+    size = jem_nallocx(want, 0);
+    b = static_cast<char *>(jem_mallocx(size, 0));
+  }
+  if (!b) {
+    *out = nullptr;
+    return ENOMEM;
+  }
+  memset(b, 0, size);
+  *out = mem_frame(b, size, sizeof(mem_head), c);
+  mem_count_alloc(c, static_cast<int64_t>(size));
+  return 0;
+}
+
+int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
+  if (mem_use_libc) return mem_libc_vector.tmv_memalign(c, align, n, out);
+  if (align <= sizeof(mem_head)) return je_malloc(c, n, out);
+  size_t want;
+  char *b = nullptr;
+  size_t size = 0;
+  if (mem_want(n, align, &want)) {
+    size = jem_nallocx(want, jem_align(align));
+    b = static_cast<char *>(jem_mallocx(size, jem_align(align)));
+  }
+  if (!b) {
+    *out = nullptr;
+    return ENOMEM;
+  }
+  memset(b, 0, size);
+  *out = mem_frame(b, size, static_cast<uint32_t>(align), c);
+  mem_count_alloc(c, static_cast<int64_t>(size));
+  return 0;
+}
+
+int je_free(task_mem_cookie *c, void *ptr) {
+  if (!ptr) return 0;
+  mem_head *h = mem_head_of(ptr);
+  size_t size = h->mh_size;
+  uint32_t offset = h->mh_offset;
+  char *block = mem_block_of(ptr);
+  uint32_t *rz = mem_rz_at(block, size);
+  task_mem_cookie *owner = mem_zone_owner(c, *rz);
+  if (!owner) {
+    MEM_FATAL("free", "!\"Cookie RedZone Validation Failed\"");
+    return EFAULT;
+  }
+  if (owner == &task_mem_libc_cookie || mem_use_libc) return mem_libc_vector.tmv_free(owner, ptr);
+  *rz &= ~MEM_RZ_FREED;
+  mem_count_free(owner, static_cast<int64_t>(size));
+  if (offset == sizeof(mem_head))
+    jem_sdallocx(block, size, 0);
+  else
+    jem_sdallocx(block, size, jem_align(offset));
+  return 0;
+}
+
+int je_status(task_mem_status *st) {
+  uint64_t epoch = 1;
+  size_t len = sizeof epoch;
+  jem_mallctl("epoch", &epoch, &len, &epoch, len);
+  size_t active = 0, allocated = 0, mapped = 0;
+  len = sizeof(size_t);
+  jem_mallctl("stats.active", &active, &len, nullptr, 0);
+  jem_mallctl("stats.allocated", &allocated, &len, nullptr, 0);
+  jem_mallctl("stats.mapped", &mapped, &len, nullptr, 0);
+  st->tms_pages = mapped / 4096;
+  st->tms_bytes_active = active;
+  st->tms_bytes_allocated = allocated;
+  return 0;
+}
+
+int je_cookie_get(const char *name, void *owner, task_mem_cookie **out) { return mem_cookie_make(name, owner, out); }
+int je_cookie_put(task_mem_cookie *c) { return mem_cookie_release(c); }
+
+int je_set_debug_options(const char *options, const char *, uint32_t) {
+  // The allocator's options are fixed at its start (see choose_options); what
+  // can change later is profiling, switched by the leak-detection call.
+  (void)options;
+  return 0;
+}
+
+int je_memory_init(void *) {
+  mem_fixed_cookies_init();
+  return 0;
+}
+
+size_t je_usable(const void *p) { return mem_payload_size(p); }
+
+}  // namespace
+
+extern const task_mem_vector mem_jemalloc_vector;
+const task_mem_vector mem_jemalloc_vector = {
+    .tmv_memory_init = je_memory_init,
+    .tmv_set_debug_options = je_set_debug_options,
+    .tmv_status = je_status,
+    .tmv_free = je_free,
+    .tmv_strdup = mem_strdup_via<mem_jemalloc_vector>,
+    .tmv_realloc = mem_realloc_via<mem_jemalloc_vector>,
+    .tmv_calloc = mem_calloc_via<mem_jemalloc_vector>,
+    .tmv_malloc = je_malloc,
+    .tmv_cookie_put = je_cookie_put,
+    .tmv_cookie_get = je_cookie_get,
+    .tmv_cookie_get_allocated = task_mem_cookie_get_allocated,
+    .tmv_memalign = je_memalign,
+    .tmv_usable_size = je_usable,
+};

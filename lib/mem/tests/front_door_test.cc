@@ -1,0 +1,228 @@
+// The front door and its accounting, linked as in production.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../src/internal.h"
+#include "mem/mem.h"
+
+namespace {
+
+// Hides where a pointer came from, so that the compiler's bounds tracking
+// does not object to reading the frame in front of it.
+template <typename T>
+T *opaque(T *p) {
+  asm volatile("" : "+r"(p));
+  return p;
+}
+
+struct Counts {
+  size_t bytes = 0, allocs = 0;
+};
+Counts counts(task_mem_cookie *c) {
+  Counts r;
+  task_mem_cookie_get_allocated(c, &r.bytes, &r.allocs);
+  return r;
+}
+
+class FrontDoor : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(task_memory_init(nullptr), 0); }
+};
+
+}  // namespace
+
+TEST(FrontDoorStart, BlocksFromBeforeInitStayValid) {
+  ASSERT_FALSE(task_memory_is_up());
+  char *early = static_cast<char *>(tvx_fd_malloc(100));
+  strcpy(early, "early");
+  EXPECT_EQ(*mem_rz_at(mem_block_of(early), mem_head_of(early)->mh_size), mem_cookie_zone(&task_mem_libc_cookie));
+  ASSERT_EQ(task_memory_init(nullptr), 0);
+  ASSERT_TRUE(task_memory_is_up());
+  EXPECT_EQ(task_mem_vector_index(), unsigned{TASK_MEM_VECTOR_JEMALLOC});
+  // Reallocated and freed through jemalloc's vector, recognised by its zone.
+  early = static_cast<char *>(tvx_fd_realloc(early, 5000));
+  EXPECT_STREQ(early, "early");
+  EXPECT_EQ(*mem_rz_at(mem_block_of(early), mem_head_of(early)->mh_size), mem_cookie_zone(task_mem_system_cookie));
+  tvx_fd_free(early);
+}
+
+TEST_F(FrontDoor, FixedCookiesInOrder) {
+  const task_mem_cookie *fixed[] = {task_mem_orphan_cookie, task_mem_system_cookie, task_mem_anonymous_cookie,
+                                    task_mem_pool_cookie, task_mem_lfll_cookie};
+  const char *names[] = {"--Orphan--", "--System--", "--Anonymous--", "--Pool--", "--LFLL--"};
+  for (int i = 0; i < 5; i++) {
+    ASSERT_NE(fixed[i], nullptr);
+    EXPECT_STREQ(fixed[i]->tmc_name, names[i]);
+    if (i) {
+      EXPECT_GT(fixed[i]->tmc_id, fixed[i - 1]->tmc_id);
+    }
+  }
+}
+
+TEST_F(FrontDoor, EveryAllocationIsZeroedAndFramed) {
+  void *z = tvx_fd_malloc(0);
+  ASSERT_NE(z, nullptr);
+  EXPECT_GE(reinterpret_cast<char *>(z) - mem_block_of(z), 12);
+  tvx_fd_free(z);
+  for (size_t n : {1u, 24u, 1000u, 70000u}) {
+    for (int round = 0; round < 3; round++) {  // reused memory too
+      auto *p = static_cast<unsigned char *>(tvx_fd_malloc(n));
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
+      for (size_t i = 0; i < n; i++) ASSERT_EQ(p[i], 0) << n;
+      EXPECT_GE(tvx_fd_malloc_usable_size(p), n);
+      memset(p, 0xff, tvx_fd_malloc_usable_size(p));
+      tvx_fd_free(p);
+    }
+  }
+}
+
+TEST_F(FrontDoor, CookieAccountingThroughEveryEntryPoint) {
+  task_mem_cookie *c = task_mem_cookie_get("acct");
+  EXPECT_EQ(counts(c).allocs, 0u);
+  void *a = task_cookie_malloc(c, 100);
+  void *b = task_cookie_calloc(c, 10, 10);
+  char *s = task_cookie_strdup(c, "hello");
+  Counts n = counts(c);
+  EXPECT_EQ(n.allocs, 3u);
+  EXPECT_GE(n.bytes, 100u + 100u + 6u);
+  a = task_cookie_realloc(c, a, 10000);
+  EXPECT_EQ(counts(c).allocs, 3u);
+  EXPECT_GT(counts(c).bytes, n.bytes + 9000);
+  EXPECT_STREQ(s, "hello");
+  task_cookie_free(c, a);
+  task_cookie_free(c, s);
+  EXPECT_EQ(counts(c).allocs, 1u);
+  int t = task_mem_thread_index();
+  ASSERT_EQ(t, 0);
+  EXPECT_EQ(c->tmc_threads[0]->tmt_allocs_hw, 4);  // realloc holds old and new a moment
+  EXPECT_EQ(c->tmc_threads[0]->tmt_frees, 3u);  // realloc's free counts too
+
+  // A free under the wrong cookie is charged to the block's own.
+  Counts sys = counts(task_mem_system_cookie);
+  void *x = tvx_fd_malloc(64);
+  EXPECT_EQ(counts(task_mem_system_cookie).allocs, sys.allocs + 1);
+  task_cookie_free(c, x);
+  EXPECT_EQ(counts(task_mem_system_cookie).allocs, sys.allocs);
+  EXPECT_EQ(counts(c).allocs, 1u);
+
+  // Releasing a cookie leaves what it held to the orphan cookie.
+  Counts orphan = counts(task_mem_orphan_cookie);
+  task_mem_cookie_put(c);
+  EXPECT_EQ(counts(task_mem_orphan_cookie).allocs, orphan.allocs + 1);
+  EXPECT_EQ(task_mem_vector_get(TASK_MEM_VECTOR_JEMALLOC)->tmv_cookie_put(c), 3);  // no longer listed
+  // b's memory stays valid; it is simply no longer accounted to anyone listed.
+  EXPECT_EQ(static_cast<char *>(b)[99], 0);
+}
+
+TEST_F(FrontDoor, ThreadsWithoutASlotCountOnTheOrphan) {
+  Counts before, after, sys_before, sys_after;
+  void *p = nullptr;
+  std::thread([&] {
+    EXPECT_EQ(task_mem_thread_index(), -1);
+    before = counts(task_mem_orphan_cookie);
+    sys_before = counts(task_mem_system_cookie);
+    p = tvx_fd_malloc(256);
+    after = counts(task_mem_orphan_cookie);
+    sys_after = counts(task_mem_system_cookie);
+  }).join();
+  EXPECT_EQ(after.allocs, before.allocs + 1);
+  EXPECT_GE(after.bytes, before.bytes + 256);
+  EXPECT_EQ(sys_after.allocs, sys_before.allocs);
+  tvx_fd_free(p);  // on the main thread: the system cookie's record takes it
+}
+
+TEST_F(FrontDoor, ReallocRules) {
+  char *p = static_cast<char *>(tvx_fd_realloc(nullptr, 10));  // acts as malloc
+  ASSERT_NE(p, nullptr);
+  memcpy(p, "0123456789", 10);
+  p = static_cast<char *>(tvx_fd_realloc(p, 4));
+  EXPECT_EQ(memcmp(p, "0123", 4), 0);
+  p = static_cast<char *>(tvx_fd_realloc(p, 100));
+  EXPECT_EQ(memcmp(p, "0123", 4), 0);
+  for (int i = 4; i < 100; i++) ASSERT_EQ(p[i], 0);
+
+  // reallocf frees the old block when the new one cannot be had.
+  const task_mem_vector *v = task_mem_vector_get(TASK_MEM_VECTOR_JEMALLOC);
+  task_mem_cookie *c = task_mem_cookie_get("reallocf");
+  void *q = task_cookie_malloc(c, 32), *out = q;
+  EXPECT_EQ(v->tmv_realloc(c, q, SIZE_MAX - 8, 1, &out), ENOMEM);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(counts(c).allocs, 0u);
+  q = task_cookie_malloc(c, 32);
+  EXPECT_EQ(v->tmv_realloc(c, q, SIZE_MAX - 8, 0, &out), ENOMEM);
+  EXPECT_EQ(counts(c).allocs, 1u);
+  task_cookie_free(c, q);
+  task_mem_cookie_put(c);
+  tvx_fd_free(p);
+}
+
+TEST_F(FrontDoor, AlignedForms) {
+  for (size_t align : {16u, 32u, 64u, 4096u}) {
+    void *p = nullptr;
+    ASSERT_EQ(tvx_fd_posix_memalign(&p, align, 100), 0);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % align, 0u);
+    EXPECT_GE(tvx_fd_malloc_usable_size(p), 100u);
+    static_cast<char *>(p)[99] = 1;
+    tvx_fd_free(p);
+  }
+  void *p = nullptr;
+  EXPECT_EQ(tvx_fd_posix_memalign(&p, 24, 8), EINVAL);
+  EXPECT_EQ(tvx_fd_aligned_alloc(3, 8), nullptr);
+  void *v = tvx_fd_valloc(10), *pv = tvx_fd_pvalloc(5000);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(v) % 4096, 0u);
+  EXPECT_GE(tvx_fd_malloc_usable_size(pv), 8192u);
+  tvx_fd_free(v);
+  tvx_fd_free(pv);
+}
+
+TEST_F(FrontDoor, LegacyIsRefusedClearly) {
+  testing::internal::CaptureStderr();
+  task_mem_force_legacy(true);
+  EXPECT_EQ(task_mem_call_vector_select(), ENOSYS);
+  task_mem_force_legacy(false);
+  EXPECT_EQ(task_mem_call_vector_toggle(), ENOSYS);
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("legacy page allocator is not built"), std::string::npos);
+  EXPECT_EQ(task_mem_vector_index(), unsigned{TASK_MEM_VECTOR_JEMALLOC});
+  void *p = tvx_fd_malloc(10);  // and allocation goes on
+  tvx_fd_free(p);
+}
+
+#ifndef TVX_SANITIZE
+TEST_F(FrontDoor, TheProcessMallocIsTheFrontDoor) {
+  void *p = opaque(malloc(40));
+  EXPECT_EQ(*mem_rz_at(mem_block_of(p), mem_head_of(p)->mh_size), mem_cookie_zone(task_mem_system_cookie));
+  free(p);
+  std::vector<char> v(500, 'x');  // operator new reaches it through malloc
+  char *d = opaque(v.data());
+  EXPECT_EQ(*mem_rz_at(mem_block_of(d), mem_head_of(d)->mh_size), mem_cookie_zone(task_mem_system_cookie));
+}
+#endif
+
+using FrontDoorDeath = FrontDoor;
+
+TEST_F(FrontDoorDeath, DoubleFreeIsCaughtAtTheRedZone) {
+  EXPECT_DEATH(
+      {
+        void *p = tvx_fd_malloc(48);
+        tvx_fd_free(p);
+        tvx_fd_free(p);
+      },
+      "Cookie RedZone Validation Failed");
+}
+
+TEST_F(FrontDoorDeath, OverrunIsCaughtAtFree) {
+  EXPECT_DEATH(
+      {
+        char *p = static_cast<char *>(tvx_fd_malloc(48));
+        memset(p, 'x', tvx_fd_malloc_usable_size(p) + 1);
+        tvx_fd_free(p);
+      },
+      "task_mem_fatal: free: .*Cookie RedZone Validation Failed");
+}
