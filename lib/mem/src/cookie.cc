@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 
 #include "internal.h"
 
@@ -15,19 +14,21 @@ namespace {
 std::atomic<uint32_t> next_cookie_id{1};
 std::atomic<unsigned> thread_slots{1};  // main thread only until contexts grow it
 
-// The cookie list. Cookies come and go rarely (task creation); a mutex keeps
-// walks simple. The hot path never touches the list.
-std::mutex list_lock;
-task_mem_cookie *list_head = nullptr;
+// The cookie list, keyed by id. The hot path never touches it.
+lfll_list cookie_list;
+bool list_ready = false;
+
+lfll_node *node_of(task_mem_cookie *c) { return &c->tmc_next; }
+task_mem_cookie *cookie_of(lfll_node *n) { return LFLL_ENTRY(n, task_mem_cookie, tmc_next); }
 
 thread_local int thread_index = -2;  // -2: not decided yet
 
-task_mem_thread_counts *record(task_mem_cookie *c, int t) {
-  task_mem_thread_counts *r = c->tmc_threads[t];
+task_mem_thread_counts *record(task_mem_thread_counts **arr, int t) {
+  task_mem_thread_counts *r = arr[t];
   if (!r) {
     r = static_cast<task_mem_thread_counts *>(__libc_calloc(1, sizeof *r));
     if (!r) MEM_FATAL("task_mem_thread_counts", "(rc ==0)");
-    c->tmc_threads[t] = r;
+    arr[t] = r;
   }
   return r;
 }
@@ -52,11 +53,6 @@ void off_slot(int64_t bytes, int64_t allocs) {
   atomic_max(&o->tmc_allocs_hw, a);
 }
 
-task_mem_thread_counts **slot_array(unsigned n) {
-  auto **a = static_cast<task_mem_thread_counts **>(__libc_calloc(n, sizeof(void *)));
-  if (!a) MEM_FATAL("task_mem_cookie_get", "(rc ==0)");
-  return a;
-}
 
 task_mem_cookie fixed[5];
 const char *const fixed_names[5] = {"--Orphan--", "--System--", "--Anonymous--", "--Pool--", "--LFLL--"};
@@ -67,21 +63,22 @@ void init_cookie(task_mem_cookie *c, const char *name, void *owner) {
   c->tmc_name = name;
   c->tmc_owner = owner;
   c->tmc_thread_slots = thread_slots.load();
-  c->tmc_threads = slot_array(c->tmc_thread_slots);
+  c->tmc_threads = mem_slot_array(c->tmc_thread_slots);
 }
 
-void link(task_mem_cookie *c) {
-  std::lock_guard<std::mutex> g(list_lock);
-  c->tmc_next = list_head;
-  list_head = c;
+bool link(task_mem_cookie *c) {
+  if (!list_ready) {
+    lfll_list_init(&cookie_list);
+    list_ready = true;
+  }
+  return lfll_list_insert(&cookie_list, node_of(c), c->tmc_id);
 }
 
 }  // namespace
 
 task_mem_cookie *task_mem_orphan_cookie, *task_mem_system_cookie, *task_mem_anonymous_cookie,
     *task_mem_pool_cookie, *task_mem_lfll_cookie;
-task_mem_cookie task_mem_libc_cookie = {nullptr, 0xfffe, "--libc--", nullptr, 0, 0, 0, 0, 0, 0, 0, 0,
-                                        nullptr, nullptr, {}};
+task_mem_cookie task_mem_libc_cookie = {{}, 0xfffe, "--libc--", nullptr, 0, 0, 0, 0, 0, 0, 0, 0, nullptr, nullptr};
 
 int task_mem_thread_index(void) {
   if (thread_index == -2) thread_index = syscall(SYS_gettid) == getpid() ? 0 : -1;
@@ -90,26 +87,42 @@ int task_mem_thread_index(void) {
 
 void task_mem_set_thread_index(int index) { thread_index = index; }
 
-void mem_count_alloc(task_mem_cookie *c, int64_t bytes) {
-  int t = task_mem_thread_index();
-  if (t < 0 || static_cast<unsigned>(t) >= c->tmc_thread_slots) return off_slot(bytes, 1);
-  task_mem_thread_counts *r = record(c, t);
-  r->tmt_bytes += bytes;
-  r->tmt_allocs++;
-  r->tmt_ops++;
-  if (r->tmt_bytes > r->tmt_bytes_hw) r->tmt_bytes_hw = r->tmt_bytes;
-  if (r->tmt_allocs > r->tmt_allocs_hw) r->tmt_allocs_hw = r->tmt_allocs;
+task_mem_thread_counts **mem_slot_array(unsigned n) {
+  auto **a = static_cast<task_mem_thread_counts **>(__libc_calloc(n, sizeof(void *)));
+  if (!a) MEM_FATAL("mem_slot_array", "(rc ==0)");
+  return a;
 }
 
-void mem_count_free(task_mem_cookie *c, int64_t bytes) {
+unsigned mem_thread_slots(void) { return thread_slots.load(std::memory_order_relaxed); }
+
+void mem_count(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc) {
   int t = task_mem_thread_index();
-  if (t < 0 || static_cast<unsigned>(t) >= c->tmc_thread_slots) return off_slot(-bytes, -1);
-  task_mem_thread_counts *r = record(c, t);
-  r->tmt_bytes -= bytes;
-  r->tmt_allocs--;
+  if (t < 0 || static_cast<unsigned>(t) >= slots) return alloc ? off_slot(bytes, 1) : off_slot(-bytes, -1);
+  task_mem_thread_counts *r = record(arr, t);
   r->tmt_ops++;
-  r->tmt_freed_bytes += bytes;
-  r->tmt_frees++;
+  if (alloc) {
+    r->tmt_bytes += bytes;
+    r->tmt_allocs++;
+    if (r->tmt_bytes > r->tmt_bytes_hw) r->tmt_bytes_hw = r->tmt_bytes;
+    if (r->tmt_allocs > r->tmt_allocs_hw) r->tmt_allocs_hw = r->tmt_allocs;
+  } else {
+    r->tmt_bytes -= bytes;
+    r->tmt_allocs--;
+    r->tmt_freed_bytes += bytes;
+    r->tmt_frees++;
+  }
+}
+
+void mem_count_alloc(task_mem_cookie *c, int64_t bytes) { mem_count(c->tmc_threads, c->tmc_thread_slots, bytes, true); }
+void mem_count_free(task_mem_cookie *c, int64_t bytes) { mem_count(c->tmc_threads, c->tmc_thread_slots, bytes, false); }
+
+void mem_orphan_take(int64_t bytes, int64_t allocs) {
+  task_mem_cookie *o = task_mem_orphan_cookie;
+  if (!o || (bytes <= 0 && allocs <= 0)) return;
+  int64_t b = __atomic_add_fetch(&o->tmc_bytes, bytes > 0 ? bytes : 0, __ATOMIC_RELAXED);
+  int64_t a = __atomic_add_fetch(&o->tmc_allocs, allocs > 0 ? allocs : 0, __ATOMIC_RELAXED);
+  atomic_max(&o->tmc_bytes_hw, b);
+  atomic_max(&o->tmc_allocs_hw, a);
 }
 
 void mem_fixed_cookies_init(void) {
@@ -122,48 +135,57 @@ void mem_fixed_cookies_init(void) {
   }
   if (!task_mem_libc_cookie.tmc_threads) {
     task_mem_libc_cookie.tmc_thread_slots = thread_slots.load();
-    task_mem_libc_cookie.tmc_threads = slot_array(task_mem_libc_cookie.tmc_thread_slots);
+    task_mem_libc_cookie.tmc_threads = mem_slot_array(task_mem_libc_cookie.tmc_thread_slots);
   }
 }
 
 int mem_cookie_make(const char *name, void *owner, task_mem_cookie **out) {
-  auto *c = static_cast<task_mem_cookie *>(__libc_malloc(sizeof(task_mem_cookie)));
-  if (!c) return ENOMEM;
+  auto *c = static_cast<task_mem_cookie *>(task_block_alloc(mem_cookie_block));
   init_cookie(c, name, owner);
-  link(c);
+  if (!link(c)) {
+    __libc_free(c->tmc_threads);
+    task_block_free(mem_cookie_block, c);
+    return 14;
+  }
   *out = c;
   return 0;
 }
 
 int mem_cookie_release(task_mem_cookie *c) {
-  {
-    std::lock_guard<std::mutex> g(list_lock);
-    task_mem_cookie **pp = &list_head;
-    while (*pp && *pp != c) pp = &(*pp)->tmc_next;
-    if (!*pp) return 3;
-    *pp = c->tmc_next;
+  if (!list_ready) return 3;
+  lfll_node *found = lfll_list_lookup(&cookie_list, c->tmc_id);
+  if (!found) return 3;
+  if (cookie_of(found) != c) {
+    MEM_FATAL("task_mem_cookie_put", "tmc == tmc_ptr");
+    return 3;
   }
+  lfll_list_delete(&cookie_list, found);
   // What was never freed moves to the orphan cookie.
   size_t bytes = 0, allocs = 0;
   task_mem_cookie_get_allocated(c, &bytes, &allocs);
-  task_mem_cookie *o = task_mem_orphan_cookie;
-  if (o && o != c) {
-    int64_t b = __atomic_add_fetch(&o->tmc_bytes, static_cast<int64_t>(bytes), __ATOMIC_RELAXED);
-    int64_t a = __atomic_add_fetch(&o->tmc_allocs, static_cast<int64_t>(allocs), __ATOMIC_RELAXED);
-    atomic_max(&o->tmc_bytes_hw, b);
-    atomic_max(&o->tmc_allocs_hw, a);
-  }
+  if (c != task_mem_orphan_cookie) mem_orphan_take(static_cast<int64_t>(bytes), static_cast<int64_t>(allocs));
   for (unsigned i = 0; i < c->tmc_thread_slots; i++) __libc_free(c->tmc_threads[i]);
   __libc_free(c->tmc_threads);
   __libc_free(c->tmc_threads_old);
   bool is_fixed = c >= fixed && c < fixed + 5;
-  if (!is_fixed) __libc_free(c);
+  if (!is_fixed) task_block_free(mem_cookie_block, c);
   return 0;
 }
 
 void mem_cookie_walk_fn(void (*fn)(task_mem_cookie *, void *), void *arg) {
-  std::lock_guard<std::mutex> g(list_lock);
-  for (task_mem_cookie *c = list_head; c; c = c->tmc_next) fn(c, arg);
+  if (!list_ready) return;
+  struct walk {
+    void (*fn)(task_mem_cookie *, void *);
+    void *arg;
+  } w = {fn, arg};
+  lfll_walk(
+      &cookie_list,
+      [](lfll_node *n, void *a) {
+        auto *w = static_cast<walk *>(a);
+        w->fn(cookie_of(n), w->arg);
+        return false;
+      },
+      &w);
 }
 
 int task_mem_cookie_get_allocated(task_mem_cookie *c, size_t *bytes, size_t *allocations) {
@@ -196,7 +218,7 @@ void task_mem_thread_slots_grow(unsigned count) {
   auto grow = [](task_mem_cookie *c, void *arg) {
     unsigned n = *static_cast<unsigned *>(arg);
     if (n <= c->tmc_thread_slots) return;
-    task_mem_thread_counts **a = slot_array(n);
+    task_mem_thread_counts **a = mem_slot_array(n);
     memcpy(a, c->tmc_threads, c->tmc_thread_slots * sizeof(void *));
     // Another thread may still be reading the old array: keep it one round.
     __libc_free(c->tmc_threads_old);
@@ -206,4 +228,6 @@ void task_mem_thread_slots_grow(unsigned count) {
   };
   mem_cookie_walk_fn(grow, &count);
   grow(&task_mem_libc_cookie, &count);
+  mem_blocks_grow(count);
+  mem_pools_grow(count);
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "mem/block.h"
 #include "mem/mem.h"
 
 // The head in front of every cookie allocation: 16 bytes, so that payloads
@@ -43,6 +44,37 @@ inline void *mem_frame(char *block, size_t size, uint32_t offset, const task_mem
 // Counting, per thread where the thread has a slot, else on "--Orphan--".
 void mem_count_alloc(task_mem_cookie *c, int64_t bytes);
 void mem_count_free(task_mem_cookie *c, int64_t bytes);
+// The same on any per-thread array (cookies and blocks share the record).
+void mem_count(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc);
+// Thread slots every new array gets; a fresh zeroed array of n slots.
+unsigned mem_thread_slots(void);
+task_mem_thread_counts **mem_slot_array(unsigned n);
+// Moves what a dying record set still holds to "--Orphan--".
+void mem_orphan_take(int64_t bytes, int64_t allocs);
+
+// Blocks: the bootstrap blocks and the thread-slot growth of every block.
+void mem_blocks_init(void);
+void mem_blocks_grow(unsigned slots);
+extern task_block *mem_cookie_block;
+
+// Local pools, used by block alloc and free.
+void *mem_pool_take(task_block *bp, int thread);
+bool mem_pool_put(task_block *bp, int thread, void *obj);
+void mem_pool_drain_block(task_block *bp);
+void mem_pools_grow(unsigned slots);
+// Keeps a block's old pool array until no thread can be reading it.
+void mem_pool_retire(task_localpool **old);
+// Frees an object for good: red zone cleared, memory returned, counted.
+void mem_block_release(task_block *bp, void *obj);
+extern bool mem_junk;  // freed pool objects are filled with 0x5a
+
+// The leak detector's view of cookie allocations: set while it samples, null
+// otherwise, so that the hot path pays one load.
+struct mem_leak_hooks {
+  void (*on_alloc)(void *ptr);
+  void (*on_free)(void *ptr);
+};
+extern std::atomic<const mem_leak_hooks *> mem_leak;
 
 // The cookie whose zone `rz` is, among the cookie given and the fixed ones the
 // design allows a free to fall back on; null if none.

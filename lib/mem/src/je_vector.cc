@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "frame_ops.h"
+#include "history.h"
 #include "jem.h"
 
 extern "C" {
@@ -37,6 +38,8 @@ int je_malloc(task_mem_cookie *c, size_t n, void **out) {
   memset(b, 0, size);
   *out = mem_frame(b, size, sizeof(mem_head), c);
   mem_count_alloc(c, static_cast<int64_t>(size));
+  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_alloc(*out);
   return 0;
 }
 
@@ -75,6 +78,8 @@ int je_free(task_mem_cookie *c, void *ptr) {
   if (owner == &task_mem_libc_cookie || mem_use_libc) return mem_libc_vector.tmv_free(owner, ptr);
   *rz &= ~MEM_RZ_FREED;
   mem_count_free(owner, static_cast<int64_t>(size));
+  mem_history_record(ptr, size, 'F', 'c', owner->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
   if (offset == sizeof(mem_head))
     jem_sdallocx(block, size, 0);
   else
@@ -108,6 +113,7 @@ int je_set_debug_options(const char *options, const char *, uint32_t) {
 }
 
 int je_memory_init(void *) {
+  mem_blocks_init();
   mem_fixed_cookies_init();
   return 0;
 }

@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "containers/lfll.h"
+
 struct task;
 struct task_block;
 
@@ -36,7 +38,7 @@ struct task_mem_thread_counts {
 };
 
 struct task_mem_cookie {
-  task_mem_cookie *tmc_next;
+  lfll_node tmc_next;       // link on the cookie list, keyed by tmc_id
   uint32_t tmc_id;          // low 16 bits stand in the red zone
   const char *tmc_name;     // not copied
   void *tmc_owner;
@@ -46,7 +48,6 @@ struct task_mem_cookie {
   uint32_t tmc_thread_slots;                // length of tmc_threads
   task_mem_thread_counts **tmc_threads;     // per thread index, made on first use
   task_mem_thread_counts **tmc_threads_old; // the array before the last growth
-  void *tmc_lnode[2];                       // link on the cookie list
 };
 
 // The fixed cookies, made at initialisation in this order.
