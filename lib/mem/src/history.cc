@@ -26,24 +26,33 @@ std::atomic<uint32_t> next_seq{0};
 std::atomic<uint64_t> misses{0};
 std::atomic<uint32_t> dumps{0};
 
-void dump_on_wrap() {
+int dump_upto(const char *path, uint32_t end);
+
+// Called with the sequence number about to overwrite slot 0: the ring then holds
+// exactly the records before it.
+void dump_on_wrap(uint32_t seq) {
   const char *lsys = getenv("ZLSYSNAME");
   char logical[512];
   snprintf(logical, sizeof logical, "/var/log/dbgtrace_%s_%s.%d.%u.gz", program_invocation_short_name,
            lsys && *lsys ? lsys : "default", static_cast<int>(getpid()), dumps.fetch_add(1));
   char real[1024];
-  if (tvx_path(logical, real, sizeof real)) task_mem_history_dump(real);
+  if (tvx_path(logical, real, sizeof real)) dump_upto(real, seq);
 }
 
+thread_local bool recording = false;
+
 void record(const void *ptr, size_t size, char type, char cls, uint32_t id, int frames) {
-  if (!ring || !mem_up.load(std::memory_order_relaxed)) {
+  // The dump and the unwinder allocate too: what they do while a record is being
+  // written is a miss, not a nested record (nor a nested dump).
+  if (!ring || !mem_up.load(std::memory_order_relaxed) || recording) {
     // Counted without a locked add: the hot path stays free of atomics, and a
     // lost count of a miss harms nothing.
     misses.store(misses.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return;
   }
+  recording = true;
   uint32_t seq = next_seq.fetch_add(1, std::memory_order_relaxed);
-  if (wrap_dump && seq >= ring_count && seq % ring_count == 0) dump_on_wrap();
+  if (wrap_dump && seq >= ring_count && seq % ring_count == 0) dump_on_wrap(seq);
   task_mem_history &r = ring[seq % ring_count];
   r.tmh_ptr = ptr;
   r.tmh_size = static_cast<uint32_t>(size);
@@ -54,6 +63,7 @@ void record(const void *ptr, size_t size, char type, char cls, uint32_t id, int 
   r.tmh_id = id;
   memset(r.tmh_bt, 0, sizeof r.tmh_bt);
   tvx_backtrace(r.tmh_bt, frames);
+  recording = false;
 }
 
 }  // namespace
@@ -86,13 +96,17 @@ const task_mem_history *task_mem_history_get(uint32_t seq) {
   return r.tmh_seq == seq ? &r : nullptr;
 }
 
-int task_mem_history_dump(const char *path) {
+int task_mem_history_dump(const char *path) { return dump_upto(path, next_seq.load()); }
+
+namespace {
+int dump_upto(const char *path, uint32_t end) {
+  if (!ring) return ENOENT;
   gzFile f = gzopen(path, "wb1");
   if (!f) return errno ? errno : EIO;
-  uint32_t end = next_seq.load();
   uint32_t start = end > ring_count ? end - ring_count : 0;
   for (uint32_t s = start; s < end; s++) {
-    const task_mem_history *r = task_mem_history_get(s);
+    const task_mem_history &slot = ring[s % ring_count];
+    const task_mem_history *r = slot.tmh_seq == s ? &slot : nullptr;
     if (!r) continue;
     gzprintf(f, "%u %c%c thr %d id %u ptr %p size %u", r->tmh_seq, r->tmh_type, r->tmh_class, r->tmh_thread,
              r->tmh_id, r->tmh_ptr, r->tmh_size);
@@ -102,3 +116,4 @@ int task_mem_history_dump(const char *path) {
   }
   return gzclose(f) == Z_OK ? 0 : EIO;
 }
+}  // namespace
