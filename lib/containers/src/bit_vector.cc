@@ -87,19 +87,10 @@ bool bit_vector_equal(const bit_vector *a, const bit_vector *b) {
   return a->bv_count == b->bv_count && std::memcmp(a->bv_bits, b->bv_bits, a->bv_count) == 0;
 }
 
-void bit_vector_set(bit_vector **slot, uint32_t bit) {
+void bit_vector_set_grow(bit_vector **slot, uint32_t bit) {
   bit_vector *v = *slot;
   if (!v || (bit >> 3) >= v->bv_count) *slot = v = resize(v, bytes_for(bit));
   v->bv_bits[bit >> 3] |= static_cast<uint8_t>(1u << (bit & 7));
-}
-
-void bit_vector_clear_bit(bit_vector **slot, uint32_t bit) {
-  bit_vector *v = *slot;
-  if (v && (bit >> 3) < v->bv_count) v->bv_bits[bit >> 3] &= static_cast<uint8_t>(~(1u << (bit & 7)));
-}
-
-bool bit_vector_test(const bit_vector *v, uint32_t bit) {
-  return v && (bit >> 3) < v->bv_count && (v->bv_bits[bit >> 3] >> (bit & 7) & 1);
 }
 
 void bit_vector_trim(bit_vector **slot, uint32_t bit) {
@@ -125,6 +116,11 @@ uint32_t bit_vector_first_clear(const bit_vector *v) {
   if (!v) return 0;
   const uint32_t n = v->bv_count;
   uint32_t i = 0;
+  // Runs of ones are skipped 32 bytes at a time: one branch per four words.
+  for (; i + 32 <= n; i += 32) {
+    const uint8_t *p = v->bv_bits + i;
+    if (~(load64(p) & load64(p + 8) & load64(p + 16) & load64(p + 24))) break;
+  }
   for (; i + 8 <= n; i += 8) {
     uint64_t w = load64(v->bv_bits + i);
     if (~w) return i * 8 + static_cast<uint32_t>(std::countr_one(w));

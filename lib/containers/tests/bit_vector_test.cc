@@ -151,6 +151,23 @@ TEST(BitVector, EdgesFromTheDesign) {
   for (bit_vector *x : {v, empty, longer, lazy}) bit_vector_free(x);
 }
 
+// Long runs of ones, which the scan skips in strides: one clear bit at every
+// position of vectors of several sizes, and no clear bit at all.
+TEST(BitVector, FirstClearAfterLongRuns) {
+  for (uint32_t bytes : {4u, 8u, 28u, 32u, 36u, 64u, 100u, 132u}) {
+    bit_vector *v = nullptr;
+    for (uint32_t b = 0; b < bytes * 8; b++) bit_vector_set(&v, b);
+    ASSERT_EQ(v->bv_count, bytes);
+    EXPECT_EQ(bit_vector_first_clear(v), bytes * 8);
+    for (uint32_t p = 0; p < bytes * 8; p++) {
+      bit_vector_clear_bit(&v, p);
+      ASSERT_EQ(bit_vector_first_clear(v), p) << bytes;
+      bit_vector_set(&v, p);
+    }
+    bit_vector_free(v);
+  }
+}
+
 TEST(BitVector, WordsAndPrint) {
   bit_vector *v = nullptr;
   char buf[64];

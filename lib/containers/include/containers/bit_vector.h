@@ -37,10 +37,21 @@ void bit_vector_clear(bit_vector **slot);
 bool bit_vector_equal(const bit_vector *a, const bit_vector *b);
 
 // Sets a bit, growing the vector to ((bit >> 3) + 4) & ~3 bytes if shorter.
-void bit_vector_set(bit_vector **slot, uint32_t bit);
+// Set, clear and test are inline: they are the hot paths of their callers.
+void bit_vector_set_grow(bit_vector **slot, uint32_t bit);
+inline void bit_vector_set(bit_vector **slot, uint32_t bit) {
+  bit_vector *v = *slot;
+  if (!v || (bit >> 3) >= v->bv_count) return bit_vector_set_grow(slot, bit);
+  v->bv_bits[bit >> 3] |= static_cast<uint8_t>(1u << (bit & 7));
+}
 // Clears a bit; a bit past the end is already clear.
-void bit_vector_clear_bit(bit_vector **slot, uint32_t bit);
-bool bit_vector_test(const bit_vector *v, uint32_t bit);
+inline void bit_vector_clear_bit(bit_vector **slot, uint32_t bit) {
+  bit_vector *v = *slot;
+  if (v && (bit >> 3) < v->bv_count) v->bv_bits[bit >> 3] &= static_cast<uint8_t>(~(1u << (bit & 7)));
+}
+inline bool bit_vector_test(const bit_vector *v, uint32_t bit) {
+  return v && (bit >> 3) < v->bv_count && (v->bv_bits[bit >> 3] >> (bit & 7) & 1);
+}
 // Keeps the bits up to and including bit: a longer vector shrinks to
 // ((bit >> 3) + 4) & ~3 bytes and everything above bit is cleared.
 void bit_vector_trim(bit_vector **slot, uint32_t bit);
