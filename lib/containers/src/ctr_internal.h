@@ -1,17 +1,16 @@
-// Private helpers of the heap and table sources: the assertion path, the
-// block handles taken through the allocation hooks, and word bit scans.
+// Private helpers of the heap and table sources: block and cookie handles
+// taken through the memory hooks on first use, and word bit scans.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "containers/bit_tables.h"
-#include "containers/alloc_hooks.h"
+#include "containers/mem_hooks.h"
+#include "fatal.h"
 
-namespace tvx::ctr {
-
-// Writes the failed expression to stderr and aborts.
-[[noreturn]] void assert_fail(const char *expr, const char *func, const char *file, int line);
+namespace tvx::containers {
 
 // A block handle taken on first use.
 struct lazy_block {
@@ -20,23 +19,33 @@ struct lazy_block {
   void *handle = nullptr;
 
   void *get() {
-    if (!handle) handle = ctr_alloc.cah_block_init(name, size);
+    if (!handle) handle = containers_mem.cmh_block_init(name, size);
     return handle;
   }
-  void *alloc() { return ctr_alloc.cah_block_alloc(get()); }
-  void free(void *p) { ctr_alloc.cah_block_free(get(), p); }
+  void *alloc() { return containers_mem.cmh_block_alloc(get()); }
+  void free(void *p) { containers_mem.cmh_block_free(get(), p); }
 };
 
-}  // namespace tvx::ctr
+// A cookie handle taken on first use, for arrays too large for any block.
+struct lazy_cookie {
+  const char *name;
+  void *handle = nullptr;
 
-// The text printed is the expression as written, so the expressions in the
-// sources are spelt the way the assertion messages must read.
-#define CTR_ASSERT(expr) \
-  ((expr) ? (void)0 : ::tvx::ctr::assert_fail(#expr, __func__, __FILE__, __LINE__))
-#define CTR_ASSERT_MSG(cond, text) \
-  ((cond) ? (void)0 : ::tvx::ctr::assert_fail(text, __func__, __FILE__, __LINE__))
-
-namespace tvx::ctr {
+  void *get() {
+    if (!handle) {
+      handle = containers_mem.cmh_cookie_create(name);
+      CONT_ASSERT(handle);
+    }
+    return handle;
+  }
+  // Zeroed like a block object: the arrays are read for null slots.
+  void *zalloc(size_t size) {
+    void *p = containers_mem.cmh_cookie_malloc(get(), size);
+    std::memset(p, 0, size);
+    return p;
+  }
+  void free(void *p) { containers_mem.cmh_cookie_free(get(), p); }
+};
 
 // Lowest and highest set bit of a non-zero word, counted from bit 0, a byte
 // at a time through the exported tables.
@@ -53,4 +62,4 @@ inline unsigned hi_bit(uint32_t w) {
   return 7 - bit_hi_table[w & 0xff];
 }
 
-}  // namespace tvx::ctr
+}  // namespace tvx::containers

@@ -1,5 +1,4 @@
-// Private assertion path of the radix tree, the bit vectors, the variable
-// contexts and the ordered-container wrappers.
+// Private to the containers: the one assertion path of every source.
 #pragma once
 
 namespace tvx::containers {

@@ -7,12 +7,13 @@
 
 namespace {
 
-using tvx::ctr::lazy_block;
+using tvx::containers::lazy_block;
+using tvx::containers::lazy_cookie;
 
 constexpr uint32_t kBucketShift = 6;
 constexpr uint32_t kBucketSlots = 1u << kBucketShift;
 constexpr uint32_t kBucketMask = kBucketSlots - 1;
-// Past the last block-sized directory, directories come from task memory.
+// Past the last block-sized directory, directories are charged to a cookie.
 constexpr uint32_t kLastBlockDir = 1024;
 
 lazy_block heap_block{"iheap_struct", sizeof(iheap)};
@@ -22,6 +23,7 @@ lazy_block dir_blocks[] = {
     {"iheap_indirect_64", 64 * sizeof(void *)},   {"iheap_indirect_256", 256 * sizeof(void *)},
     {"iheap_indirect_1024", 1024 * sizeof(void *)},
 };
+lazy_cookie dir_cookie{"iheap_indirect"};
 
 lazy_block &dir_block(uint32_t size) {
   unsigned i = 0;
@@ -39,7 +41,7 @@ uint32_t next_dir_size(uint32_t n) {
 
 void **alloc_dir(uint32_t size) {
   if (size <= kLastBlockDir) return static_cast<void **>(dir_block(size).alloc());
-  return static_cast<void **>(ctr_alloc.cah_calloc(size, sizeof(void *)));
+  return static_cast<void **>(dir_cookie.zalloc(size * sizeof(void *)));
 }
 
 void free_dir(iheap *heap) {
@@ -48,7 +50,7 @@ void free_dir(iheap *heap) {
     if (size <= kLastBlockDir)
       dir_block(size).free(heap->iheap_dir);
     else
-      ctr_alloc.cah_free(heap->iheap_dir);
+      dir_cookie.free(heap->iheap_dir);
   }
   heap->iheap_dir = reinterpret_cast<void ***>(&heap->iheap_bucket0);
   heap->iheap_dirsize = 1;
@@ -64,7 +66,7 @@ void grow_dir(iheap *heap) {
     if (old_size <= kLastBlockDir)
       dir_block(old_size).free(heap->iheap_dir);
     else
-      ctr_alloc.cah_free(heap->iheap_dir);
+      dir_cookie.free(heap->iheap_dir);
   }
   heap->iheap_dir = reinterpret_cast<void ***>(dir);
   heap->iheap_dirsize = size;
@@ -126,7 +128,7 @@ inline void sift_down(iheap *heap, uint32_t p, void *entry) {
 extern "C" {
 
 void iheap_init(iheap *iheap, uint16_t offset, iheap_compare_fn compare) {
-  CTR_ASSERT(iheap->iheap_magic != IHEAP_MAGIC);
+  CONT_ASSERT(iheap->iheap_magic != IHEAP_MAGIC);
   iheap->iheap_bucket0 = nullptr;
   iheap->iheap_dir = reinterpret_cast<void ***>(&iheap->iheap_bucket0);
   iheap->iheap_entries = 0;
@@ -143,13 +145,13 @@ iheap *iheap_create(uint16_t offset, iheap_compare_fn compare) {
 }
 
 void iheap_release(iheap *iheap) {
-  CTR_ASSERT(iheap->iheap_magic == IHEAP_MAGIC && iheap->iheap_entries == 0);
+  CONT_ASSERT(iheap->iheap_magic == IHEAP_MAGIC && iheap->iheap_entries == 0);
   free_dir(iheap);
   std::memset(static_cast<void *>(iheap), 0, sizeof(*iheap));
 }
 
 void iheap_free(iheap *iheap) {
-  CTR_ASSERT(iheap->iheap_magic == IHEAP_MAGIC && iheap->iheap_entries == 0);
+  CONT_ASSERT(iheap->iheap_magic == IHEAP_MAGIC && iheap->iheap_entries == 0);
   free_dir(iheap);
   iheap->iheap_magic = 0;
   heap_block.free(iheap);
@@ -157,9 +159,9 @@ void iheap_free(iheap *iheap) {
 
 void iheap_add(iheap *heap, void *entry) {
   uint32_t *pos = pos_word(heap, entry);
-  CTR_ASSERT(*pos == 0);
+  CONT_ASSERT(*pos == 0);
   uint32_t i = heap->iheap_entries + 1;
-  CTR_ASSERT(i != 0);
+  CONT_ASSERT(i != 0);
   if ((i & kBucketMask) == 0 || heap->iheap_entries == 0) {
     uint32_t b = i >> kBucketShift;
     if (b >= heap->iheap_dirsize) grow_dir(heap);
@@ -172,7 +174,7 @@ void iheap_add(iheap *heap, void *entry) {
 void iheap_delete(iheap *heap, void *entry) {
   uint32_t *pos = pos_word(heap, entry);
   uint32_t i = *pos;
-  CTR_ASSERT(i != 0);
+  CONT_ASSERT(i != 0);
   *pos = 0;
   uint32_t last = heap->iheap_entries;
   void ***dir = heap->iheap_dir;
@@ -183,11 +185,11 @@ void iheap_delete(iheap *heap, void *entry) {
     dir[last >> kBucketShift] = nullptr;
   }
   if (i == last) {
-    CTR_ASSERT(replacement == entry);
+    CONT_ASSERT(replacement == entry);
     return;
   }
   void **loc = slot(dir, i);
-  CTR_ASSERT(*loc == entry);
+  CONT_ASSERT(*loc == entry);
   if (i > 1 && heap->iheap_compare(replacement, entry) == -1)
     sift_up(heap, i, replacement);
   else
@@ -197,9 +199,9 @@ void iheap_delete(iheap *heap, void *entry) {
 void iheap_change(iheap *heap, void *entry) {
   uint32_t i = *pos_word(heap, entry);
   uint32_t n_entries = heap->iheap_entries;
-  CTR_ASSERT(i && i <= n_entries);
+  CONT_ASSERT(i && i <= n_entries);
   void **loc = slot(heap->iheap_dir, i);
-  CTR_ASSERT(*loc == entry);
+  CONT_ASSERT(*loc == entry);
   if (i > 1 && heap->iheap_compare(*slot(heap->iheap_dir, i >> 1), entry) == 1)
     sift_up(heap, i, entry);
   else

@@ -6,9 +6,10 @@
 
 namespace {
 
-using tvx::ctr::hi_bit;
-using tvx::ctr::lazy_block;
-using tvx::ctr::lo_bit;
+using tvx::containers::hi_bit;
+using tvx::containers::lazy_block;
+using tvx::containers::lazy_cookie;
+using tvx::containers::lo_bit;
 
 constexpr uint32_t kShift = 6;
 constexpr uint32_t kSlots = 64;
@@ -26,6 +27,8 @@ lazy_block indirect_blocks[kHeapClass] = {
     {"itable_indirect_256", 256 * sizeof(itb *)},
     {"itable_indirect_1023", 1023 * sizeof(itb *)},
 };
+// Arrays past the last class.
+lazy_cookie indirect_cookie{"itable_indirect"};
 
 unsigned class_for_need(uint32_t need) {
   for (unsigned c = 0; c < kHeapClass; c++)
@@ -53,7 +56,7 @@ inline uint32_t used_buckets(const itable_t *itp) {
 itb **indirect_alloc(uint32_t size) {
   unsigned c = class_of_size(size);
   if (c < kHeapClass) return static_cast<itb **>(indirect_blocks[c].alloc());
-  return static_cast<itb **>(ctr_alloc.cah_calloc(size, sizeof(itb *)));
+  return static_cast<itb **>(indirect_cookie.zalloc(size * sizeof(itb *)));
 }
 
 void indirect_free(itable_t *itp) {
@@ -62,7 +65,7 @@ void indirect_free(itable_t *itp) {
   if (c < kHeapClass)
     indirect_blocks[c].free(itp->itab_indirect);
   else
-    ctr_alloc.cah_free(itp->itab_indirect);
+    indirect_cookie.free(itp->itab_indirect);
 }
 
 // Moves the used part of the array into one of `size` pointers; size 1 is
@@ -87,7 +90,7 @@ void indirect_move(itable_t *itp, uint32_t size, uint32_t keep) {
 void indirect_shrink(itable_t *itp, uint32_t need) {
   unsigned idx = class_for_need(need);
   unsigned current = class_of_size(itp->itab_indirsize);
-  CTR_ASSERT(idx < current);
+  CONT_ASSERT(idx < current);
   indirect_move(itp, size_for_need(need), need);
 }
 
@@ -103,6 +106,7 @@ void itable_init_blocks(void) {
   table_block.get();
   bucket_block.get();
   for (unsigned c = 1; c < kHeapClass; c++) indirect_blocks[c].get();
+  indirect_cookie.get();
 }
 
 void itable_init(itable_t *itp, uint32_t maxindex) {
@@ -121,7 +125,7 @@ itable_t *itable_create(uint32_t maxindex) {
 }
 
 void itable_set(itable_t *itp, uint32_t idx, void *ptr) {
-  CTR_ASSERT(itp->itab_indirsize && idx != ITAB_MAXINDEX && idx <= itp->itab_maxindex);
+  CONT_ASSERT(itp->itab_indirsize && idx != ITAB_MAXINDEX && idx <= itp->itab_maxindex);
   if (!ptr) {
     itable_reset(itp, idx);
     return;
@@ -137,7 +141,7 @@ void itable_set(itable_t *itp, uint32_t idx, void *ptr) {
 }
 
 void *itable_get(const itable_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_indirsize);
   uint32_t b = idx >> kShift;
   if (b >= itp->itab_indirsize) return nullptr;
   const itb *bucket = itp->itab_indirect[b];
@@ -145,7 +149,7 @@ void *itable_get(const itable_t *itp, uint32_t idx) {
 }
 
 void itable_reset(itable_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_indirsize);
   if (idx >= itp->itab_maxentry) return;
   uint32_t b = idx >> kShift;
   itb *bucket = itp->itab_indirect[b];
@@ -174,7 +178,7 @@ void itable_reset(itable_t *itp, uint32_t idx) {
 }
 
 void itable_clear(itable_t *itp) {
-  CTR_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_indirsize);
   uint32_t n = used_buckets(itp);
   for (uint32_t b = 0; b < n; b++)
     if (itp->itab_indirect[b]) bucket_block.free(itp->itab_indirect[b]);
@@ -183,29 +187,29 @@ void itable_clear(itable_t *itp) {
 }
 
 void itable_free(itable_t *itp) {
-  CTR_ASSERT(itp->itab_indirsize);
-  CTR_ASSERT(itp->itab_maxentry == 0);
+  CONT_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_maxentry == 0);
   indirect_free(itp);
   itp->itab_indirsize = 0;
   table_block.free(itp);
 }
 
 uint32_t itable_find_first_used(const itable_t *itp) {
-  CTR_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_indirsize);
   uint32_t n = used_buckets(itp);
   for (uint32_t b = 0; b < n; b++) {
     const itb *bucket = itp->itab_indirect[b];
     if (!bucket) continue;
     if (bucket->itb_bmask[0]) return (b << kShift) + lo_bit(bucket->itb_bmask[0]);
-    CTR_ASSERT(bucket->itb_bmask[1]);
+    CONT_ASSERT(bucket->itb_bmask[1]);
     return (b << kShift) + 32 + lo_bit(bucket->itb_bmask[1]);
   }
-  CTR_ASSERT(itp->itab_maxentry == 0);
+  CONT_ASSERT(itp->itab_maxentry == 0);
   return ITAB_NONE;
 }
 
 uint32_t itable_getnext_used(const itable_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_indirsize);
   uint32_t start = idx + 1;
   if (start >= itp->itab_maxentry) return ITAB_NONE;
   uint32_t n = used_buckets(itp);
@@ -223,7 +227,7 @@ uint32_t itable_getnext_used(const itable_t *itp, uint32_t idx) {
 }
 
 uint32_t itable_find_first_free(itable_t *itp, int zero_ok) {
-  CTR_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_indirsize);
   const itb *b0 = itp->itab_indirect[0];
   if (!b0) return none_if_over(itp, zero_ok ? 0 : 1);
   uint32_t w = b0->itb_bmask[0] | (zero_ok ? 0u : 1u);
@@ -253,7 +257,7 @@ uint32_t itable_find_first_free(itable_t *itp, int zero_ok) {
 }
 
 uint32_t itable_getnext_free(const itable_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab_indirsize);
+  CONT_ASSERT(itp->itab_indirsize);
   uint64_t pos = uint32_t(idx + 1);
   if (pos > itp->itab_maxindex) return ITAB_NONE;
   while (pos < itp->itab_maxentry) {

@@ -6,9 +6,9 @@
 
 namespace {
 
-using tvx::ctr::hi_bit;
-using tvx::ctr::lazy_block;
-using tvx::ctr::lo_bit;
+using tvx::containers::hi_bit;
+using tvx::containers::lazy_block;
+using tvx::containers::lo_bit;
 
 constexpr uint32_t kShift = 3;
 constexpr uint32_t kSlots = 8;
@@ -34,7 +34,7 @@ void *(*alt_alloc)(size_t) = nullptr;
 void (*alt_free)(void *) = nullptr;
 
 unsigned itab8_size_to_idx(uint32_t need) {
-  CTR_ASSERT_MSG(need <= kMaxNeed, "itab8_size_to_idx");
+  CONT_ASSERT_MSG(need <= kMaxNeed, "itab8_size_to_idx");
   return kNeedToClass[need];
 }
 
@@ -43,7 +43,7 @@ unsigned class_of_size(uint32_t size) { return static_cast<unsigned>(__builtin_c
 void *mem_alloc(lazy_block &block) {
   if (!alt_alloc) return block.alloc();
   void *p = alt_alloc(block.size);
-  CTR_ASSERT(p != nullptr);
+  CONT_ASSERT(p != nullptr);
   std::memset(p, 0, block.size);
   return p;
 }
@@ -116,7 +116,7 @@ itable8_t *itable8_create(uint32_t maxindex) {
 }
 
 void itable8_set(itable8_t *itp, uint32_t idx, void *ptr) {
-  CTR_ASSERT(itp->itab8_indirsize && idx <= itp->itab8_maxindex);
+  CONT_ASSERT(itp->itab8_indirsize && idx <= itp->itab8_maxindex);
   if (!ptr) {
     itable8_reset(itp, idx);
     return;
@@ -132,7 +132,7 @@ void itable8_set(itable8_t *itp, uint32_t idx, void *ptr) {
 }
 
 void *itable8_get(const itable8_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_indirsize);
   uint32_t b = idx >> kShift;
   if (b >= itp->itab8_indirsize) return nullptr;
   const itb8 *bucket = itp->itab8_indirect[b];
@@ -140,7 +140,7 @@ void *itable8_get(const itable8_t *itp, uint32_t idx) {
 }
 
 void itable8_reset(itable8_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_indirsize);
   if (idx >= itp->itab8_maxentry) return;
   uint32_t b = idx >> kShift;
   itb8 *bucket = itp->itab8_indirect[b];
@@ -170,7 +170,7 @@ void itable8_reset(itable8_t *itp, uint32_t idx) {
 }
 
 void itable8_clear(itable8_t *itp) {
-  CTR_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_indirsize);
   uint32_t n = used_buckets(itp);
   for (uint32_t b = 0; b < n; b++)
     if (itp->itab8_indirect[b]) bucket_block.free(itp->itab8_indirect[b]);
@@ -179,26 +179,26 @@ void itable8_clear(itable8_t *itp) {
 }
 
 void itable8_free(itable8_t *itp) {
-  CTR_ASSERT(itp->itab8_indirsize);
-  CTR_ASSERT(itp->itab8_maxentry == 0);
+  CONT_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_maxentry == 0);
   indirect_free(itp);
   itp->itab8_indirsize = 0;
   mem_free(table_block, itp);
 }
 
 uint32_t itable8_find_first_used(const itable8_t *itp) {
-  CTR_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_indirsize);
   uint32_t n = used_buckets(itp);
   for (uint32_t b = 0; b < n; b++) {
     const itb8 *bucket = itp->itab8_indirect[b];
     if (bucket) return (b << kShift) + bit_lo_table[bucket->itb8_bmask];
   }
-  CTR_ASSERT(itp->itab8_maxentry == 0);
+  CONT_ASSERT(itp->itab8_maxentry == 0);
   return ITAB_NONE;
 }
 
 uint32_t itable8_getnext_used(const itable8_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_indirsize);
   uint32_t start = idx + 1;
   if (start >= itp->itab8_maxentry) return ITAB_NONE;
   uint32_t n = used_buckets(itp);
@@ -213,7 +213,7 @@ uint32_t itable8_getnext_used(const itable8_t *itp, uint32_t idx) {
 }
 
 uint32_t itable8_find_first_free(itable8_t *itp, int zero_ok) {
-  CTR_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_indirsize);
   const itb8 *b0 = itp->itab8_indirect[0];
   if (!b0) return none_if_over(itp, zero_ok ? 0 : 1);
   uint32_t w = b0->itb8_bmask | (zero_ok ? 0u : 1u);
@@ -238,7 +238,7 @@ uint32_t itable8_find_first_free(itable8_t *itp, int zero_ok) {
 }
 
 uint32_t itable8_getnext_free(const itable8_t *itp, uint32_t idx) {
-  CTR_ASSERT(itp->itab8_indirsize);
+  CONT_ASSERT(itp->itab8_indirsize);
   uint32_t pos = idx + 1;
   if (pos > itp->itab8_maxindex) return ITAB_NONE;
   while (pos < itp->itab8_maxentry) {

@@ -1,13 +1,15 @@
-// Allocation hooks for the container tests: malloc-backed like the defaults,
-// counting live objects per block name and live task-memory arrays, so that
-// tests can see buckets and directories come and go.
+// Memory hooks for the container tests: malloc-backed like the defaults,
+// counting live objects per block name and live allocations per cookie name,
+// so that tests can see buckets and directories come and go, and in which
+// allocator they land.
 #pragma once
 
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 
-#include "containers/alloc_hooks.h"
+#include "containers/mem_hooks.h"
 
 namespace counting {
 
@@ -17,19 +19,31 @@ struct block {
   long live = 0;
 };
 
+struct cookie {
+  std::string name;
+  long live = 0;
+};
+
 inline std::map<std::string, block> &blocks() {
   static std::map<std::string, block> b;
   return b;
 }
-inline long mem_live = 0;
+inline std::map<std::string, cookie> &cookies() {
+  static std::map<std::string, cookie> c;
+  return c;
+}
 
 inline long live(const std::string &name) {
   auto it = blocks().find(name);
   return it == blocks().end() ? 0 : it->second.live;
 }
+inline long cookie_live(const std::string &name) {
+  auto it = cookies().find(name);
+  return it == cookies().end() ? 0 : it->second.live;
+}
 
 inline void install() {
-  static const ctr_alloc_hooks hooks = {
+  static const containers_mem_hooks hooks = {
       [](const char *name, size_t size) -> void * {
         auto &b = blocks()[name];
         b.name = name;
@@ -45,19 +59,30 @@ inline void install() {
         static_cast<block *>(blk)->live--;
         std::free(p);
       },
-      [](size_t n, size_t size) -> void * {
-        mem_live++;
-        return std::calloc(n, size);
+      [](const char *name) -> void * {
+        auto &c = cookies()[name];
+        c.name = name;
+        return &c;
       },
-      [](void *p) {
-        mem_live--;
+      // Filled with garbage: cookie memory is not zeroed, and a container
+      // that relied on it would read stale slots.
+      [](void *c, size_t size) -> void * {
+        static_cast<cookie *>(c)->live++;
+        return std::memset(std::malloc(size), 0xa5, size);
+      },
+      [](void *c, void *p, size_t size) -> void * {
+        if (!p) static_cast<cookie *>(c)->live++;
+        return std::realloc(p, size);
+      },
+      [](void *c, void *p) {
+        static_cast<cookie *>(c)->live--;
         std::free(p);
       },
   };
-  ctr_alloc_hooks_set(&hooks);
+  containers_mem_hooks_set(&hooks);
 }
 
-// Installed before any test runs: block handles are taken once.
+// Installed before any test runs: block and cookie handles are taken once.
 inline const bool installed = (install(), true);
 
 }  // namespace counting

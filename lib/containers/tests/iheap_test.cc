@@ -157,12 +157,12 @@ TEST_F(Iheap, SortLeavesKeyOrderAndAValidHeap) {
   }
 }
 
-// Past 65,536 entries the directory leaves the block ladder for task memory,
+// Past 65,536 entries the directory leaves the block ladder for its cookie,
 // and it goes back to the allocator when the heap is released.
 TEST_F(Iheap, GrowsPastTheBlockLadder) {
   long buckets = counting::live("iheap_bucket");
   long dir1024 = counting::live("iheap_indirect_1024");
-  long mem = counting::mem_live;
+  long mem = counting::cookie_live("iheap_indirect");
   iheap own{};
   iheap_init(&own, offsetof(item, pos), cmp_items);
   std::mt19937_64 rng(99);
@@ -178,7 +178,7 @@ TEST_F(Iheap, GrowsPastTheBlockLadder) {
   EXPECT_EQ(seen_sizes, (std::vector<uint32_t>{1, 4, 16, 64, 256, 1024, 2046, 4094}));
   EXPECT_EQ(counting::live("iheap_bucket"), buckets + n / 64 + 1);
   EXPECT_EQ(counting::live("iheap_indirect_1024"), dir1024);
-  EXPECT_EQ(counting::mem_live, mem + 1);
+  EXPECT_EQ(counting::cookie_live("iheap_indirect"), mem + 1);
   for (uint32_t p = 2; p <= n; p++)
     ASSERT_LE(static_cast<item *>(iheap_at(&own, p / 2))->key,
               static_cast<item *>(iheap_at(&own, p))->key);
@@ -193,7 +193,7 @@ TEST_F(Iheap, GrowsPastTheBlockLadder) {
   }
   EXPECT_EQ(counting::live("iheap_bucket"), buckets);
   iheap_release(&own);
-  EXPECT_EQ(counting::mem_live, mem);
+  EXPECT_EQ(counting::cookie_live("iheap_indirect"), mem);
   EXPECT_EQ(own.iheap_magic, 0);
   iheap_init(&own, offsetof(item, pos), cmp_items);  // may be initialised anew
   iheap_release(&own);

@@ -199,7 +199,7 @@ TYPED_TEST(Itables, FreeSearchLimits) {
 TEST(Itable, ArrayClassesComeAndGo) {
   itable_init_blocks();
   long buckets = counting::live("itable_bucket");
-  long mem = counting::mem_live;
+  long mem = counting::cookie_live("itable_indirect");
   itable_t *t = itable_create(ITAB_MAXINDEX);
   EXPECT_EQ(t->itab_maxindex, ITAB_MAXINDEX - 1);
   itable_set(t, 1000, ptr_of(1000));  // bucket 15: class 2
@@ -212,17 +212,17 @@ TEST(Itable, ArrayClassesComeAndGo) {
   EXPECT_EQ(counting::live("itable_indirect_16"), 0);
   EXPECT_EQ(counting::live("itable_bucket"), buckets);
 
-  // Need 1023 buckets stays in the block; 1024 goes to task memory, 2047 wide.
+  // Need 1023 buckets stays in the block; 1024 goes to the cookie, 2047 wide.
   itable_set(t, 1022 * 64, ptr_of(1));
   EXPECT_EQ(t->itab_indirsize, 1023u);
   itable_set(t, 1023 * 64 + 5, ptr_of(2));
   EXPECT_EQ(t->itab_indirsize, 2047u);
-  EXPECT_EQ(counting::mem_live, mem + 1);
+  EXPECT_EQ(counting::cookie_live("itable_indirect"), mem + 1);
   EXPECT_EQ(counting::live("itable_indirect_1023"), 0);
   itable_set(t, 3, ptr_of(3));
   itable_reset(t, 1023 * 64 + 5);  // top falls to bucket 1022: class 5 again
   EXPECT_EQ(t->itab_indirsize, 1023u);
-  EXPECT_EQ(counting::mem_live, mem);
+  EXPECT_EQ(counting::cookie_live("itable_indirect"), mem);
   EXPECT_EQ(t->itab_maxentry, 1022u * 64 + 1);
   itable_reset(t, 1022 * 64);
   EXPECT_EQ(t->itab_maxentry, 4u);
