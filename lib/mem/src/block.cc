@@ -5,6 +5,7 @@
 #include "history.h"
 #include "internal.h"
 #include "jem.h"
+#include "local_pool.h"
 
 uint16_t task_block_global_flags = 0;
 int task_block_fail_alloc = 0;
@@ -124,7 +125,7 @@ task_block *task_block_init_flags(size_t size, const char *name, uint32_t flags)
   bp->tb_name = name;
   bp->tb_size = static_cast<uint16_t>(size);
   bp->tb_flags = static_cast<uint16_t>(flags);
-  bp->tb_owner = task_mem_thread_index();
+  bp->tb_owner = mem_thread();
   bp->tb_real_size = real_size(size, bp->tb_flags);
   bp->tb_id = next_block_id.fetch_add(1);
   bp->tb_lp_count = mem_thread_slots();
@@ -135,9 +136,10 @@ task_block *task_block_init_flags(size_t size, const char *name, uint32_t flags)
 }
 
 void *task_block_alloc(task_block *bp) {
-  if ((bp->tb_flags & TASK_BLOCK_OWN_ARENA) && !(bp->tb_flags & TASK_BLOCK_NO_REDZONE) && arena() == NO_ARENA)
+  if (MEM_UNLIKELY(bp->tb_flags & TASK_BLOCK_OWN_ARENA) && !(bp->tb_flags & TASK_BLOCK_NO_REDZONE) &&
+      arena() == NO_ARENA)
     bp->tb_flags &= ~TASK_BLOCK_OWN_ARENA;
-  int t = task_mem_thread_index();
+  int t = mem_thread();
   char *p = static_cast<char *>(mem_pool_take(bp, t));
   if (!p) {
     p = static_cast<char *>(raw_alloc(bp));
@@ -147,7 +149,8 @@ void *task_block_alloc(task_block *bp) {
     }
     mem_count(bp->tb_threads, bp->tb_lp_count, bp->tb_real_size, true);
   }
-  memset(p, 0, bp->tb_real_size);
+  // The object is what the caller sees; the allocator's slack after it is not.
+  memset(p, 0, bp->tb_size);
   if (!(bp->tb_flags & TASK_BLOCK_NO_REDZONE)) *mem_rz_at(p, bp->tb_real_size) = zone_of(bp);
   mem_history_record(p, bp->tb_real_size, 'A', 'b', bp->tb_id, 6);
   return p;
@@ -171,7 +174,7 @@ void task_block_free(task_block *bp, void *ptr) {
     return;
   }
   mem_history_record(p, bp->tb_real_size, 'F', 'b', bp->tb_id, 6);
-  if (mem_pool_put(bp, task_mem_thread_index(), p)) return;
+  if (mem_pool_put(bp, mem_thread(), p)) return;
   mem_block_release(bp, p);
 }
 

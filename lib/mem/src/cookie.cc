@@ -21,7 +21,6 @@ bool list_ready = false;
 lfll_node *node_of(task_mem_cookie *c) { return &c->tmc_next; }
 task_mem_cookie *cookie_of(lfll_node *n) { return LFLL_ENTRY(n, task_mem_cookie, tmc_next); }
 
-thread_local int thread_index = -2;  // -2: not decided yet
 
 task_mem_thread_counts *record(task_mem_thread_counts **arr, int t) {
   task_mem_thread_counts *r = arr[t];
@@ -80,12 +79,16 @@ task_mem_cookie *task_mem_orphan_cookie, *task_mem_system_cookie, *task_mem_anon
     *task_mem_pool_cookie, *task_mem_lfll_cookie;
 task_mem_cookie task_mem_libc_cookie = {{}, 0xfffe, "--libc--", nullptr, 0, 0, 0, 0, 0, 0, 0, 0, nullptr, nullptr};
 
-int task_mem_thread_index(void) {
-  if (thread_index == -2) thread_index = syscall(SYS_gettid) == getpid() ? 0 : -1;
-  return thread_index;
+constinit thread_local int mem_thread_slot = -2;
+
+int mem_thread_slot_decide(void) {
+  mem_thread_slot = syscall(SYS_gettid) == getpid() ? 0 : -1;
+  return mem_thread_slot;
 }
 
-void task_mem_set_thread_index(int index) { thread_index = index; }
+int task_mem_thread_index(void) { return mem_thread(); }
+
+void task_mem_set_thread_index(int index) { mem_thread_slot = index; }
 
 task_mem_thread_counts **mem_slot_array(unsigned n) {
   auto **a = static_cast<task_mem_thread_counts **>(__libc_calloc(n, sizeof(void *)));
@@ -95,8 +98,8 @@ task_mem_thread_counts **mem_slot_array(unsigned n) {
 
 unsigned mem_thread_slots(void) { return thread_slots.load(std::memory_order_relaxed); }
 
-void mem_count(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc) {
-  int t = task_mem_thread_index();
+void mem_count_slow(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc) {
+  int t = mem_thread();
   if (t < 0 || static_cast<unsigned>(t) >= slots) return alloc ? off_slot(bytes, 1) : off_slot(-bytes, -1);
   task_mem_thread_counts *r = record(arr, t);
   r->tmt_ops++;
@@ -113,8 +116,6 @@ void mem_count(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool
   }
 }
 
-void mem_count_alloc(task_mem_cookie *c, int64_t bytes) { mem_count(c->tmc_threads, c->tmc_thread_slots, bytes, true); }
-void mem_count_free(task_mem_cookie *c, int64_t bytes) { mem_count(c->tmc_threads, c->tmc_thread_slots, bytes, false); }
 
 void mem_orphan_take(int64_t bytes, int64_t allocs) {
   task_mem_cookie *o = task_mem_orphan_cookie;

@@ -16,14 +16,16 @@
 #include "platform/path.h"
 
 std::atomic<const mem_leak_hooks *> mem_leak{nullptr};
+task_mem_history *mem_history_ring = nullptr;
+std::atomic<uint64_t> mem_history_missed{0};
 
 namespace {
 
-task_mem_history *ring = nullptr;
+task_mem_history *&ring = mem_history_ring;
 uint32_t ring_count = 0;
 bool wrap_dump = false;
 std::atomic<uint32_t> next_seq{0};
-std::atomic<uint64_t> misses{0};
+std::atomic<uint64_t> &misses = mem_history_missed;
 std::atomic<uint32_t> dumps{0};
 
 int dump_upto(const char *path, uint32_t end);
@@ -45,8 +47,6 @@ void record(const void *ptr, size_t size, char type, char cls, uint32_t id, int 
   // The dump and the unwinder allocate too: what they do while a record is being
   // written is a miss, not a nested record (nor a nested dump).
   if (!ring || !mem_up.load(std::memory_order_relaxed) || recording) {
-    // Counted without a locked add: the hot path stays free of atomics, and a
-    // lost count of a miss harms nothing.
     misses.store(misses.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return;
   }
@@ -59,7 +59,7 @@ void record(const void *ptr, size_t size, char type, char cls, uint32_t id, int 
   r.tmh_seq = seq;
   r.tmh_type = type;
   r.tmh_class = cls;
-  r.tmh_thread = static_cast<int16_t>(task_mem_thread_index());
+  r.tmh_thread = static_cast<int16_t>(mem_thread());
   r.tmh_id = id;
   memset(r.tmh_bt, 0, sizeof r.tmh_bt);
   tvx_backtrace(r.tmh_bt, frames);
@@ -68,7 +68,7 @@ void record(const void *ptr, size_t size, char type, char cls, uint32_t id, int 
 
 }  // namespace
 
-void mem_history_record(const void *ptr, size_t size, char type, char cls, uint32_t id, int frames) {
+void mem_history_write(const void *ptr, size_t size, char type, char cls, uint32_t id, int frames) {
   record(ptr, size, type, cls, id, frames);
 }
 

@@ -41,11 +41,40 @@ inline void *mem_frame(char *block, size_t size, uint32_t offset, const task_mem
   return block + offset;
 }
 
-// Counting, per thread where the thread has a slot, else on "--Orphan--".
-void mem_count_alloc(task_mem_cookie *c, int64_t bytes);
-void mem_count_free(task_mem_cookie *c, int64_t bytes);
-// The same on any per-thread array (cookies and blocks share the record).
-void mem_count(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc);
+#define MEM_LIKELY(x) __builtin_expect(!!(x), 1)
+#define MEM_UNLIKELY(x) __builtin_expect(!!(x), 0)
+
+// The calling thread's index; -2 until first asked.
+extern constinit thread_local int mem_thread_slot;
+int mem_thread_slot_decide(void);
+inline int mem_thread() {
+  int t = mem_thread_slot;
+  return MEM_LIKELY(t != -2) ? t : mem_thread_slot_decide();
+}
+
+// Counting, per thread where the thread has a slot, else on "--Orphan--". The
+// common case (a slot with its record made) is inline and takes no atomic.
+void mem_count_slow(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc);
+inline void mem_count(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc) {
+  int t = mem_thread();
+  task_mem_thread_counts *r;
+  if (MEM_UNLIKELY(t < 0 || static_cast<uint32_t>(t) >= slots || !(r = arr[t])))
+    return mem_count_slow(arr, slots, bytes, alloc);
+  r->tmt_ops++;
+  if (alloc) {
+    r->tmt_bytes += bytes;
+    r->tmt_allocs++;
+    if (r->tmt_bytes > r->tmt_bytes_hw) r->tmt_bytes_hw = r->tmt_bytes;
+    if (r->tmt_allocs > r->tmt_allocs_hw) r->tmt_allocs_hw = r->tmt_allocs;
+  } else {
+    r->tmt_bytes -= bytes;
+    r->tmt_allocs--;
+    r->tmt_freed_bytes += bytes;
+    r->tmt_frees++;
+  }
+}
+inline void mem_count_alloc(task_mem_cookie *c, int64_t bytes) { mem_count(c->tmc_threads, c->tmc_thread_slots, bytes, true); }
+inline void mem_count_free(task_mem_cookie *c, int64_t bytes) { mem_count(c->tmc_threads, c->tmc_thread_slots, bytes, false); }
 // Thread slots every new array gets; a fresh zeroed array of n slots.
 unsigned mem_thread_slots(void);
 task_mem_thread_counts **mem_slot_array(unsigned n);
@@ -57,9 +86,7 @@ void mem_blocks_init(void);
 void mem_blocks_grow(unsigned slots);
 extern task_block *mem_cookie_block;
 
-// Local pools, used by block alloc and free.
-void *mem_pool_take(task_block *bp, int thread);
-bool mem_pool_put(task_block *bp, int thread, void *obj);
+// Local pools (fast paths in local_pool.h).
 void mem_pool_drain_block(task_block *bp);
 void mem_pools_grow(unsigned slots);
 // Keeps a block's old pool array until no thread can be reading it.
@@ -105,3 +132,7 @@ void __libc_free(void *);
 }
 
 #define MEM_FATAL(fn, expr) task_mem_fatal(fn, __FILE__, __LINE__, expr)
+
+// task_lite pools, for the pool report.
+struct task_lite_pool;
+void mem_lite_walk(void (*fn)(task_lite_pool *, void *), void *arg);

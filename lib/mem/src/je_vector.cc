@@ -22,13 +22,28 @@ __attribute__((constructor(101))) void choose_options() {
     jem_malloc_conf = "prof:true,prof_active:false,junk:true";
 }
 
+// jemalloc's size classes for small requests, read once from nallocx: a table
+// look-up on the hot path instead of a call.
+constexpr size_t CLASS_STEP = 16, CLASS_LIMIT = 8192;
+uint32_t size_class[CLASS_LIMIT / CLASS_STEP + 1];
+
+void read_size_classes() {
+  for (size_t i = 0; i <= CLASS_LIMIT / CLASS_STEP; i++)
+    size_class[i] = static_cast<uint32_t>(jem_nallocx(i ? i * CLASS_STEP : 1, 0));
+}
+
+inline size_t real_size(size_t want) {
+  if (want <= CLASS_LIMIT && size_class[CLASS_LIMIT / CLASS_STEP]) return size_class[(want + CLASS_STEP - 1) / CLASS_STEP];
+  return jem_nallocx(want, 0);
+}
+
 int je_malloc(task_mem_cookie *c, size_t n, void **out) {
   if (mem_use_libc) return mem_libc_vector.tmv_malloc(c, n, out);
   size_t want;
   char *b = nullptr;
   size_t size = 0;
   if (mem_want(n, sizeof(mem_head), &want)) {
-    size = jem_nallocx(want, 0);
+    size = real_size(want);
     b = static_cast<char *>(jem_mallocx(size, 0));
   }
   if (!b) {
@@ -70,7 +85,7 @@ int je_free(task_mem_cookie *c, void *ptr) {
   uint32_t offset = h->mh_offset;
   char *block = mem_block_of(ptr);
   uint32_t *rz = mem_rz_at(block, size);
-  task_mem_cookie *owner = mem_zone_owner(c, *rz);
+  task_mem_cookie *owner = MEM_LIKELY(*rz == mem_cookie_zone(c)) ? c : mem_zone_owner(c, *rz);
   if (!owner) {
     MEM_FATAL("free", "!\"Cookie RedZone Validation Failed\"");
     return EFAULT;
@@ -113,6 +128,7 @@ int je_set_debug_options(const char *options, const char *, uint32_t) {
 }
 
 int je_memory_init(void *) {
+  read_size_classes();
   mem_blocks_init();
   mem_fixed_cookies_init();
   return 0;

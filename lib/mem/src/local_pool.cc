@@ -3,10 +3,11 @@
 #include <cstring>
 #include <vector>
 
-#include "internal.h"
-#include "mem/pool.h"
+#include "local_pool.h"
 
 bool mem_junk = false;
+bool mem_pools_on = true;
+bool mem_pool_job_wanted = false;
 
 namespace {
 
@@ -16,14 +17,14 @@ struct thread_pools {
   bool round = false;
 };
 
-bool enabled = true;
 const task_mem_pool_job_ops *job_ops = nullptr;
+bool job_running = false;
 std::vector<thread_pools> threads(1);  // index 0: the main thread; grown on thread 0
 std::vector<task_localpool **> retired;
 task_block *pool_block = nullptr;      // "localpool"
 
 thread_pools *mine() {
-  int t = task_mem_thread_index();
+  int t = mem_thread();
   return t >= 0 && static_cast<size_t>(t) < threads.size() ? &threads[t] : nullptr;
 }
 
@@ -63,24 +64,21 @@ uint32_t give_back(task_localpool *lp, uint32_t n) {
 
 }  // namespace
 
-void *mem_pool_take(task_block *bp, int t) {
-  if (!(bp->tb_flags & TASK_BLOCK_LOCAL_POOL) || !enabled || t < 0) return nullptr;
-  task_localpool *lp = pool_of(bp, t, false);
-  if (!lp || !lp->lp_head) return nullptr;
-  void *obj = pop(lp);
-  if (lp->lp_trim > lp->lp_count) lp->lp_trim = lp->lp_count;
-  return obj;
-}
+void mem_pool_thread_fault(void) { MEM_FATAL("task_localpool", "thr < this->tb_lp_count"); }
 
-bool mem_pool_put(task_block *bp, int t, void *obj) {
-  if (!(bp->tb_flags & TASK_BLOCK_LOCAL_POOL) || !enabled || t < 0) return false;
+bool mem_pool_put_slow(task_block *bp, int t, void *obj) {
   task_localpool *lp = pool_of(bp, t, true);
+  if (!lp) return false;
   if (mem_junk) memset(obj, 0x5a, bp->tb_size);
   *static_cast<void **>(obj) = lp->lp_head;
   lp->lp_head = obj;
   lp->lp_count++;
   lp->lp_done = 0;
-  if (job_ops && job_ops->start) job_ops->start();
+  if (mem_pool_job_wanted) {
+    job_running = true;
+    mem_pool_job_wanted = false;
+    job_ops->start();
+  }
   return true;
 }
 
@@ -102,14 +100,14 @@ void mem_pools_grow(unsigned slots) {
   if (slots > threads.size()) threads.resize(slots);
 }
 
-void task_mem_block_pool_enable(void) { enabled = true; }
+void task_mem_block_pool_enable(void) { mem_pools_on = true; }
 
 void task_mem_block_pool_disable(void) {
-  enabled = false;
+  mem_pools_on = false;
   task_mem_block_pool_empty();
 }
 
-bool task_mem_block_pool_enabled(void) { return enabled; }
+bool task_mem_block_pool_enabled(void) { return mem_pools_on; }
 
 void task_mem_block_pool_empty(void) {
   thread_pools *tp = mine();
@@ -148,10 +146,16 @@ bool task_mem_block_pool_age(void) {
   for (task_localpool *lp = tp->pools; lp; lp = lp->lp_next)
     if (!lp->lp_done) return false;
   tp->round = false;
+  // The round is over: the cleaner ends, and the next put starts it again.
+  job_running = false;
+  mem_pool_job_wanted = job_ops && job_ops->start;
   return true;
 }
 
-void task_mem_set_pool_job_ops(const task_mem_pool_job_ops *ops) { job_ops = ops; }
+void task_mem_set_pool_job_ops(const task_mem_pool_job_ops *ops) {
+  job_ops = ops;
+  mem_pool_job_wanted = ops && ops->start && !job_running;
+}
 
 task_localpool *task_mem_thread_pools(void) {
   thread_pools *tp = mine();
