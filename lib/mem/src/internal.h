@@ -81,6 +81,9 @@ task_mem_thread_counts **mem_slot_array(unsigned n);
 // Moves what a dying record set still holds to "--Orphan--".
 void mem_orphan_take(int64_t bytes, int64_t allocs);
 
+// Points the containers' allocation hooks at blocks and cookies.
+void mem_container_hooks_install(void);
+
 // Blocks: the bootstrap blocks and the thread-slot growth of every block.
 void mem_blocks_init(void);
 void mem_blocks_grow(unsigned slots);

@@ -131,6 +131,7 @@ int je_memory_init(void *) {
   read_size_classes();
   mem_blocks_init();
   mem_fixed_cookies_init();
+  mem_container_hooks_install();
   return 0;
 }
 

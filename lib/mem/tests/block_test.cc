@@ -193,3 +193,23 @@ TEST_F(BlocksDeath, AllocationFailureIsFatal) {
       },
       "ptr != \\(\\(void \\*\\)0\\)");
 }
+
+#include "containers/bit_vector.h"
+
+// Once the memory system is up, the containers allocate through it.
+TEST_F(Blocks, ContainersAllocateThroughBlocksAndCookies) {
+  bit_vector_lib_init();
+  bit_vector *bv = bit_vector_create();
+  bit_vector_set(&bv, 5000);
+  size_t found = 0;
+  auto count = [](task_mem_cookie *c, void *arg) {
+    if (strcmp(c->tmc_name, "bit_vector") == 0) {
+      size_t b, a;
+      task_mem_cookie_get_allocated(c, &b, &a);
+      *static_cast<size_t *>(arg) += a;
+    }
+  };
+  mem_cookie_walk_fn(count, &found);
+  EXPECT_GE(found, 1u);
+  bit_vector_free(bv);
+}
