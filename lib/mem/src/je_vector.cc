@@ -75,6 +75,8 @@ int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
   memset(b, 0, size);
   *out = mem_frame(b, size, static_cast<uint32_t>(align), c);
   mem_count_alloc(c, static_cast<int64_t>(size));
+  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_alloc(*out);
   return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include "frame_ops.h"
+#include "history.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ int libc_malloc(task_mem_cookie *c, size_t n, void **out) {
   memset(b, 0, size);
   *out = mem_frame(b, size, sizeof(mem_head), c);
   mem_count_alloc(c, static_cast<int64_t>(size));
+  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
   return 0;
 }
 
@@ -30,6 +32,7 @@ int libc_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
   memset(b, 0, size);
   *out = mem_frame(b, size, static_cast<uint32_t>(offset), c);
   mem_count_alloc(c, static_cast<int64_t>(size));
+  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
   return 0;
 }
 
@@ -45,6 +48,7 @@ int libc_free(task_mem_cookie *c, void *ptr) {
   }
   *rz &= ~MEM_RZ_FREED;
   mem_count_free(owner, static_cast<int64_t>(h->mh_size));
+  mem_history_record(ptr, h->mh_size, 'F', 'c', owner->tmc_id, 6);
   __libc_free(block);
   return 0;
 }
