@@ -101,21 +101,9 @@ unsigned mem_thread_slots(void) { return thread_slots.load(std::memory_order_rel
 void mem_count_slow(task_mem_thread_counts **arr, uint32_t slots, int64_t bytes, bool alloc) {
   int t = mem_thread();
   if (t < 0 || static_cast<unsigned>(t) >= slots) return alloc ? off_slot(bytes, 1) : off_slot(-bytes, -1);
-  task_mem_thread_counts *r = record(arr, t);
-  r->tmt_ops++;
-  if (alloc) {
-    r->tmt_bytes += bytes;
-    r->tmt_allocs++;
-    if (r->tmt_bytes > r->tmt_bytes_hw) r->tmt_bytes_hw = r->tmt_bytes;
-    if (r->tmt_allocs > r->tmt_allocs_hw) r->tmt_allocs_hw = r->tmt_allocs;
-  } else {
-    r->tmt_bytes -= bytes;
-    r->tmt_allocs--;
-    r->tmt_freed_bytes += bytes;
-    r->tmt_frees++;
-  }
+  record(arr, t);  // the thread's first count: make its record, then count as usual
+  mem_count(arr, slots, bytes, alloc);
 }
-
 
 void mem_orphan_take(int64_t bytes, int64_t allocs) {
   task_mem_cookie *o = task_mem_orphan_cookie;

@@ -4,11 +4,27 @@
 
 #include <cerrno>
 
+#include "history.h"
 #include "internal.h"
 
 inline size_t mem_payload_size(const void *p) {
   const mem_head *h = mem_head_of(p);
   return h->mh_size - h->mh_offset - sizeof(uint32_t);
+}
+
+// Takes a block the allocator gave (null: out of memory): zeroes and frames
+// it, counts it on the cookie and leaves its history and leak records.
+inline int mem_take_block(char *b, size_t size, uint32_t offset, task_mem_cookie *c, void **out) {
+  if (!b) {
+    *out = nullptr;
+    return ENOMEM;
+  }
+  memset(b, 0, size);
+  *out = mem_frame(b, size, offset, c);
+  mem_count_alloc(c, static_cast<int64_t>(size));
+  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_alloc(*out);
+  return 0;
 }
 
 inline bool mem_want(size_t n, size_t offset, size_t *want) {

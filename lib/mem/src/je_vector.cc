@@ -4,7 +4,6 @@
 #include <cstdlib>
 
 #include "frame_ops.h"
-#include "history.h"
 #include "jem.h"
 
 extern "C" {
@@ -46,16 +45,7 @@ int je_malloc(task_mem_cookie *c, size_t n, void **out) {
     size = real_size(want);
     b = static_cast<char *>(jem_mallocx(size, 0));
   }
-  if (!b) {
-    *out = nullptr;
-    return ENOMEM;
-  }
-  memset(b, 0, size);
-  *out = mem_frame(b, size, sizeof(mem_head), c);
-  mem_count_alloc(c, static_cast<int64_t>(size));
-  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
-  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_alloc(*out);
-  return 0;
+  return mem_take_block(b, size, sizeof(mem_head), c, out);
 }
 
 int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
@@ -68,16 +58,7 @@ int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
     size = jem_nallocx(want, jem_align(align));
     b = static_cast<char *>(jem_mallocx(size, jem_align(align)));
   }
-  if (!b) {
-    *out = nullptr;
-    return ENOMEM;
-  }
-  memset(b, 0, size);
-  *out = mem_frame(b, size, static_cast<uint32_t>(align), c);
-  mem_count_alloc(c, static_cast<int64_t>(size));
-  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
-  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_alloc(*out);
-  return 0;
+  return mem_take_block(b, size, static_cast<uint32_t>(align), c, out);
 }
 
 int je_free(task_mem_cookie *c, void *ptr) {

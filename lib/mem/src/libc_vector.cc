@@ -11,29 +11,13 @@ namespace {
 int libc_malloc(task_mem_cookie *c, size_t n, void **out) {
   size_t size;
   char *b = mem_want(n, sizeof(mem_head), &size) ? static_cast<char *>(__libc_malloc(size)) : nullptr;
-  if (!b) {
-    *out = nullptr;
-    return ENOMEM;
-  }
-  memset(b, 0, size);
-  *out = mem_frame(b, size, sizeof(mem_head), c);
-  mem_count_alloc(c, static_cast<int64_t>(size));
-  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
-  return 0;
+  return mem_take_block(b, size, sizeof(mem_head), c, out);
 }
 
 int libc_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
   size_t offset = align > sizeof(mem_head) ? align : sizeof(mem_head), size;
   char *b = mem_want(n, offset, &size) ? static_cast<char *>(__libc_memalign(align, size)) : nullptr;
-  if (!b) {
-    *out = nullptr;
-    return ENOMEM;
-  }
-  memset(b, 0, size);
-  *out = mem_frame(b, size, static_cast<uint32_t>(offset), c);
-  mem_count_alloc(c, static_cast<int64_t>(size));
-  mem_history_record(*out, size, 'A', 'c', c->tmc_id, 6);
-  return 0;
+  return mem_take_block(b, size, static_cast<uint32_t>(offset), c, out);
 }
 
 int libc_free(task_mem_cookie *c, void *ptr) {
@@ -49,6 +33,7 @@ int libc_free(task_mem_cookie *c, void *ptr) {
   *rz &= ~MEM_RZ_FREED;
   mem_count_free(owner, static_cast<int64_t>(h->mh_size));
   mem_history_record(ptr, h->mh_size, 'F', 'c', owner->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
   __libc_free(block);
   return 0;
 }
