@@ -84,6 +84,7 @@ void task_memory_touch_file_check(int pass) {
   debug_flags |= flags;
   if (pass == 1) {
     if (flags & TASK_MEM_DBG_LIBC) mem_use_libc = true;
+    if (flags & TASK_MEM_DBG_Z) mem_junk = true;  // with the allocator's own junk:true
     if (flags & TASK_MEM_DBG_TOGGLE) task_mem_call_vector_toggle();
     const char *opts = strstr(t.options, "prof") ? nullptr : t.options;
     if (mem_vector->tmv_set_debug_options && mem_vector->tmv_set_debug_options(opts, t.pattern, flags) != 0)
