@@ -207,6 +207,17 @@ inline rnode *candidate(const stop &st) {
   return (n->flags & INODE_ATTACHED) ? n->rattached : first_of(n);
 }
 
+// Where a key of len bits parts from the tree: the stop of the descent, the
+// entry found there, the bits the two can share (m) and the first bit in
+// which they differ (m when none).
+uint32_t part(const task_radix *root, const uint8_t *key, uint32_t len, stop *st, rnode **cand, uint32_t *m) {
+  *st = descend(root, key, len);
+  *cand = candidate(*st);
+  const uint32_t clen = (*cand)->prefix_len;
+  *m = len < clen ? len : clen;
+  return first_diff(key_of(root, *cand), key, *m);
+}
+
 // Moves st up while its parent tests a bit past d.
 void climb_past(stop &st, uint32_t d) {
   while (st.p && st.p->bit > d) {
@@ -322,11 +333,11 @@ bool task_radix32_add(task_radix *root, rnode *nw) {
     return true;
   }
 
-  stop st = descend(root, nk, len);
-  rnode *cand = candidate(st);
+  stop st;
+  rnode *cand;
+  uint32_t m;
+  const uint32_t diff_bit = part(root, nk, len, &st, &cand, &m);
   const uint32_t clen = cand->prefix_len;
-  const uint32_t m = len < clen ? len : clen;
-  const uint32_t diff_bit = first_diff(key_of(root, cand), nk, m);
 
   if (diff_bit < m) {
     // The keys part inside: a plain inode at diff_bit above everything that
@@ -533,11 +544,11 @@ rnode *task_radix32_find_next(const task_radix *root, uint32_t len, const void *
   CONT_ASSERT(root && v_key);
   const uint8_t *key = static_cast<const uint8_t *>(v_key);
   if (!root->root.rnode) return nullptr;
-  stop st = descend(root, key, len);
-  rnode *cand = candidate(st);
+  stop st;
+  rnode *cand;
+  uint32_t m;
+  const uint32_t d = part(root, key, len, &st, &cand, &m);
   const uint32_t clen = cand->prefix_len;
-  const uint32_t m = len < clen ? len : clen;
-  const uint32_t d = first_diff(key_of(root, cand), key, m);
   if (d < m) {
     // The key leaves the tree at bit d: all of the subtree found there lies
     // on one side of it.

@@ -216,19 +216,7 @@ void task_block_get_allocated(const task_block *bp, size_t *bytes, size_t *objec
 }
 
 void task_block_walk(void (*fn)(task_block *, void *), void *arg) {
-  if (!list_ready) return;
-  struct walk {
-    void (*fn)(task_block *, void *);
-    void *arg;
-  } w = {fn, arg};
-  lfll_walk(
-      &block_list,
-      [](lfll_node *n, void *a) {
-        auto *w = static_cast<walk *>(a);
-        w->fn(LFLL_ENTRY(n, task_block, tb_link), w->arg);
-        return false;
-      },
-      &w);
+  if (list_ready) lfll_each(&block_list, [&](lfll_node *n) { fn(LFLL_ENTRY(n, task_block, tb_link), arg); });
 }
 
 void mem_blocks_grow(unsigned slots) {

@@ -162,19 +162,7 @@ int mem_cookie_release(task_mem_cookie *c) {
 }
 
 void mem_cookie_walk_fn(void (*fn)(task_mem_cookie *, void *), void *arg) {
-  if (!list_ready) return;
-  struct walk {
-    void (*fn)(task_mem_cookie *, void *);
-    void *arg;
-  } w = {fn, arg};
-  lfll_walk(
-      &cookie_list,
-      [](lfll_node *n, void *a) {
-        auto *w = static_cast<walk *>(a);
-        w->fn(cookie_of(n), w->arg);
-        return false;
-      },
-      &w);
+  if (list_ready) lfll_each(&cookie_list, [&](lfll_node *n) { fn(cookie_of(n), arg); });
 }
 
 int task_mem_cookie_get_allocated(task_mem_cookie *c, size_t *bytes, size_t *allocations) {

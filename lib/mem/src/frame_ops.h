@@ -7,11 +7,6 @@
 #include "history.h"
 #include "internal.h"
 
-inline size_t mem_payload_size(const void *p) {
-  const mem_head *h = mem_head_of(p);
-  return h->mh_size - h->mh_offset - sizeof(uint32_t);
-}
-
 // Takes a block the allocator gave (null: out of memory): zeroes and frames
 // it, counts it on the cookie and leaves its history and leak records.
 inline int mem_take_block(char *b, size_t size, uint32_t offset, task_mem_cookie *c, void **out) {

@@ -118,7 +118,7 @@ void *tvx_fd_pvalloc(size_t size) {
 
 size_t tvx_fd_malloc_usable_size(void *ptr) {
   if (!ptr) return 0;
-  return mem_head_of(ptr)->mh_size - mem_head_of(ptr)->mh_offset - sizeof(uint32_t);
+  return mem_payload_size(ptr);
 }
 
 #ifndef TVX_SANITIZE

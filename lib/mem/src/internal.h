@@ -29,6 +29,11 @@ inline mem_head *mem_head_of(const void *p) {
 }
 inline char *mem_block_of(const void *p) { return reinterpret_cast<char *>(mem_head_of(p)) + sizeof(mem_head) - mem_head_of(p)->mh_offset; }
 inline uint32_t *mem_rz_at(char *block, size_t size) { return reinterpret_cast<uint32_t *>(block + size - 4); }
+// What the caller may use of a framed allocation (malloc_usable_size).
+inline size_t mem_payload_size(const void *p) {
+  const mem_head *h = mem_head_of(p);
+  return h->mh_size - h->mh_offset - sizeof(uint32_t);
+}
 inline uint32_t mem_cookie_zone(const task_mem_cookie *c) { return MEM_RZ_COOKIE | (c->tmc_id & 0xffffu); }
 
 // Fills head and red zone of a fresh block of `size` bytes, payload at `offset`.

@@ -118,7 +118,6 @@ int je_memory_init(void *) {
   return 0;
 }
 
-size_t je_usable(const void *p) { return mem_payload_size(p); }
 
 }  // namespace
 
@@ -136,5 +135,5 @@ const task_mem_vector mem_jemalloc_vector = {
     .tmv_cookie_get = je_cookie_get,
     .tmv_cookie_get_allocated = task_mem_cookie_get_allocated,
     .tmv_memalign = je_memalign,
-    .tmv_usable_size = je_usable,
+    .tmv_usable_size = mem_payload_size,
 };

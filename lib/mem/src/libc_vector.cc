@@ -46,7 +46,6 @@ int libc_status(task_mem_status *st) {
   return 0;
 }
 
-size_t libc_usable(const void *p) { return mem_payload_size(p); }
 
 }  // namespace
 
@@ -59,5 +58,5 @@ const task_mem_vector mem_libc_vector = {
     .tmv_calloc = mem_calloc_via<mem_libc_vector>,
     .tmv_malloc = libc_malloc,
     .tmv_memalign = libc_memalign,
-    .tmv_usable_size = libc_usable,
+    .tmv_usable_size = mem_payload_size,
 };

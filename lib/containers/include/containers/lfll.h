@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 extern "C" {
 
@@ -63,3 +64,16 @@ uint32_t lfll_list_count(lfll_list *list);
 bool lfll_list_verify(lfll_list *list);
 
 }  // extern "C"
+
+// Calls f(node) for every node in key order (a walk that matches nothing).
+template <typename F>
+void lfll_each(lfll_list *list, F &&f) {
+  using fn_t = std::remove_reference_t<F>;
+  lfll_walk(
+      list,
+      [](lfll_node *n, void *a) {
+        (*static_cast<fn_t *>(a))(n);
+        return false;
+      },
+      &f);
+}
