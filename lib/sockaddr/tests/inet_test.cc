@@ -1,0 +1,228 @@
+// The daemon's families: INET and INET6 text, parsing, prefixes, masks and
+// conversions; UNIX and I802 text.
+#include <netinet/in.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "sockaddr_fixture.h"
+
+using namespace sockaddr_test;
+
+namespace {
+
+using Inet = Sockaddr;
+
+zsockaddr_t *inet6(const char *s, uint16_t port = 0) {
+  uint8_t a[16];
+  EXPECT_EQ(inet_pton(AF_INET6, s, a), 1) << s;
+  return sockbuild_in6(htons(port), a);
+}
+
+TEST_F(Inet, PrinterByLengthPortAndSource) {
+  EXPECT_EQ(text(inet("10.0.0.1", 80)), "10.0.0.1");
+  EXPECT_EQ(text(inet("10.0.0.1", 80), 1), "10.0.0.1+80");
+  EXPECT_EQ(text(inet("10.0.0.1", 0), 1), "10.0.0.1") << "port 0 adds nothing";
+  EXPECT_EQ(text(inet("255.255.255.255", 65535), 1), "255.255.255.255+65535");
+  EXPECT_EQ(text(inet("0.0.0.0")), "0.0.0.0");
+
+  zsockaddr_t *mc = inet("239.1.2.3");
+  setsocksrc_in(mc, inet_addr("10.9.8.7"));
+  EXPECT_EQ(socklen(mc), unsigned{SOCKADDR_INMC_LEN});
+  EXPECT_EQ(text(mc), "239.1.2.3, 10.9.8.7");
+  setsocksrc_in(mc, 0);
+  EXPECT_EQ(text(mc), "239.1.2.3, *");
+  EXPECT_EQ(text(mc, 0, 12), "239.1.2.3*") << "no separator without room for it";
+
+  zsockaddr_t *full = sockbuild_inmax();
+  full->zs_data[2] = 232;
+  full->zs_data[9] = 5;  // source 0.0.0.5
+  EXPECT_EQ(text(full), "232.0.0.0,0.0.0.5/128");
+
+  EXPECT_EQ(text(nullptr), "zero-len");
+  EXPECT_EQ(text(sockbuild_empty(GF_UNSPEC, 4)), "Func Null");
+  // Truncation keeps the count honest: at most size - 1 characters.
+  EXPECT_EQ(text(inet("192.168.100.200"), 0, 8), "192.168");
+  char one[1] = {'x'};
+  EXPECT_EQ(sockprint(one, 1, inet("1.2.3.4"), 0), 0);
+  EXPECT_EQ(one[0], 0);
+}
+
+TEST_F(Inet, Inet6PrinterAndV4Conversions) {
+  EXPECT_EQ(text(inet6("2001:db8::1", 443)), "2001:db8::1");
+  EXPECT_EQ(text(inet6("2001:db8::1", 443), 1), "2001:db8::1+443");
+  zsockaddr_t *v4 = inet("1.2.3.4", 7);
+  zsockaddr_t *mapped = inet6_build_v4_mapped_dest(v4);
+  EXPECT_EQ(text(mapped), "::ffff:1.2.3.4");
+  EXPECT_EQ(text(inet6_build_v4_compatible_dest(v4)), "::1.2.3.4");
+  zsockaddr_t *back = inet6_build_inet_from_v4_mapped_dest(mapped);
+  EXPECT_TRUE(sockaddreq(back, v4));
+  EXPECT_EQ(sockport_in(back), htons(7));
+  zsockaddr_t *m = inet6_build_v4_mapped_mask(inet("255.255.255.0"));
+  EXPECT_EQ(text(m), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ff00");
+  EXPECT_DEATH(inet6_build_v4_mapped_dest(mapped), "socktype\\(v4_dest\\) == GF_INET");
+  EXPECT_DEATH(inet6_build_inet_from_v4_mapped_dest(v4), "socktype\\(v6_dest\\) == GF_INET6");
+
+  zsockaddr_t *mc = sockbuild(GF_INET6, SOCKADDR_IN6MC_LEN);
+  memcpy(mc->zs_data + 10, inet6("ff3e::1")->zs_data + 10, 16);
+  memcpy(mc->zs_data + 26, inet6("2001:db8::5")->zs_data + 10, 16);
+  EXPECT_EQ(text(mc), "ff3e::1, 2001:db8::5");
+}
+
+TEST_F(Inet, ParseMaskFormsAreEquivalentAndBadTextIsRefused) {
+  int plen[4];
+  zsockaddr_t *r[4];
+  const char *forms[] = {"10.1.2.3/8", "10.1.2.3/0xff000000", "10.1.2.3/255.0.0.0", "10.1.2.3/255"};
+  for (int i = 0; i < 3; i++) {
+    r[i] = sockbuild(GF_INET, SOCKADDR_IN_LEN);
+    ASSERT_TRUE(sockparse_prefix(GF_INET, forms[i], SOCKADDR_IN_LEN, r[i], &plen[i])) << forms[i];
+    EXPECT_EQ(plen[i], 8) << forms[i];
+    EXPECT_TRUE(sockaddreq(r[i], r[0]));
+  }
+  r[3] = sockbuild(GF_INET, SOCKADDR_IN_LEN);
+  EXPECT_FALSE(sockparse_prefix(GF_INET, forms[3], SOCKADDR_IN_LEN, r[3], &plen[3])) << "255 is no length";
+  int p = 99;
+  ASSERT_TRUE(sockparse_prefix(GF_INET, "192.168.1.1", SOCKADDR_IN_LEN, r[3], &p));
+  EXPECT_EQ(p, -1);
+  ASSERT_TRUE(sockparse_prefix(GF_INET, "0.0.0.0/0", SOCKADDR_IN_LEN, r[3], &p));
+  EXPECT_EQ(p, 0);
+  ASSERT_TRUE(sockparse_prefix(GF_INET, "1.2.3.4/255.255.128", SOCKADDR_IN_LEN, r[3], &p));
+  EXPECT_EQ(p, 17) << "a short dotted mask fills from the left";
+  EXPECT_TRUE(sockparse(GF_INET, "10.1", SOCKADDR_IN_LEN, r[3])) << "inet_aton forms";
+  EXPECT_EQ(text(r[3]), "10.0.0.1");
+
+  for (const char *bad : {"", "/8", "1.2.3.4/", "1.2.3.4/33", "1.2.3.4/0x", "1.2.3.4/0xff00ff00",
+                          "1.2.3.4/0x1ffffffff", "1.2.3.4/255.0.255.0", "1.2.3.4/256.0.0.0", "1.2.3.4/1.2.3.4.5",
+                          "1.2.3.4/255..0", "1.2.3.4/-1", "300.1.1.1", "1.2.3.4x", "1.2.3.4/8/8"})
+    EXPECT_FALSE(sockparse(GF_INET, bad, SOCKADDR_IN_LEN, r[3])) << bad;
+  EXPECT_FALSE(sockparse(GF_INET, "1.2.3.4", 4, r[3])) << "buffer too small";
+  EXPECT_EQ(sockparse_len(GF_INET, "1.2.3.4/24"), SOCKADDR_IN_LEN);
+  EXPECT_EQ(sockparse_len(GF_INET, "nope"), -1);
+  EXPECT_EQ(sockparse_len(GF_STRING, "x"), -1) << "a family without a parser";
+
+  zsockaddr_t *six = sockbuild(GF_INET6, SOCKADDR_IN6_LEN);
+  ASSERT_TRUE(sockparse_prefix(GF_INET6, "2001:db8::/32", SOCKADDR_IN6_LEN, six, &p));
+  EXPECT_EQ(p, 32);
+  EXPECT_EQ(text(six), "2001:db8::");
+  EXPECT_FALSE(sockparse(GF_INET6, "2001:db8::/129", SOCKADDR_IN6_LEN, six));
+  EXPECT_FALSE(sockparse(GF_INET6, "10.0.0.1", SOCKADDR_IN6_LEN, six));
+}
+
+TEST_F(Inet, InetOverridesOfTheMaskAlgebra) {
+  zsockaddr_t *a = inet("10.1.2.3", 80), *b = inet("10.1.9.9", 443);
+  const zsockaddr_t *m16 = inet_sockmask_len(GF_INET, 16), *m24 = inet_sockmask_len(GF_INET, 24);
+  EXPECT_TRUE(sockmaskedeq(a, b, m16));
+  EXPECT_FALSE(sockmaskedeq(a, b, m24));
+  EXPECT_TRUE(sockprefixeq(a, b, 16));
+  EXPECT_FALSE(sockprefixeq(a, b, 21));
+  EXPECT_TRUE(sockoutsidemask(a, m16));
+  EXPECT_FALSE(sockoutsidemask(inet("10.1.0.0", 80), m16)) << "the port is not address bits";
+  sockandmask(a, m24);
+  EXPECT_EQ(text(a, 1), "10.1.2.0") << "masking clears the port with the host bits";
+  zsockaddr_t *c = inet("10.1.2.255");
+  sockcutlen(c, 20);
+  EXPECT_EQ(text(c), "10.1.0.0");
+  EXPECT_EQ(sockhostmask(c), inet_sockmask_len(GF_INET, 32));
+  EXPECT_EQ(sock_host_plen(c), 32);
+  EXPECT_EQ(sockhostmasklen(GF_INET), 32);
+
+  // Prefix order: bytes under the shorter prefix, then the shorter first.
+  EXPECT_EQ(inet_pfx_cmp(inet("10.0.0.0"), 8, inet("10.0.0.0"), 16), -1);
+  EXPECT_EQ(inet_pfx_cmp(inet("10.1.0.0"), 8, inet("10.2.0.0"), 8), 0);
+  EXPECT_EQ(inet_pfx_cmp(inet("10.1.0.0"), 16, inet("10.2.0.0"), 16), -1);
+  EXPECT_EQ(sockprefixcmp(inet("11.0.0.0"), 8, inet("10.0.0.0"), 8), 1);
+  uint8_t pfx[] = {192, 168, 0xff};
+  EXPECT_EQ(text(inet_prefix_to_sockaddr(pfx, 20)), "192.168.240.0");
+  uint8_t p6[16] = {0x20, 0x01, 0x0d, 0xb8, 0xff};
+  EXPECT_EQ(text(inet6_prefix_to_sockaddr(p6, 33)), "2001:db8:8000::");
+  EXPECT_EQ(inet6_pfx_cmp(inet6("2001:db8::"), 32, inet6("2001:db8::"), 48), -1);
+  EXPECT_DEATH(inet6_pfx_cmp(inet("1.1.1.1"), 8, inet6("::1"), 8), "socktype\\(addr1\\) == GF_INET6");
+}
+
+TEST_F(Inet, FieldsAndTheMissingSource) {
+  zsockaddr_t *a = inet("10.0.0.1", 53);
+  EXPECT_EQ(socksrc_in(a), 0u);
+  EXPECT_EQ(inet_sockextract_in(a), inet_addr("10.0.0.1"));
+  EXPECT_EQ(sockport_in(a), htons(53));
+  EXPECT_EQ(socksrc_in(nullptr), 0u);
+  zsockaddr_t *odd = sockbuild(GF_INET, 10);
+  odd->zs_data[6] = 1;  // a source byte in an address too short for a source
+  EXPECT_DEATH(socksrc_in(odd), "gin_src");
+
+  sockaddr_in sin;
+  EXPECT_EQ(sock2unix(a, &sin), static_cast<int>(sizeof sin));
+  EXPECT_EQ(sin.sin_family, AF_INET);
+  EXPECT_EQ(sin.sin_port, htons(53));
+  EXPECT_EQ(sin.sin_addr.s_addr, inet_addr("10.0.0.1"));
+  zsockaddr_t *owned = sockcreate_in(htons(1), inet_addr("1.1.1.1"));
+  EXPECT_EQ(ledger.live[owned].second, size_t{SOCKADDR_IN_LEN});
+  sockfree(owned);
+}
+
+TEST_F(Inet, FormatLettersRenderFromTheEndOfTheBuffer) {
+  char buf[64];
+  zsock_fmt_value v[2] = {};
+  v[0].u32 = 0x0a000001;
+  EXPECT_STREQ(ledger.render['i' - 'a'](buf, sizeof buf - 1, v, 'i'), "10.0.0.1");
+  v[1].u32 = 24;
+  EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1/24");
+  v[1].u32 = 40;
+  EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1,*/40");
+  zsockaddr_t *mc = inet("239.0.0.1");
+  setsocksrc_in(mc, inet_addr("10.0.0.9"));
+  v[0].ptr = mc;
+  v[1].u32 = 64;
+  const char *t = ledger.render['p' - 'a'](buf, sizeof buf - 1, v, 'p');
+  EXPECT_STREQ(t, "239.0.0.1,10.0.0.9/64");
+  EXPECT_GE(t, buf);
+  EXPECT_LT(t, buf + sizeof buf);
+  v[0].ptr = nullptr;
+  EXPECT_EQ(ledger.render['p' - 'a'](buf, sizeof buf - 1, v, 'p'), nullptr);
+}
+
+TEST_F(Inet, UnixAndMacAddresses) {
+  zsockaddr_t *u = sockcreate_unix("/var/run/tunechod_mgmt");
+  EXPECT_EQ(text(u), "/var/run/tunechod_mgmt");
+  sockaddr_un sun;
+  sock2unix(u, &sun);
+  EXPECT_STREQ(sun.sun_path, "/var/run/tunechod_mgmt");
+  EXPECT_EQ(sun.sun_family, AF_UNIX);
+  sockfree(u);
+
+  uint8_t mac[6] = {0x00, 0x1b, 0x21, 0xaa, 0xbc, 0xff};
+  zsockaddr_t *m = sockbuild_i802(mac);
+  EXPECT_EQ(text(m), "00:1b:21:aa:bc:ff");
+  zsockaddr_t *p = sockbuild(GF_I802, SOCKADDR_I802_LEN);
+  ASSERT_TRUE(sockparse(GF_I802, "00:1B:21:aa:bc:ff", SOCKADDR_I802_LEN, p));
+  EXPECT_TRUE(sockaddreq(m, p));
+  for (const char *bad : {"00:1b:21:aa:bc", "00:1b:21:aa:bc:ff:00", "001b21aabcff", "0:1b:21:aa:bc:ff", "zz:1b:21:aa:bc:ff"})
+    EXPECT_FALSE(sockparse(GF_I802, bad, SOCKADDR_I802_LEN, p)) << bad;
+}
+
+// Random text never crashes a parser, and whatever parses prints back to
+// text that parses to the same address.
+TEST_F(Inet, RandomTextParsesOrIsRefusedAndRoundTrips) {
+  std::mt19937 rng(7);
+  const std::string alphabet = "0123456789./xX:abcdefABCDEF-";
+  int accepted = 0;
+  for (int i = 0; i < 30000; i++) {
+    std::string t;
+    for (int n = rng() % 24; n-- > 0;) t += alphabet[rng() % alphabet.size()];
+    if (i % 3 == 0) t = "10." + t;
+    for (unsigned gf : {unsigned{GF_INET}, unsigned{GF_INET6}, unsigned{GF_I802}}) {
+      alignas(8) uint8_t buf[64], again[64];
+      auto *a = reinterpret_cast<zsockaddr_t *>(buf);
+      auto *b = reinterpret_cast<zsockaddr_t *>(again);
+      if (!sockparse(gf, t.c_str(), sizeof buf, a)) continue;
+      accepted++;
+      std::string shown = text(a);
+      ASSERT_TRUE(sockparse(gf, shown.c_str(), sizeof again, b)) << t << " -> " << shown;
+      ASSERT_TRUE(sockaddreq(a, b)) << t << " -> " << shown;
+    }
+  }
+  EXPECT_GT(accepted, 100);
+}
+
+}  // namespace
