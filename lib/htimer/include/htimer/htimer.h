@@ -1,0 +1,64 @@
+// hier_timers: the tree beneath every timer. Not a slot wheel but a tree of
+// sorted sibling lists, each parent carrying the earliest expiry of its
+// running children, so the next expiry is one read at the root and timers of
+// similar intervals (one task's, one auto parent's) are cheap to re-set.
+//
+// Nodes are embedded at the start of the user's timer record; nothing here
+// allocates. Only running nodes are linked into their parent's circular list,
+// ascending by expiry, equal expiries in arrival order. A fired leaf stays
+// running until its owner stops or re-sets it.
+//
+// Time comes from a link personality: "now" and the jitter reduction. The
+// default reads the monotonic clock and applies no jitter; the task kernel
+// installs its cached time and its percent jitter. Misuse ends the process
+// with an assertion naming the broken condition.
+#pragma once
+
+#include <cstdint>
+
+#include "htimer/utime.h"
+
+extern "C" {
+
+struct htimer {
+  htimer *ht_parent;
+  htimer *ht_first;  // earliest running child
+  htimer *ht_next;   // running siblings, circular; null when not linked
+  htimer *ht_prev;
+  task_utime ht_expiry;
+  uint16_t ht_user;
+  uint8_t ht_magic;
+  uint8_t ht_flags;
+};
+
+enum { HTIMER_MAGIC = 'B', HTIMER_RUNNING = 0x1, HTIMER_LEAF = 0x2 };
+
+struct hier_timers_link_personality {
+  void (*now)(task_utime *out);
+  // How much earlier than base + interval a timer with this jitter fires.
+  void (*jitter)(const task_utime *interval, uint32_t jitter, task_utime *reduction);
+};
+
+// Installs a personality (null restores the default); returns the previous one.
+const hier_timers_link_personality *htimer_set_personality(const hier_timers_link_personality *p);
+
+void htimer_init_parent(htimer *node, htimer *parent, uint16_t user);
+void htimer_init_leaf(htimer *node, htimer *parent, uint16_t user);
+void htimer_set_abs(htimer *leaf, const task_utime *expiry);
+void htimer_set_rel(htimer *leaf, const task_utime *interval, uint32_t jitter);
+void htimer_set_periodic(htimer *leaf, const task_utime *interval, uint32_t jitter);
+void htimer_set_latest(htimer *leaf, const task_utime *interval, uint32_t jitter, const task_utime *gap,
+                       bool from_latest);
+void htimer_stop(htimer *node);
+void htimer_attach(htimer *root, htimer *parent);
+void htimer_detach(htimer *node);
+void htimer_spread(htimer *parent);
+htimer *htimer_next_expired(htimer *root);
+bool htimer_expired(const htimer *node);
+void htimer_time_left(const htimer *node, task_utime *left);
+
+inline bool htimer_running(const htimer *t) { return t->ht_flags & HTIMER_RUNNING; }
+inline bool htimer_is_leaf(const htimer *t) { return t->ht_flags & HTIMER_LEAF; }
+inline bool htimer_initialized(const htimer *t) { return t->ht_magic == HTIMER_MAGIC; }
+
+}  // extern "C"
