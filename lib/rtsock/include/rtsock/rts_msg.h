@@ -1,0 +1,376 @@
+// Route-socket messages as records in memory: the common header, the message
+// types that daemons of this platform read and write, and the table of all
+// 111 type names and the versions this library was built for.
+//
+// A decoded record begins with the common header and goes on with the type's
+// own fields; blobs, names and prefixes are pointers into the same block (see
+// rts_codec.h for how records become bytes). The `size` carried in a header is
+// the platform's record size for the type (rts_type_table[t].size), a protocol
+// constant, never the sizeof of the structs below.
+//
+// Blobs that a decoder fills are followed by a hidden NUL byte, so a name blob
+// is always a C string. Names written by this library include their NUL in
+// the length.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" {
+
+// ---- Envelope and constants ---------------------------------------------------
+
+constexpr uint32_t RTS_MAGIC_TLV = 20497;  // 0x5011
+constexpr uint32_t RTS_MAGIC_IDR = 20514;  // 0x5022
+constexpr uint32_t RTS_ENVELOPE_SIZE = 12;
+constexpr uint32_t RTS_ENVELOPE_MAX_TYPE = 108;
+constexpr uint32_t RTS_TYPE_COUNT = 111;   // rows of the name table, 0 to 110
+constexpr uint32_t RTS_TYPE_LAST = 109;    // highest type a channel dispatches
+constexpr uint8_t RTS_IFACE_VERSION = 98;  // interface version of the handshake
+constexpr uint32_t RTS_MSG_MAX = 16384;    // a raw message, and the request block
+
+// Wire envelope in front of every encoded message, host byte order.
+struct rts_envelope {
+  uint32_t magic;
+  uint32_t length;  // bytes behind the envelope
+  uint32_t type;
+};
+
+enum rts_op : uint8_t {
+  RTS_OP_ADD = 1,
+  RTS_OP_CHANGE = 2,
+  RTS_OP_DELETE = 3,
+  RTS_OP_GET = 4,
+  RTS_OP_GETNEXT = 5,
+  RTS_OP_CLEAR = 6,
+  RTS_OP_DELETE_ALL = 7,
+  RTS_OP_ADD_GET = 8,
+  RTS_OP_CHANGE_GET = 9,
+};
+// "add", "change", "delete", "get", "getnext", ...; "unknown" out of range.
+const char *rts_op_name(unsigned op);
+
+enum rts_type : uint8_t {
+  RTS_T_NOP = 0,
+  RTS_T_RTTABLE = 1,
+  RTS_T_ROUTE = 2,
+  RTS_T_IFDEV = 5,
+  RTS_T_IFLOGICAL = 6,
+  RTS_T_IFFAMILY = 7,
+  RTS_T_IFADDR = 8,
+  RTS_T_RTMATCH = 12,
+  RTS_T_IFDSTATS = 15,
+  RTS_T_IFLSTATS = 16,
+  RTS_T_GENCFG = 72,
+  RTS_T_BRIDGE_DOMAIN = 89,
+  RTS_T_RTS_ERR = 109,
+  RTS_T_UNKNOWN = 110,
+};
+
+// Address families inside route-socket records (the platform's numbers).
+enum : uint8_t { RTS_AF_INET = 2, RTS_AF_INET6 = 28, RTS_AF_BRIDGE = 63 };
+
+struct rts_type_info {
+  const char *name;     // "bridge-domain"
+  uint8_t version;      // expected version, 0 when none is checked
+  uint16_t size;        // the platform's decoded record size (0: no codec there)
+};
+// Indexed by type, 0 to 110.
+extern const rts_type_info rts_type_table[RTS_TYPE_COUNT];
+
+// ---- Common header ------------------------------------------------------------
+
+// One per-operation error of a reply (type, operation, errno, index, text).
+// Fixed layout, copied as it stands in both encodings.
+struct rts_err_rec {
+  uint32_t rer_type;
+  uint32_t rer_op;
+  int32_t rer_errno;
+  uint32_t rer_index;
+  char rer_text[356];
+};
+static_assert(sizeof(rts_err_rec) == 372);
+
+struct rts_msg_hdr {
+  uint32_t word0;      // 0 in a raw message
+  uint8_t version;
+  uint8_t type;
+  uint8_t operation;
+  uint8_t aux;
+  uint32_t length;     // total length
+  uint32_t seq;
+  uint32_t sender;
+  uint16_t size;       // the platform's record size
+  uint8_t aux2;
+  uint8_t aux3;
+  rts_err_rec *errors;
+  uint32_t error_count;
+};
+
+// A message record of any type: what the top-level codec hands around.
+struct rts_msg_pair {
+  uint32_t type;
+  void *record;  // begins with rts_msg_hdr; null when there is no content
+};
+
+// ---- Message records ---------------------------------------------------------
+
+// Bridge domain, type 89, version 98. `cfg_flags` bit 0x800 marks VXLAN.
+struct rts_bd_vlan {
+  uint16_t vlan;        // tag 1, with vlan_inner
+  uint16_t vlan_inner;
+  uint16_t vlan_lo;     // tag 2, with vlan_hi
+  uint16_t vlan_hi;
+};
+struct rts_bd_mac_cfg {
+  uint32_t mac_limit;
+  uint32_t mac_age;
+  uint16_t mac_flags;
+};
+constexpr uint64_t RTS_BD_CFG_VXLAN = 0x800;
+
+struct rts_bd_msg {
+  rts_msg_hdr hdr;
+  uint64_t bdm_reserved;
+  uint16_t bdm_index;
+  uint16_t rtb_id;
+  char *bdm_name;
+  uint32_t bdm_name_len;
+  uint8_t *bdm_blob;
+  uint32_t bdm_blob_len;
+  rts_bd_vlan vlan;
+  uint16_t bdm_vlan_flags;
+  rts_bd_mac_cfg bdm_mac;
+  uint32_t bdm_irb_ifl;
+  uint32_t bdm_flags;
+  uint64_t cfg_flags;
+  uint32_t bdm_reserved2;
+  uint32_t bdm_vlan_token;
+  uint32_t vnid;
+  uint32_t bdm_mcast_group;
+  uint32_t bdm_vtep_src_ifl;
+  uint8_t bdm_vtep_src[16];
+  uint16_t bdm_udp_port;
+  uint8_t bdm_encap;
+  uint8_t bdm_domain_type;
+  uint32_t bdm_mtu;
+  uint32_t bdm_isid;
+  uint32_t bdm_mac_table_size;
+  uint64_t bdm_rd;
+  uint64_t bdm_rt_import;
+  uint64_t bdm_rt_export;
+  uint8_t bdm_esi[10];
+  uint16_t bdm_decap_vlan;
+  uint32_t bdm_mesh_group;
+  uint32_t bdm_stats_id;
+  uint32_t bdm_generation;
+  uint8_t bdm_arp_suppress;
+  uint8_t bdm_ingress_repl;
+  uint16_t bdm_ovsdb_flags;
+  uint32_t bdm_ifl_count;
+};
+
+// The attribute list that route messages carry in a blob (rts_codec.h walks
+// it). One understood attribute, copied into the message's block.
+enum : uint8_t { RTS_ATTR_ARRAY = 1, RTS_ATTR_VALUE = 2, RTS_ATTR_STRUCT = 3 };
+struct rts_attr {
+  uint16_t ra_type;
+  uint8_t ra_kind;
+  uint8_t ra_reserved;
+  uint32_t ra_len;     // bytes of ra_data
+  uint64_t ra_value;   // RTS_ATTR_VALUE: the value, widened
+  uint8_t ra_data[];   // the value as it came (arrays: 32-bit words)
+};
+constexpr uint32_t RTS_ATTR_LIST_MAX = 128;
+constexpr uint32_t RTS_ATTR_TYPE_MAX = 480;
+struct rts_attr_set {
+  uint32_t ras_count;
+  rts_attr *ras_list[RTS_ATTR_LIST_MAX];
+  uint8_t *ras_rest;      // attributes not understood, as they came
+  uint32_t ras_rest_len;
+};
+
+// Route, type 2, version 104. A bridge MAC route is family 63 with an 80-bit
+// key: bridge-domain index big-endian, two zero bytes, the MAC.
+struct rts_rt_msg {
+  rts_msg_hdr hdr;
+  uint16_t rtm_table;
+  uint8_t rtm_af;
+  uint8_t rtm_type;       // 2: a usable route
+  uint32_t rtm_flags;     // bit 0: rejected / absent
+  uint32_t rtm_nh_index;
+  uint8_t rtm_proto;
+  uint16_t rtm_prefix_bits;
+  uint16_t rtm_prefix_plen;  // padded length of rtm_prefix
+  uint8_t *rtm_prefix;
+  uint32_t rtm_ifl_index;
+  uint32_t rtm_metric;
+  uint8_t *rtm_attrs;        // attribute list as it came
+  uint32_t rtm_attrs_len;
+  rts_attr_set *rtm_attr_set;  // what the walker understood (decoded only)
+};
+
+// Longest-match lookup, type 12, version 99.
+struct rts_rtmatch_msg {
+  rts_msg_hdr hdr;
+  uint16_t rtmm_table;
+  uint8_t rtmm_af;
+  uint8_t rtmm_type;
+  uint16_t rtmm_prefix_bits;
+  uint16_t rtmm_prefix_plen;
+  uint8_t *rtmm_prefix;       // the address asked for
+  uint16_t rtmm_match_bits;   // reply: length of the matching route
+  uint32_t rtmm_nh_index;
+  uint32_t rtmm_flags;
+};
+
+// Routing table, type 1, version 98. A lookup by name carries index 65535.
+struct rts_rtb_msg {
+  rts_msg_hdr hdr;
+  uint16_t rtbm_index;
+  uint8_t rtbm_af;
+  uint8_t rtbm_type;
+  uint32_t rtbm_flags;
+  char *rtbm_name;
+  uint32_t rtbm_name_len;
+  uint16_t rtbm_parent;
+  uint32_t rtbm_route_count;
+};
+constexpr uint16_t RTS_RTB_INDEX_BY_NAME = 65535;
+
+// Interface names in requests: at most 60 bytes with the terminator.
+constexpr uint32_t RTS_IFNAME_MAX = 60;
+
+// Interface device, type 5, version 106.
+struct rts_ifd_msg {
+  rts_msg_hdr hdr;
+  uint16_t ifdm_index;
+  char *ifdm_name;
+  uint32_t ifdm_name_len;
+  uint32_t ifdm_snmp_index;
+  uint32_t ifdm_flags;
+  uint32_t ifdm_devflags;
+  uint16_t ifdm_porttype;
+  uint32_t ifdm_mtu;
+  uint64_t ifdm_speed;
+  uint8_t ifdm_mac[6];
+  uint16_t ifdm_agg_parentidx;
+};
+
+// Logical interface, type 6, version 107. The name is the device's; the
+// logical interface is "<name>.<unit>".
+struct rts_ifl_msg {
+  rts_msg_hdr hdr;
+  uint16_t iflm_ifd_index;
+  uint32_t iflm_index;
+  uint32_t iflm_unit;
+  char *iflm_name;
+  uint32_t iflm_name_len;
+  uint32_t iflm_snmp_index;
+  uint32_t iflm_flags;
+  uint16_t iflm_rtb_id;
+  uint16_t iflm_encaps;
+  uint16_t iflm_vlan;
+  uint64_t iflm_bandwidth;
+};
+
+// Address family on a logical interface, type 7, version 102. The name is the
+// logical interface's ("<device>.<unit>").
+struct rts_iff_msg {
+  rts_msg_hdr hdr;
+  uint32_t iffm_ifl_index;
+  uint8_t iffm_af;
+  uint32_t iffm_flags;
+  uint32_t iffm_mtu;
+  char *iffm_name;
+  uint32_t iffm_name_len;
+};
+
+// Interface address, type 8, version 101.
+struct rts_ifa_msg {
+  rts_msg_hdr hdr;
+  uint32_t ifam_ifl_index;
+  uint8_t ifam_af;
+  uint32_t ifam_flags;
+  uint16_t ifam_local_bits;
+  uint16_t ifam_local_plen;
+  uint8_t *ifam_local;
+  uint16_t ifam_dest_bits;
+  uint16_t ifam_dest_plen;
+  uint8_t *ifam_dest;
+  uint16_t ifam_bcast_bits;
+  uint16_t ifam_bcast_plen;
+  uint8_t *ifam_bcast;
+};
+
+// Generic configuration, type 72, version 105.
+#pragma pack(push, 4)
+struct gencfg_peerinfo_t {
+  uint16_t peer_type;
+  uint16_t mask_kind;   // 1 peer groups of 8, 16 single peers
+  uint32_t peer_mask[9];
+};
+static_assert(sizeof(gencfg_peerinfo_t) == 40);
+struct gencfg_depinfo_t {
+  uint16_t dep_major;
+  uint16_t dep_minor;
+  uint32_t dep_flags;
+  uint8_t dep_key[16];
+};
+static_assert(sizeof(gencfg_depinfo_t) == 24);
+#pragma pack(pop)
+
+struct rts_gencfg_msg {
+  rts_msg_hdr hdr;
+  uint16_t major;
+  uint16_t minor;
+  uint16_t peer_type;
+  uint32_t gencfg_flags;
+  uint8_t *blob_key;
+  uint32_t blob_key_len;
+  uint8_t *blob;
+  uint32_t blob_len;
+  gencfg_peerinfo_t *gencfg_peers;
+  uint8_t gencfg_peer_count;
+  gencfg_depinfo_t *gencfg_deps;
+  uint8_t gencfg_dep_count;
+  uint8_t proto;
+};
+
+// ---- Raw records ----------------------------------------------------------------
+// Types without a codec travel as records copied as they stand, behind a
+// 28-byte header whose first word is 0 and whose third word is the length.
+#pragma pack(push, 4)
+struct rts_raw_hdr {
+  uint32_t word0;  // 0
+  uint8_t version;
+  uint8_t type;
+  uint8_t operation;
+  uint8_t aux;
+  uint32_t length;
+  uint32_t seq;
+  uint32_t sender;
+  uint16_t size;
+  uint8_t aux2;
+  uint8_t aux3;
+  uint32_t error;  // the answer's errno, 0 in a request
+};
+static_assert(sizeof(rts_raw_hdr) == 28);
+static_assert(offsetof(rts_raw_hdr, length) == 8);
+
+// Interface statistics, types 15 (device) and 16 (logical), version 99/100.
+struct rts_ifstats_msg {
+  rts_raw_hdr hdr;
+  uint32_t ifsm_index;
+  uint32_t ifsm_reserved;
+  uint64_t ifsm_ipackets;
+  uint64_t ifsm_ibytes;
+  uint64_t ifsm_opackets;
+  uint64_t ifsm_obytes;
+  uint64_t ifsm_ierrors;
+  uint64_t ifsm_oerrors;
+};
+static_assert(sizeof(rts_ifstats_msg) == 84);
+#pragma pack(pop)
+
+}  // extern "C"
