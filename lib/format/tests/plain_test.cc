@@ -158,11 +158,31 @@ TEST(Plain, FprintfWritesEverythingAndCounts) {
   free(text);
 }
 
-TEST(Plain, ErrnoIsKept) {
-  char buf[64];
-  errno = EAGAIN;
-  task_fmt_snprintf(buf, sizeof buf, "%T %b", 1, 1u);
-  EXPECT_EQ(errno, EAGAIN);
+}  // namespace
+
+namespace {
+
+// The scan that sends a format to the C library or to the engine, at every
+// alignment and around block boundaries: an extension directive anywhere is
+// found, one inside "%%" or behind a directive's flags is not mistaken.
+TEST(Plain, ScanFindsDirectivesAtEveryPosition) {
+  alignas(64) char area[160];
+  char buf[160];
+  for (size_t off = 0; off < 32; off++) {
+    for (size_t pad = 0; pad < 40; pad += 3) {
+      std::string lead(pad, 'x');
+      // "%a" is an AS number here; the C library would read a double.
+      std::string f = lead + "%-3d%a";
+      memcpy(area + off, f.c_str(), f.size() + 1);
+      ASSERT_EQ(task_fmt_snprintf(buf, sizeof buf, area + off, 7, 65537u), static_cast<int>(pad + 8)) << off;
+      EXPECT_EQ(std::string(buf), lead + "7  65537");
+      // "%%a" is a percent sign and a letter: the C library's path.
+      f = lead + "%%a%5s";
+      memcpy(area + off, f.c_str(), f.size() + 1);
+      task_fmt_snprintf(buf, sizeof buf, area + off, "s");
+      EXPECT_EQ(std::string(buf), lead + "%a    s");
+    }
+  }
 }
 
 }  // namespace
