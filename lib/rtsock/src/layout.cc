@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "rtsock/rts_codec.h"
+#include "rtsock/rts_lower.h"
 
 namespace {
 
@@ -252,4 +253,23 @@ const char *rts_op_name(unsigned op) {
   static const char *const names[] = {"none",   "add",   "change",     "delete",  "get",
                                       "getnext", "clear", "delete-all", "add-get", "change-get"};
   return op < sizeof(names) / sizeof(names[0]) ? names[op] : "unknown";
+}
+
+// Listen-mask bits by type (rts_lower.h).
+bool rts_listen_bit(uint32_t type, uint32_t *word, uint32_t *bit) {
+  struct Bit {
+    uint32_t type, word, bit;
+  };
+  static constexpr Bit kBits[] = {
+      {RTS_T_ROUTE, 0, 0x1},       {RTS_T_IFDEV, 0, 0x2},   {RTS_T_IFLOGICAL, 0, 0x4},
+      {RTS_T_IFFAMILY, 0, 0x10},   {RTS_T_IFADDR, 0, 0x20}, {RTS_T_RTTABLE, 0, 0x2000},
+      {RTS_T_GENCFG, 1, 0x100},    {RTS_T_BRIDGE_DOMAIN, 1, 0x1000},
+  };
+  for (const Bit &b : kBits)
+    if (b.type == type) {
+      *word = b.word;
+      *bit = b.bit;
+      return true;
+    }
+  return false;
 }

@@ -1,0 +1,30 @@
+// What the rtslib sources share: memory through the hook table, the edge.
+#pragma once
+
+#include "rtsock/rts_lower.h"
+#include "rtsock/rtslib.h"
+
+namespace rtslib {
+
+extern rtslib_mem_hooks mem;
+
+inline void *alloc(int id, size_t n) { return mem.alloc(id, n); }
+inline void *zalloc(int id, size_t n) { return mem.alloc_array(id, 1, n); }
+inline void release(int id, void *p) {
+  if (p) mem.free(id, p);
+}
+
+inline const rts_lower_ops &edge() { return *rts_lower(); }
+
+// Block sizes of the design: a request, the peek of a header, a raw message.
+constexpr size_t kRequestBlock = 16384;
+constexpr size_t kPeek = 24;
+constexpr size_t kReadBuffer = 16385;
+
+// Encodes and writes an already filled message; 0 or an errno value.
+int send_message(rtslib_cookie *c, uint32_t type, const void *record, const uint8_t *mask);
+
+}  // namespace rtslib
+
+// The sink a new handle starts with.
+void rtslib_default_log(rtslib_log_fn *fn, void **ctx);
