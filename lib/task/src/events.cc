@@ -1,0 +1,106 @@
+// Running the results of a wait: reads, writes and signals, queue 0 first,
+// then queue 1 when queue 0 reported it ready.
+#include <algorithm>
+
+#include "internal.h"
+
+namespace {
+
+task *task_of(void *udata) {
+  return reinterpret_cast<task *>(static_cast<char *>(udata) - offsetof(task, task_kevent_udata));
+}
+
+void run_io(task_sched_stats *stats, task_io_var *io, const task_kevent &ev, int level) {
+  if (!ev.udata || *static_cast<int32_t *>(ev.udata) != TASK_KEVENT_TASK) return;
+  task *tp = task_of(ev.udata);
+  task_verify(tp);
+  task_assert(task_var_io(tp) == io);
+  // A task deleted by an earlier entry of this list: its socket is gone.
+  if ((tp->task_flags & TASK_FLAG_DELETE) || tp->task_socket < 0) return;
+  bool rd = ev.filter == TASK_EVFILT_READ;
+  task_method m = rd ? ((tp->task_flags & TASK_FLAG_ACCEPT) ? tp->task_accept : tp->task_recv)
+                     : ((tp->task_flags & TASK_FLAG_CONNECT) ? tp->task_connect : tp->task_write);
+  if (!m) {
+    if (rd)
+      logging_event(LOG_ERR, "ZTASK_NO_SOCKACCEPT", "ZTASK_NO_SOCKACCEPT: %s: no read/accept method for %s socket %d",
+                    "task_process_events", task_name(tp), tp->task_socket);
+    else
+      logging_event(LOG_ERR, "ZTASK_NO_SOCKCONNECT",
+                    "ZTASK_NO_SOCKCONNECT: %s: no write/connect method for %s socket %d", "task_process_events",
+                    task_name(tp), tp->task_socket);
+    task_evq_set(tp, ev.filter, false);
+    return;
+  }
+  if (tp->task_flags & (rd ? TASK_FLAG_READDISABLE : TASK_FLAG_WRITEDISABLE)) return;
+  TASK_TRACE(tp, TR_TASK, "%s: %s ready for %s", "task_process_events", task_name(tp), rd ? "read" : "write");
+  task *saved = task_current();
+  task_set_current(tp);
+  m(tp);
+  task_set_current(saved);
+  if (rd) {
+    stats->ss[level ? SCHED_STAT_READS1 : SCHED_STAT_READS0]++;
+    tp->task_recv_count++;
+  } else {
+    stats->ss[SCHED_STAT_WRITES]++;
+    tp->task_write_count++;
+  }
+  task_timer_hiprio_check();
+}
+
+}  // namespace
+
+const char *task_evfilt_name(int filter) {
+  switch (filter) {
+    case TASK_EVFILT_READ: return "descriptor read";
+    case TASK_EVFILT_WRITE: return "descriptor write";
+    case TASK_EVFILT_AIO: return "async I/O";
+    case TASK_EVFILT_VNODE: return "vnode";
+    case TASK_EVFILT_PROC: return "process";
+    case TASK_EVFILT_SIGNAL: return "signal";
+    case TASK_EVFILT_ACK: return "route/nh acknowledgement";
+    default: return "unknown";
+  }
+}
+
+void task_process_events_internal(task_sched_stats *stats, task_io_var *io, int count) {
+  int next_level = -1;
+  // A method may run a nested pass, which reuses the queue's list.
+  task_kevent list[TASK_EVENTLIST_SIZE];
+  for (int level = 0;; level = 1) {
+    std::copy(io->task_eventlist, io->task_eventlist + count, list);
+    for (int i = 0; i < count; i++) {
+      task_kevent &ev = list[i];
+      switch (ev.filter) {
+        case TASK_EVFILT_READ:
+          if (!ev.udata) {
+            task_assert(level < (TASK_EVQ_N_PRIO - 1) &&
+                        static_cast<int>(ev.ident) == io->task_eventQ[level + 1]);
+            next_level = static_cast<int>(ev.ident);
+            break;
+          }
+          run_io(stats, io, ev, level);
+          break;
+        case TASK_EVFILT_WRITE:
+          run_io(stats, io, ev, level);
+          break;
+        case TASK_EVFILT_SIGNAL:
+          task_signal_event(static_cast<int>(ev.ident));
+          task_timer_hiprio_check();
+          break;
+        case TASK_EVFILT_AIO:
+        case TASK_EVFILT_ACK:
+          // Their owners (asynchronous I/O, route acknowledgements) register
+          // no method with this kernel yet: nothing to run.
+          break;
+        default:
+          logging_event(LOG_ERR, "ZTASK_UNKNOWN_EVENT", "ZTASK_UNKNOWN_EVENT: %s event ignored -- disabling",
+                        task_evfilt_name(ev.filter));
+          break;
+      }
+    }
+    if (level == 1 || next_level < 0) return;
+    task_utime zero{0, 0};
+    count = task_evq.wait(1, io->task_eventlist, io->task_eventlist_size, &zero);
+    if (count <= 0) return;
+  }
+}

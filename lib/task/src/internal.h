@@ -1,0 +1,45 @@
+// What the kernel's source files share and do not export.
+#pragma once
+
+#include <syslog.h>
+
+#include "evlog/evlog.h"
+#include "task/evq.h"
+#include "task/job.h"
+#include "task/sched.h"
+#include "task/task.h"
+#include "task/timer.h"
+#include "trace/trace.h"
+
+// Trace flags of the kernel's lines.
+constexpr uint64_t TR_TASK = 0x8000000;   // tasks and I/O
+constexpr uint64_t TR_TIMER = 0x4000000;  // timers
+
+trace_handle *task_trace_of(const task *tp);
+
+// Every trace line of the kernel goes through this one macro.
+#define TASK_TRACE(tp, flag, fmt, ...) ZTRACE(task_trace_of(tp), (flag), fmt __VA_OPT__(, ) __VA_ARGS__)
+
+// task.cc
+void task_base_init(task_base_var *bp);
+void task_collect_job(task_job *jp);
+// The embedded records that are not blocks.
+bool task_is_embedded(const task *tp);
+
+// sched.cc
+task_sched_var *task_sched_main(void);
+void task_sched_stat(int which, uint32_t n = 1);
+
+// timer.cc
+task_timer_var *task_timer_main(void);
+
+// job.cc
+void task_jobs_init(task_jobs_var *jv);
+
+// signal.cc
+void task_signal_init(void);
+void task_terminate(void);
+
+// The block of records kept by the kernel, made on first use.
+struct task_block;
+task_block *task_block_of_tasks(void);

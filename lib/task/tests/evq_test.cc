@@ -1,0 +1,116 @@
+// The event queues on epoll: real descriptors, the two levels, signals.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "fixture.h"
+
+namespace tt {
+namespace {
+
+std::string got;
+void rd(task *tp) {
+  char c;
+  while (read(tp->task_socket, &c, 1) == 1) got += c;
+}
+void wr(task *tp) {
+  got += "W";
+  task_evq_set(tp, TASK_EVFILT_WRITE, false);
+}
+
+struct Pair {
+  int fd[2];
+  Pair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fd); }
+  ~Pair() { close(fd[1]); }
+};
+
+task *reader(const char *name, int fd, uint32_t flags) {
+  task *tp = task_alloc(name, 1, nullptr);
+  tp->task_flags |= flags;
+  tp->task_socket = fd;
+  task_set_recv(tp, rd);
+  task_create(tp);
+  return tp;
+}
+
+class Queues : public Kernel {
+ protected:
+  void SetUp() override {
+    Kernel::SetUp();
+    task_evq.wait = task_evq_default.wait;
+  }
+};
+
+TEST_F(Queues, HighQueueFirstThenLowAndWritesSplit) {
+  Pair lowp, highp;
+  task *low = reader("low", lowp.fd[0], TASK_FLAG_LOWPRIO);
+  reader("high", highp.fd[0], 0);
+  task_set_write(low, wr);
+  task_evq_set(low, TASK_EVFILT_WRITE, true);  // one registration on queue 1 with both
+  ASSERT_EQ(write(lowp.fd[1], "l", 1), 1);
+  ASSERT_EQ(write(highp.fd[1], "h", 1), 1);
+  task_sched_var *sp = task_var_scheduler(nullptr);
+  // One pass by hand: wait on queue 0 (queue 1 is readable inside it).
+  task_io_var *io = task_var_io(nullptr);
+  task_utime zero{0, 0};
+  int n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  ASSERT_GT(n, 0);
+  task_process_events_internal(&sp->sched_stats, io, n);
+  EXPECT_EQ(got, "hlW");  // queue 0's read, then queue 1's read and its write
+  EXPECT_EQ(sp->sched_stats.ss[SCHED_STAT_READS0], 1u);
+  EXPECT_EQ(sp->sched_stats.ss[SCHED_STAT_READS1], 1u);
+  EXPECT_EQ(sp->sched_stats.ss[SCHED_STAT_WRITES], 1u);
+  // Disabling the last interest removes the registration; enabling adds it back.
+  task_evq_set(low, TASK_EVFILT_READ, false);
+  ASSERT_EQ(write(lowp.fd[1], "x", 1), 1);
+  n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  EXPECT_EQ(n, 0);
+  task_evq_set(low, TASK_EVFILT_READ, true);
+  n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  EXPECT_EQ(n, 1);
+}
+
+TEST_F(Queues, ReadDisabledAndMissingMethods) {
+  evlog_capture &cap = evlog_capture_start();
+  Pair p;
+  task *tp = reader("r", p.fd[0], TASK_FLAG_READDISABLE);
+  ASSERT_EQ(write(p.fd[1], "a", 1), 1);
+  task_io_var *io = task_var_io(nullptr);
+  task_utime zero{0, 0};
+  int n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  task_process_events_internal(&task_var_scheduler(nullptr)->sched_stats, io, n);
+  EXPECT_EQ(got, "");  // dropped
+  task_flag_clear(tp, TASK_FLAG_READDISABLE);
+  task_set_recv(tp, nullptr);
+  n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  task_process_events_internal(&task_var_scheduler(nullptr)->sched_stats, io, n);
+  n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  EXPECT_EQ(n, 0);  // disabled after the one message
+  ASSERT_EQ(cap.records.size(), 1u);
+  EXPECT_EQ(cap.records[0].tag, "ZTASK_NO_SOCKACCEPT");
+  evlog_capture_stop();
+}
+
+TEST_F(Queues, SignalsArriveAsEventsAndTermEndsCleanly) {
+  // A forked child of the kernel only exits on SIGTERM: the death test runs
+  // the kernel afresh in its own process.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  raise(SIGUSR2);  // blocked: it waits in the signalfd
+  task_io_var *io = task_var_io(nullptr);
+  task_utime zero{0, 0};
+  int n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  ASSERT_EQ(n, 1);
+  EXPECT_EQ(io->task_eventlist[0].filter, TASK_EVFILT_SIGNAL);
+  EXPECT_EQ(io->task_eventlist[0].ident, static_cast<uintptr_t>(SIGUSR2));
+  EXPECT_EXIT(
+      {
+        logging_set_mode(LOGGING_MODE_STDERR);
+        raise(SIGTERM);
+        task_scheduler();
+      },
+      ::testing::ExitedWithCode(0), "ZTASK_SIGNAL_TERMINATE: first termination signal received(.|\n)*ZTASK_EXIT");
+}
+
+}  // namespace
+}  // namespace tt

@@ -1,0 +1,135 @@
+// Jobs: weights and starvation, foreground passes, deletion from methods,
+// sub-jobs and time slices.
+#include <string>
+
+#include "fixture.h"
+
+namespace tt {
+namespace {
+
+std::string runs;
+void mark(task_job *jp) { runs += static_cast<const char *>(task_job_get_data(jp)); }
+
+TEST_F(Kernel, LowerPriorityStarvesAfterExactly65RunsThenAlternates) {
+  task_job_create_background(keeper, 3, "three", mark, const_cast<char *>("B"));
+  task_job_create_background(keeper, 0, "zero", mark, const_cast<char *>("A"));
+  for (int i = 0; i < 70; i++) task_job_bg_dispatch();
+  EXPECT_EQ(runs, std::string(65, 'A') + "BABAB");
+  EXPECT_EQ(task_var_jobs()->taskjobs_starving, 1u);
+}
+
+TEST_F(Kernel, WeightsOfTheDaemonReplaceTheDefault) {
+  EXPECT_EQ(task_var_jobs()->task_job_weight[7], 16384u);
+  task_job_weight_add(1);
+  task_job_weight_add(2);
+  EXPECT_EQ(task_var_jobs()->task_job_weight[0], 1u);
+  EXPECT_EQ(task_var_jobs()->task_job_weight[1], 2u);
+  EXPECT_EQ(task_var_jobs()->task_job_weight[7], 2u);
+  // Priority 1 now starves behind priority 0 after 3 runs.
+  task_job_create_background(keeper, 1, "one", mark, const_cast<char *>("B"));
+  task_job_create_background(keeper, 0, "zero", mark, const_cast<char *>("A"));
+  for (int i = 0; i < 6; i++) task_job_bg_dispatch();
+  EXPECT_EQ(runs, "AAABAB");
+}
+
+void spawn_fg(task_job *jp) {
+  runs += "F";
+  task_job_create_foreground(task_job_get_task(jp), "child", mark, const_cast<char *>("C"));
+}
+
+TEST_F(Kernel, ForegroundJobsCreatedDuringDispatchWaitAPass) {
+  task_job_create_foreground(keeper, "parent", spawn_fg, nullptr);
+  passes(1);
+  EXPECT_EQ(runs, "F");
+  EXPECT_TRUE(task_job_fg_queued());
+  EXPECT_DOUBLE_EQ(secs(waits.back()), 0.0);
+  passes(1);
+  EXPECT_EQ(runs, "FC");
+  EXPECT_FALSE(task_job_fg_queued());
+}
+
+task_job *victim;
+void delete_self_and_victim(task_job *jp) {
+  task_job_delete(jp);
+  task_job_delete(victim);
+  EXPECT_EQ(jp->task_job_forw, nullptr);  // still readable
+  EXPECT_STREQ(task_job_get_name(jp), "self");
+  task_job_delete(jp);                     // already deleted
+}
+
+TEST_F(Kernel, DeletingJobsFromAMethod) {
+  task_job_create_background(keeper, 2, "self", delete_self_and_victim, nullptr);
+  victim = task_job_create_background(keeper, 2, "victim", mark, const_cast<char *>("V"));
+  task_job_bg_dispatch();
+  EXPECT_FALSE(task_job_bg_queued());
+  EXPECT_EQ(runs, "");
+  // The same for foreground jobs.
+  task_job_create_foreground(keeper, "self", delete_self_and_victim, nullptr);
+  victim = task_job_create_foreground(keeper, "victim", mark, const_cast<char *>("V"));
+  task_job_fg_dispatch();
+  EXPECT_FALSE(task_job_fg_queued());
+  EXPECT_EQ(runs, "");
+}
+
+void subjob(task_job *jp) {
+  runs += static_cast<const char *>(task_job_subjob_data(task_job_current_subjob(jp)));
+  advance(0.010);
+}
+
+TEST_F(Kernel, SubJobsOnePerDispatchUntilTheRoundEnds) {
+  task_job_create_background_subjob(keeper, 1, "walk", "a", subjob, 1000, 0, const_cast<char *>("a"));
+  task_job_create_background_subjob(keeper, 1, "walk", "b", subjob, 1000, 0, const_cast<char *>("b"));
+  task_job_create_background(keeper, 1, "other", mark, const_cast<char *>("O"));
+  task_job_create_background_subjob(keeper, 1, "walk", "c", subjob, 1000, 0, const_cast<char *>("c"));
+  EXPECT_EQ(task_var_jobs()->taskjobs_bg_queued, 2u);  // one job with three sub-jobs
+  for (int i = 0; i < 5; i++) task_job_bg_dispatch();
+  EXPECT_EQ(runs, "abcOa");
+}
+
+TEST_F(Kernel, LoopQuantumRunsSubJobsWithinOneDispatch) {
+  for (const char *n : {"a", "b", "c", "d"})
+    task_job_create_background_subjob(keeper, 1, "walk", n, subjob, 1000, 25, const_cast<char *>(n));
+  task_job_bg_dispatch();
+  EXPECT_EQ(runs, "abc");  // 10 ms each: the 25 ms loop quantum ends after the third
+  task_job_bg_dispatch();
+  EXPECT_EQ(runs, "abcd");  // the round ends with d: the job goes to the back
+  task_job_bg_dispatch();
+  EXPECT_EQ(runs, "abcdabc");
+}
+
+TEST_F(Kernel, MaxQuantumUsedUpRequeuesTheJob) {
+  for (const char *n : {"a", "b", "c"})
+    task_job_create_background_subjob(keeper, 1, "walk", n, subjob, 15, 0, const_cast<char *>(n));
+  task_job_create_background(keeper, 1, "other", mark, const_cast<char *>("O"));
+  for (int i = 0; i < 4; i++) task_job_bg_dispatch();
+  EXPECT_EQ(runs, "abOc");
+}
+
+void delete_my_subjob(task_job *jp) {
+  runs += "x";
+  task_job_subjob_delete(task_job_current_subjob(jp));
+}
+
+TEST_F(Kernel, SubJobDeletingItselfAndTheTasksJobs) {
+  task_job_create_background_subjob(keeper, 1, "walk", "a", delete_my_subjob, 0, 0, nullptr);
+  task_job_create_background_subjob(keeper, 1, "walk", "b", delete_my_subjob, 0, 0, nullptr);
+  task_job_bg_dispatch();
+  task_job_bg_dispatch();
+  EXPECT_EQ(runs, "xx");
+  EXPECT_FALSE(task_job_bg_queued());
+  task *tp = task_alloc("t", 1, nullptr);
+  task_create(tp);
+  task_job_create_background_subjob(tp, 1, "walk", "a", subjob, 10, 0, nullptr);
+  task_job_create_background_subjob(tp, 1, "walk", "b", subjob, 10, 0, nullptr);
+  task_job_create_background(tp, 5, "bg", mark, nullptr);
+  task_job_create_foreground(tp, "fg", mark, nullptr);
+  task_job_delete_task(tp);
+  EXPECT_FALSE(task_job_bg_queued());
+  EXPECT_FALSE(task_job_fg_queued());
+  EXPECT_DEATH(task_job_create_background_subjob(tp, 1, "w", "s", subjob, 1, 2, nullptr), "loop_quantum <= max_quantum");
+  EXPECT_EQ(task_job_create_background(tp, 8, "bad", mark, nullptr), nullptr);
+  EXPECT_DEATH(task_job_create(tp, 9, "bad", mark, nullptr), "priority == 128");
+}
+
+}  // namespace
+}  // namespace tt

@@ -1,0 +1,190 @@
+// Tasks: list order, deferred deletion, the shutdown check, names, the exit path.
+#include <sys/socket.h>
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "fixture.h"
+#include "sockaddr/families.h"
+#include "sockaddr/zsockaddr.h"
+
+namespace tt {
+namespace {
+
+std::vector<int> order() {
+  std::vector<int> v;
+  task *h = task_get_head();
+  for (task *tp = h->task_forw; tp != h; tp = task_next(tp)) v.push_back(tp->task_priority * 10 + (tp->task_user_word));
+  return v;
+}
+
+TEST_F(Kernel, ListIsByPriorityNewestFirstAmongEquals) {
+  int tag = 0;
+  for (int prio : {5, 1, 5, 10, 3, 200, 0}) {
+    task *tp = task_alloc("t", prio, nullptr);
+    task_set_user_word(tp, ++tag);
+    task_create(tp);
+  }
+  // keeper is priority 100 with word 0
+  EXPECT_EQ(order(), (std::vector<int>{7, 12, 35, 53, 51, 104, 1000, 2006}));
+  EXPECT_EQ(task_count(), 8u);
+}
+
+TEST_F(Kernel, DeleteTwiceAndNeverCreated) {
+  task *a = task_alloc("a", 1, nullptr);
+  task_create(a);
+  task_delete(a);
+  EXPECT_TRUE(task_flag_test(a, TASK_FLAG_DELETE));
+  EXPECT_EQ(task_var_base(nullptr)->taskbase_delete_queue, a);
+  task_delete(a);  // no change
+  EXPECT_EQ(task_var_base(nullptr)->taskbase_delete_queue, a);
+  EXPECT_EQ(a->task_delete_next, nullptr);
+  EXPECT_EQ(task_count(), 1u);
+  // Allocated but never created: freed at once, not counted.
+  task *b = task_alloc("b", 1, nullptr);
+  task_delete(b);
+  EXPECT_EQ(task_count(), 1u);
+  passes(2);  // the collect job frees a
+  EXPECT_EQ(task_var_base(nullptr)->taskbase_delete_queue, nullptr);
+  EXPECT_EQ(task_get_head()->task_forw, keeper);
+}
+
+// Two tasks with readable sockets in one event list: the first one's method
+// deletes itself and the second; the walk goes on over both records, which
+// stay readable until the collect job of a later pass.
+int seen_b;
+void recv_delete_both(task *tp) {
+  task_delete(tp);
+  task_delete(static_cast<task *>(task_get_data(tp)));
+  EXPECT_STREQ(tp->task_name_base, "a");  // still readable
+}
+void recv_b(task *) { seen_b++; }
+
+TEST_F(Kernel, DeleteFromMethodsInOnePass) {
+  int sv[2], sw[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, sv), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, sw), 0);
+  task *a = task_alloc("a", 1, nullptr), *b = task_alloc("b", 2, nullptr);
+  task_set_recv(a, recv_delete_both);
+  task_set_recv(b, recv_b);
+  a->task_socket = sv[0];
+  b->task_socket = sw[0];
+  task_set_data(a, b);
+  task_create(a);
+  task_create(b);
+  task_timer_create(b, "b's timer", 0, 5, 0, 0, nullptr, nullptr);
+  script.push_back({task_kevent{static_cast<uintptr_t>(sv[0]), TASK_EVFILT_READ, 0, 0, 0, &a->task_kevent_udata},
+                    task_kevent{static_cast<uintptr_t>(sw[0]), TASK_EVFILT_READ, 0, 0, 0, &b->task_kevent_udata}});
+  passes(1);
+  EXPECT_EQ(seen_b, 0);
+  EXPECT_EQ(task_count(), 1u);
+  EXPECT_EQ(b->task_timers, nullptr);
+  passes(2);
+  EXPECT_EQ(task_var_base(nullptr)->taskbase_delete_queue, nullptr);
+  close(sv[1]);
+  close(sw[1]);
+}
+
+std::vector<std::string> shut_calls;
+void shut(task *tp) { shut_calls.push_back(tp->task_name_base); }
+
+TEST_F(Kernel, ShutdownTimerOnlyWhenEveryTaskHasTheMethod) {
+  task *a = task_alloc("a", 1, nullptr), *b = task_alloc("b", 2, nullptr);
+  task_set_shutdown(a, shut);
+  task_create(a);
+  task_create(b);
+  task_newstate(TASKS_TERMINATE, 0);
+  task_delete(keeper);
+  EXPECT_EQ(task_var_base(nullptr)->taskbase_shutdown_timer, nullptr);  // b has none
+  task_set_shutdown(b, shut);
+  task *c = task_alloc("c", 3, nullptr);
+  task_create(c);
+  task_delete(c);
+  ASSERT_NE(task_var_base(nullptr)->taskbase_shutdown_timer, nullptr);
+  passes(1);
+  EXPECT_TRUE(shut_calls.empty());
+  advance(1);
+  passes(1);
+  EXPECT_EQ(shut_calls, (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(Kernel, LastDeleteExitsWithZero) {
+  EXPECT_EXIT(
+      {
+        logging_set_mode(LOGGING_MODE_STDERR);
+        task_delete(keeper);
+      },
+      ::testing::ExitedWithCode(0), "ZTASK_EXIT: Exit .*\\[[0-9]+\\] version .* caller ");
+}
+
+void *addr_alloc(unsigned, size_t size) { return calloc(1, size); }
+void addr_free(void *p, unsigned) { free(p); }
+
+TEST_F(Kernel, NamesWithAddressAndPid) {
+  zsock_hooks h{};
+  h.alloc = addr_alloc;
+  h.free = addr_free;
+  h.snprintf = snprintf;
+  h.vsnprintf = vsnprintf;
+  zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
+  zsock_register_inet(GF_INET);
+  EXPECT_STREQ(task_name(nullptr), "(null task)");
+  task *tp = task_alloc("rx", 1, nullptr);
+  EXPECT_STREQ(task_name(tp), "rx");
+  zsockaddr_t *a = sockcreate_in(htons(4789), htonl(0x7f000001));
+  char text[64];
+  sockprint(text, sizeof text, a, 1);
+  task_set_addr(tp, a);
+  task_set_pid(tp, 1234567);
+  EXPECT_EQ(std::string(task_name(tp)), std::string("rx.") + text + "[1234567]");
+  task *lng = task_alloc(std::string(300, 'x').c_str(), 1, nullptr);
+  task_set_pid(lng, 42);
+  EXPECT_EQ(std::string(task_name(lng)), std::string(40, 'x') + "[42]");
+  task_delete(tp);
+  task_delete(lng);
+}
+
+TEST_F(Kernel, AssertWritesItsLineAndAborts) {
+  EXPECT_DEATH(
+      {
+        logging_set_mode(LOGGING_MODE_STDERR);
+        task_assert(task_count() == 99);
+      },
+      "ZTASK_ASSERT: Assertion failed .*: file \"task_test.cc\", line [0-9]+: \"task_count\\(\\) == 99\"");
+  EXPECT_DEATH(task_verify(reinterpret_cast<task *>(&fake_now)), "ZTASK_ASSERT");
+}
+
+TEST_F(Kernel, QuitLinesByStatus) {
+  EXPECT_EXIT(
+      {
+        logging_set_mode(LOGGING_MODE_STDERR);
+        __task_quit__(129);
+      },
+      ::testing::ExitedWithCode(129), "ZTASK_EXIT");
+  EXPECT_EXIT(
+      {
+        logging_set_mode(LOGGING_MODE_STDERR);
+        __task_quit__(28);
+      },
+      ::testing::ExitedWithCode(28), "ZTASK_TERMINATE_DISK_SPACE: disk full.*\nBACKTRACE: 0x");
+  EXPECT_DEATH(
+      {
+        logging_set_mode(LOGGING_MODE_STDERR);
+        errno = EBADF;
+        __task_quit__(EBADF);
+      },
+      "ZTASK_ABORT: abort .* Bad file descriptor");
+}
+
+void quit_again(int) { __task_quit__(0); }
+TEST_F(Kernel, QuitWithinQuitAborts) {
+  static task_app_ctx_t ctx;
+  ctx.app_quit_hook = quit_again;
+  task_set_task_app_ctx(&ctx);
+  EXPECT_DEATH(__task_quit__(0), "!recursed");
+}
+
+}  // namespace
+}  // namespace tt

@@ -1,0 +1,265 @@
+// Timers: phase-keeping catch-up, deletion around methods, jitter, "latest",
+// auto parents, and random runs against a model.
+#include <map>
+#include <random>
+#include <set>
+
+#include "fixture.h"
+#include "platform/grand.h"
+
+namespace tt {
+namespace {
+
+std::vector<double> fire_times;
+void note(task_timer *, uint32_t) { fire_times.push_back(secs(task_now)); }
+void dispatch_normal() {
+  task_time_update();
+  task_timer_dispatch(&task_var_timers()->timer_normal_root, false, 1000);
+}
+
+TEST_F(Kernel, HeldUpFivePeriodsFiresOnceAndKeepsPhase) {
+  task_timer *t = task_timer_create(keeper, "p", 0, 10, 0, 0, note, nullptr);
+  advance(55);  // due at 1010, five periods late
+  dispatch_normal();
+  EXPECT_EQ(fire_times.size(), 1u);
+  EXPECT_DOUBLE_EQ(secs(t->task_hier_timer.ht_expiry), 1060.0);
+  advance(5);
+  dispatch_normal();
+  EXPECT_EQ(fire_times, (std::vector<double>{1055, 1060}));
+}
+
+task_timer *other;
+int deleted_runs;
+void delete_self_and_other(task_timer *t, uint32_t) {
+  deleted_runs++;
+  task_timer_delete(t);
+  task_timer_delete(other);
+  EXPECT_TRUE(t->task_timer_flags & TIMERF_FREE);  // still readable
+  EXPECT_STREQ(t->task_timer_name, "self");
+}
+
+TEST_F(Kernel, DeletingTimersFromAMethod) {
+  task_timer_create(keeper, "self", 0, 1, 0, 0, delete_self_and_other, nullptr);
+  other = task_timer_create(keeper, "other", 0, 1, 0, 0, note, nullptr);
+  advance(1);
+  dispatch_normal();
+  EXPECT_EQ(deleted_runs, 1);
+  EXPECT_TRUE(fire_times.empty());
+  EXPECT_EQ(keeper->task_timers, keeper->task_timer_parent[TASK_TIMER_CLASS_NORMAL]);
+}
+
+void reset_to_three(task_timer *t, uint32_t) { task_timer_set(t, 0, 3, 0); }
+void delete_owner(task_timer *t, uint32_t) { task_delete(task_timer_task(t)); }
+
+TEST_F(Kernel, MethodsThatResetTheirTimerOrDeleteTheirTask) {
+  task_timer *t = task_timer_create(keeper, "r", 0, 10, 0, 0, reset_to_three, nullptr);
+  advance(10);
+  dispatch_normal();
+  EXPECT_TRUE(task_timer_running(t));
+  EXPECT_EQ(task_timer_seconds_left(t), 3u);  // as the method left it, not the interval
+  task *tp = task_alloc("doomed", 5, nullptr);
+  task_create(tp);
+  task_timer_create(tp, "a", 0, 1, 0, 0, delete_owner, nullptr);
+  task_timer_create(tp, "b", 0, 1, 0, 0, delete_owner, nullptr);
+  advance(1);
+  dispatch_normal();
+  EXPECT_TRUE(task_flag_test(tp, TASK_FLAG_DELETE));
+  EXPECT_EQ(tp->task_timers, nullptr);
+}
+
+TEST_F(Kernel, SettersAndOneShots) {
+  task_timer *d = task_timer_create(keeper, "d", TIMERF_DELETE, 10, 0, 0, note, nullptr);
+  EXPECT_FALSE(task_timer_running(d));  // the interval of a one-shot is ignored
+  EXPECT_TRUE(task_utime_zero(&d->task_timer_uinterval));
+  task_timer *t = task_timer_create(keeper, "t", 0, 10, 0, 0, note, nullptr);
+  EXPECT_TRUE(task_timer_running(t));
+  task_timer_uset(t, nullptr, nullptr, 0);
+  EXPECT_FALSE(task_timer_running(t));
+  task_timer_set(t, 0, 7, 0);
+  task_utime iv{4, 0};
+  task_timer_set_uinterval(t, &iv);  // no interval before: from now
+  EXPECT_EQ(task_timer_seconds_left(t), 4u);
+  task_timer_set_uinterval(t, &iv);  // running with an interval: from its expiry
+  EXPECT_EQ(task_timer_seconds_left(t), 8u);
+  task_timer_force_delay(t, 20);
+  EXPECT_EQ(task_timer_seconds_left(t), 20u);
+  task_timer_expire_immediately(t);
+  EXPECT_TRUE(task_timer_expired(t));
+  task_timer *o = task_timer_create(keeper, "o", 0, 0, 10, 0, note, nullptr);
+  task_utime p10{10, 0}, p4{4, 0}, p1{1, 0};
+  task_timer_oneshot_adjust(o, &p10, &p4);
+  EXPECT_EQ(task_timer_seconds_left(o), 4u);
+  advance(3.5);
+  task_timer_oneshot_adjust(o, &p4, &p1);  // 0.5 s left, a cut of 3: at once
+  EXPECT_TRUE(task_timer_expired(o));
+  EXPECT_DEATH(task_timer_oneshot_adjust(t, &p4, &p1), "task_utime_zero");
+}
+
+TEST_F(Kernel, JitterBounds) {
+  grand_seed(7);
+  task_utime ten{10, 0}, r;
+  uint64_t lo = ~0ull, hi = 0;
+  for (int i = 0; i < 2000; i++) {
+    task_timer_jitter_reduction(&ten, 20, &r);
+    lo = std::min(lo, task_utime_to_usec(r));
+    hi = std::max(hi, task_utime_to_usec(r));
+  }
+  EXPECT_LT(hi, 2000000u);  // fires between 8 and 10 seconds
+  EXPECT_GT(hi, 1900000u);
+  EXPECT_LT(lo, 100000u);
+  for (int i = 0; i < 2000; i++) {
+    task_timer_jitter_reduction(&ten, 80, &r);  // acts as 50
+    hi = std::max(hi, task_utime_to_usec(r));
+  }
+  EXPECT_LT(hi, 5000000u);
+  EXPECT_GT(hi, 4500000u);
+  task_utime longer{50000, 0};
+  for (int i = 0; i < 100; i++) {
+    task_timer_jitter_reduction(&longer, 50, &r);
+    EXPECT_TRUE(task_utime_zero(&r));
+  }
+  task_utime mid{1000, 0};  // milliseconds
+  task_timer_jitter_reduction(&mid, 50, &r);
+  EXPECT_EQ(r.ut_usec % 1000, 0u);
+  // A timer with jitter is set from now, earlier by at most the jitter.
+  task_timer *t = task_timer_create(keeper, "j", 0, 10, 0, 20, note, nullptr);
+  EXPECT_GE(secs(t->task_hier_timer.ht_expiry), 1008.0);
+  EXPECT_LE(secs(t->task_hier_timer.ht_expiry), 1010.0);
+}
+
+std::string fired_names;
+void name_note(task_timer *t, uint32_t) { fired_names += t->task_timer_name; }
+
+TEST_F(Kernel, LatestKeepsSetOrderDespiteJitter) {
+  grand_seed(3);
+  task_utime iv{10, 0};
+  for (const char *n : {"a", "b", "c", "d"}) {
+    task_timer *t = task_timer_create_idle(keeper, n, 0, name_note, nullptr);
+    task_timer_uset_oneshot_latest(t, &iv, 40, false);
+  }
+  advance(10);
+  dispatch_normal();
+  EXPECT_EQ(fired_names, "abcd");
+}
+
+TEST_F(Kernel, AutoParentsShareOneNodePerKey) {
+  task_utime iv{30, 0}, iv2{31, 0};
+  task_timer *a = task_timer_create_idle(keeper, "a", 0, name_note, nullptr);
+  task_timer *b = task_timer_create_idle(keeper, "b", 0, name_note, nullptr);
+  task_timer *c = task_timer_create_idle(keeper, "c", 0, name_note, nullptr);
+  task_timer_uset_latest_auto(nullptr, a, &iv, 0);
+  advance(1);
+  task_timer_uset_latest_auto(nullptr, b, &iv, 0);
+  task_timer_uset_latest_auto(nullptr, c, &iv2, 0);
+  ASSERT_NE(a->task_timer_auto_parent, nullptr);
+  EXPECT_EQ(a->task_timer_auto_parent, b->task_timer_auto_parent);
+  EXPECT_NE(a->task_timer_auto_parent, c->task_timer_auto_parent);
+  EXPECT_EQ(a->task_timer_auto_parent->auto_parent_refcount, 2u);
+  EXPECT_DEATH(task_timer_set_jitter(a, 5), "task_timer_auto_parent == \\(\\(void \\*\\)0\\)");
+  advance(40);
+  dispatch_normal();
+  EXPECT_EQ(fired_names.substr(0, 3), "abc");
+  task_timer_delete(a);
+  task_timer_delete(b);
+  task_timer_delete(c);
+  EXPECT_TRUE(patricia_isempty(&task_var_timers()->timer_auto_tree.tat_root));
+}
+
+void spawn_job(task_job *jp) { fired_names += task_job_get_name(jp); }
+
+TEST_F(Kernel, SpawnJobTimerQueuesAJob) {
+  task_utime iv{2, 0};
+  task_timer *t = task_timer_ucreate_job(keeper, "J", 0, &iv, nullptr, 0, 128, spawn_job, nullptr);
+  advance(2);
+  dispatch_normal();
+  EXPECT_TRUE(task_timer_job_in_progress(t));
+  task_job_fg_dispatch();
+  EXPECT_EQ(fired_names, "J");
+  EXPECT_FALSE(task_timer_job_in_progress(t));
+}
+
+// Random runs against a model: which timers fire at each step and in what
+// order of expiry, with one-shots, repeating timers, resets and deletes.
+struct model_timer {
+  task_timer *t;
+  bool running;
+  uint64_t expiry, interval;
+};
+std::map<int, model_timer> model;
+std::vector<int> fired_ids;
+void model_fire(task_timer *t, uint32_t) {
+  fired_ids.push_back(static_cast<int>(reinterpret_cast<intptr_t>(task_timer_data(t))));
+}
+
+TEST_F(Kernel, RandomRunsAgainstAModel) {
+  std::mt19937 rng(12345);
+  std::vector<task *> tasks{keeper};
+  for (int i = 0; i < 4; i++) {
+    task *tp = task_alloc("m", i, nullptr);
+    task_create(tp);
+    tasks.push_back(tp);
+  }
+  auto now_us = [] { return task_utime_to_usec(fake_now); };
+  int next_id = 0;
+  for (int step = 0; step < 3000; step++) {
+    int op = rng() % 10;
+    if (op < 3 || model.empty()) {
+      int id = next_id++;
+      uint64_t off = 1 + rng() % 5000000, iv = rng() % 2 ? 1000 + rng() % 3000000 : 0;
+      task_utime o = task_utime_from_usec(off), i = task_utime_from_usec(iv);
+      task_timer *t = task_timer_ucreate(tasks[rng() % tasks.size()], "m", 0, iv ? &i : nullptr, &o, 0, model_fire,
+                                         reinterpret_cast<void *>(static_cast<intptr_t>(id)));
+      model[id] = model_timer{t, true, now_us() + off, iv};
+    } else {
+      auto it = model.begin();
+      std::advance(it, rng() % model.size());
+      model_timer &m = it->second;
+      if (op == 3) {
+        task_timer_delete(m.t);
+        model.erase(it);
+      } else if (op == 4) {
+        task_timer_reset(m.t);
+        m.running = false;
+        m.interval = 0;
+      } else if (op == 5) {
+        uint64_t off = 1 + rng() % 2000000;
+        task_utime o = task_utime_from_usec(off);
+        task_timer_uset(m.t, nullptr, &o, 0);
+        m.running = true;
+        m.expiry = now_us() + off;
+        m.interval = 0;
+      } else {
+        advance((rng() % 1500000) / 1e6);
+        std::multimap<uint64_t, int> due;
+        for (auto &[id, mt] : model)
+          if (mt.running && mt.expiry <= now_us()) due.emplace(mt.expiry, id);
+        fired_ids.clear();
+        dispatch_normal();
+        ASSERT_EQ(fired_ids.size(), due.size()) << "step " << step;
+        uint64_t prev = 0;
+        for (int id : fired_ids) {
+          model_timer &mt = model.at(id);
+          ASSERT_TRUE(mt.running && mt.expiry <= now_us());
+          ASSERT_GE(mt.expiry, prev);  // earliest first
+          prev = mt.expiry;
+          if (mt.interval) {
+            uint64_t e = mt.expiry + mt.interval;
+            if (e <= now_us()) e += ((now_us() - e) / mt.interval + 1) * mt.interval;
+            mt.expiry = e;
+          } else {
+            mt.running = false;
+          }
+        }
+        for (auto &[id, mt] : model) {
+          ASSERT_EQ(task_timer_running(mt.t), mt.running) << id;
+          if (mt.running) {
+            ASSERT_EQ(task_utime_to_usec(mt.t->task_hier_timer.ht_expiry), mt.expiry) << id;
+          }
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tt
