@@ -36,12 +36,7 @@ uint32_t addr_word(const zsockaddr_t *a) {
 }
 
 int inet_cmp2(const zsockaddr_t *a, const zsockaddr_t *b) {
-  unsigned la = socklen(a), lb = socklen(b), l = std::min(la, lb);
-  if (l > kOffset) {
-    int c = memcmp(raw(a) + kOffset, raw(b) + kOffset, l - kOffset);
-    if (c) return c < 0 ? -1 : 1;
-  }
-  return la == lb ? 0 : la < lb ? -1 : 1;
+  return cmp_shorter_first(raw(a), socklen(a), raw(b), socklen(b), kOffset);
 }
 
 bool inet_maskedeq(const zsockaddr_t *a, const zsockaddr_t *b, const zsockaddr_t *mask) {
@@ -285,12 +280,7 @@ int inet_vprintf(char *text, size_t size, const zsockaddr_t *a, int alt) {
     uint32_t w = addr_word(a);
     p = put_quad(p, reinterpret_cast<const uint8_t *>(&w));
     uint16_t port = len >= 4 ? ntohs(in(a)->gin_port) : 0;
-    if (alt && port > 0) {
-      *p++ = '+';
-      char d[8], *s = put_uint_back(d + sizeof d, port);
-      memcpy(p, s, d + sizeof d - s);
-      p += d + sizeof d - s;
-    }
+    if (alt && port > 0) p = put_plus_port(p, port);
     return put_text(text, size, buf, p - buf);
   }
   if (len < 16) {

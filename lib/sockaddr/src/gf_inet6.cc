@@ -36,12 +36,7 @@ void copy16(uint8_t out[16], const zsockaddr_t *a, unsigned off) {
 }
 
 int inet6_cmp2(const zsockaddr_t *a, const zsockaddr_t *b) {
-  unsigned la = socklen(a), lb = socklen(b), l = std::min(la, lb);
-  if (l > kOffset) {
-    int c = memcmp(raw(a) + kOffset, raw(b) + kOffset, l - kOffset);
-    if (c) return c < 0 ? -1 : 1;
-  }
-  return la == lb ? 0 : la < lb ? -1 : 1;
+  return cmp_shorter_first(raw(a), socklen(a), raw(b), socklen(b), kOffset);
 }
 
 const zsockaddr_t *inet6_hostmask(const zsockaddr_t *a) {
@@ -184,12 +179,7 @@ int inet6_vprintf(char *text, size_t size, const zsockaddr_t *a, int alt) {
   int n = put_ntop(buf, addr);
   if (len <= SOCKADDR_IN6_LEN) {
     uint16_t port = len >= 4 ? ntohs(in6(a)->gin6_port) : 0;
-    if (alt && port > 0) {
-      buf[n++] = '+';
-      char d[8], *s = put_uint_back(d + sizeof d, port);
-      memcpy(buf + n, s, d + sizeof d - s);
-      n += d + sizeof d - s;
-    }
+    if (alt && port > 0) n = put_plus_port(buf + n, port) - buf;
     return put_text(text, size, buf, n);
   }
   uint8_t src[16];

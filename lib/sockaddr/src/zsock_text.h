@@ -47,6 +47,26 @@ inline char *put_uint_back(char *end, uint64_t v) {
   return end;
 }
 
+// Writes "+port"; returns the end.
+inline char *put_plus_port(char *p, uint16_t port) {
+  *p++ = '+';
+  char d[8], *s = put_uint_back(d + sizeof d, port);
+  size_t n = d + sizeof d - s;
+  memcpy(p, s, n);
+  return p + n;
+}
+
+// Order of two addresses of one INET-like family: the bytes from the offset
+// over the shorter length, then the shorter first.
+inline int cmp_shorter_first(const uint8_t *a, unsigned la, const uint8_t *b, unsigned lb, unsigned off) {
+  unsigned l = la < lb ? la : lb;
+  if (l > off) {
+    int c = memcmp(a + off, b + off, l - off);
+    if (c) return c < 0 ? -1 : 1;
+  }
+  return la == lb ? 0 : la < lb ? -1 : 1;
+}
+
 // Copies n bytes of text into a caller's buffer of size bytes with a NUL;
 // returns the length stored.
 inline int put_text(char *dst, size_t size, const char *src, size_t n) {
