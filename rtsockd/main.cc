@@ -1,0 +1,77 @@
+// rtsockd -f STATE [-s SOCKET]: the route-socket peer, in the foreground,
+// logging to standard error.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "platform/path.h"
+#include "rtsock/rts_lower.h"
+#include "server.h"
+
+using namespace rtsockd;
+
+namespace {
+
+// Each line of the state file is an object as the admin socket's "add" takes it.
+bool load(const char *file, Store &store) {
+  std::ifstream in(file);
+  if (!in) {
+    log("cannot read %s", file);
+    return false;
+  }
+  std::string line;
+  for (int n = 1; std::getline(in, line); n++) {
+    size_t start = line.find_first_not_of(" \t");
+    if (start == std::string::npos || line[start] == '#') continue;
+    uint32_t type;
+    std::unique_ptr<Object> obj;
+    std::string why;
+    if (!parse_object(line.substr(start), &type, &obj, &why)) {
+      log("%s:%d: %s", file, n, why.c_str());
+      return false;
+    }
+    if (int err = store.apply(RTS_OP_ADD, type, obj->rec())) {
+      log("%s:%d: %s", file, n, err == EEXIST ? "already given" : strerror(err));
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const char *state = nullptr;
+  std::string path;
+  int opt;
+  while ((opt = getopt(argc, argv, "f:s:")) != -1) {
+    if (opt == 'f') state = optarg;
+    else if (opt == 's') path = optarg;
+    else state = nullptr, optind = argc + 1;
+  }
+  if (!state || optind != argc) {
+    fprintf(stderr, "usage: rtsockd -f STATE [-s SOCKET]\n");
+    return 2;
+  }
+  if (path.empty()) {
+    char buf[108];
+    if (!rts_peer_path(buf, sizeof buf)) {
+      log("socket path too long");
+      return 1;
+    }
+    path = buf;
+  }
+  std::string dir = path.substr(0, path.rfind('/'));
+  if (!dir.empty() && dir != path) tvx_mkdirs(dir.c_str(), 0755);
+  Store store;
+  if (!load(state, store)) return 1;
+  Server server(store, path);
+  if (!server.start()) return 1;
+  log("serving %zu objects on %s, admin on %s", store.size(), server.path().c_str(),
+      server.admin_path().c_str());
+  return server.run();
+}

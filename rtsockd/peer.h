@@ -1,0 +1,65 @@
+// rtsockd: the route-socket peer. Its stores of kernel objects, the text form
+// of those objects (state file and admin socket), and the server.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "rtsock/rts_codec.h"
+#include "rtsock/rts_msg.h"
+
+namespace rtsockd {
+
+// One stored object: a record decoded into a block of its own.
+struct Object {
+  std::vector<uint8_t> block;
+  uint32_t type = 0;
+  void *rec() { return block.data(); }
+  const void *rec() const { return block.data(); }
+  rts_msg_hdr &hdr() { return *static_cast<rts_msg_hdr *>(rec()); }
+};
+
+// A copy of a record (and everything it points to) in a new object.
+std::unique_ptr<Object> clone(uint32_t type, const void *record);
+
+// The stores, one ordered map per type, keyed so that the map's order is the
+// order of getnext.
+class Store {
+ public:
+  // The key of a record of a type this peer keeps; empty for other types.
+  static std::string key_of(uint32_t type, const void *record);
+  static bool serves(uint32_t type);
+
+  // 0, EEXIST (add of a present key), ENOENT (change or delete of an absent
+  // one), EINVAL (a record without its key fields) or EOPNOTSUPP.
+  int apply(uint8_t op, uint32_t type, const void *record);
+  // The object that a get (op 4) or getnext (op 5) asks for, or null.
+  const Object *lookup(uint8_t op, uint32_t type, const void *request) const;
+  // Stored objects of a type in order, for show and tests.
+  const std::map<std::string, std::unique_ptr<Object>> &table(uint32_t type) const;
+  size_t size() const;
+  const Object *find_exact(uint32_t type, const std::string &key) const;
+
+ private:
+  const Object *find_next(uint32_t type, const std::string &key) const;
+  const Object *match(uint32_t type, const void *request) const;
+  std::map<uint32_t, std::map<std::string, std::unique_ptr<Object>>> tables_;
+};
+
+// ---- Text ----------------------------------------------------------------------------------
+// "KIND field=value ..." with KIND one of rttable, route, mac, ifd, ifl, iff,
+// ifa, bd; fields by their names in the layout table or without their prefix
+// ("index" for "bdm_index"), nested ones as "group.field".
+
+// Builds a record; false with *error set.
+bool parse_object(const std::string &line, uint32_t *type, std::unique_ptr<Object> *out,
+                  std::string *error);
+// The line that parse_object reads back.
+std::string print_object(uint32_t type, const void *record);
+// The kind of a type ("bd"), or null.
+const char *kind_name(uint32_t type);
+
+}  // namespace rtsockd

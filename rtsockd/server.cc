@@ -1,0 +1,593 @@
+// The event loop: clients' data and control sockets, admin connections,
+// replies and verdicts, notifications with a bounded backlog per client.
+#include "server.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/compat.h"
+#include "rtsock/rts_lower.h"
+
+namespace rtsockd {
+
+namespace {
+
+enum : uint64_t { kListen = 1, kAdminListen, kSignal, kData, kCtl, kAdmin };
+constexpr uint64_t tag(uint64_t kind, int id) { return kind << 32 | static_cast<uint32_t>(id); }
+
+constexpr size_t kMaxRecord = 1 << 20;      // a bulk write may carry many messages
+constexpr size_t kBacklogMessages = 4096;   // notifications kept for a slow reader
+constexpr size_t kBacklogBytes = 8 << 20;
+constexpr int kRecordsPerWakeup = 64;       // so that one busy client cannot starve the others
+
+uint32_t word(const uint8_t *p, int i) {
+  uint32_t v;
+  memcpy(&v, p + 4 * i, 4);
+  return v;
+}
+
+struct Bump {
+  uint8_t *base;
+  size_t limit, used;
+  static void *alloc(void *ctx, size_t n) {
+    auto *b = static_cast<Bump *>(ctx);
+    n = (n + 7) & ~size_t{7};
+    if (n > b->limit - b->used) return nullptr;
+    void *p = b->base + b->used;
+    b->used += n;
+    return p;
+  }
+};
+
+std::vector<uint8_t> encode(uint32_t type, void *record, bool tlv) {
+  rts_msg_pair pair{type, record};
+  int n = tlv ? rts_tlv_encode(&pair, nullptr, nullptr, 0) : rts_idr_encode(&pair, nullptr, 0);
+  std::vector<uint8_t> out(static_cast<size_t>(n));
+  if (tlv) rts_tlv_encode(&pair, nullptr, out.data(), static_cast<uint32_t>(n));
+  else rts_idr_encode(&pair, out.data(), static_cast<uint32_t>(n));
+  return out;
+}
+
+void nonblock(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
+
+int listen_on(const std::string &path, int type) {
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  if (path.size() >= sizeof sa.sun_path) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  strlcpy(sa.sun_path, path.c_str(), sizeof sa.sun_path);
+  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return -1;
+  unlink(path.c_str());
+  if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) < 0 || listen(fd, 64) < 0) {
+    int e = errno;
+    close(fd);
+    errno = e;
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+void log(const char *fmt, ...) {
+  char text[1024];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(text, sizeof text, fmt, ap);
+  va_end(ap);
+  fprintf(stderr, "rtsockd: %s\n", text);
+}
+
+void Faults::reset() {
+  fail.clear();
+  silent.clear();
+  versions.assign(1, RTS_TYPE_COUNT - 1);
+  versions.push_back(RTS_IFACE_VERSION);
+  for (unsigned t = 1; t <= RTS_TYPE_LAST; t++) versions.push_back(rts_type_table[t].version);
+}
+
+Server::Server(Store &store, std::string path) : store_(store), path_(std::move(path)) {
+  faults_.reset();
+  rbuf_.resize(kMaxRecord + 1);
+}
+
+Server::~Server() {
+  for (auto &[id, c] : clients_) {
+    close(c.data);
+    if (c.ctl >= 0) close(c.ctl);
+  }
+  for (auto &[fd, a] : admins_) close(fd);
+  for (int fd : {listen_, admin_, sigfd_, epfd_})
+    if (fd >= 0) close(fd);
+  if (listen_ >= 0) {
+    unlink(path_.c_str());
+    unlink(admin_path().c_str());
+  }
+}
+
+void Server::watch(int fd, uint32_t events, uint64_t t, bool modify) {
+  epoll_event ev{};
+  ev.events = events;
+  ev.data.u64 = t;
+  epoll_ctl(epfd_, modify ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &ev);
+}
+
+bool Server::start() {
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  sigfd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  epfd_ = epoll_create1(EPOLL_CLOEXEC);
+  listen_ = listen_on(path_, SOCK_SEQPACKET);
+  if (listen_ < 0) {
+    log("cannot listen on %s: %s", path_.c_str(), strerror(errno));
+    return false;
+  }
+  admin_ = listen_on(admin_path(), SOCK_STREAM);
+  if (admin_ < 0) {
+    log("cannot listen on %s: %s", admin_path().c_str(), strerror(errno));
+    return false;
+  }
+  watch(listen_, EPOLLIN, tag(kListen, 0));
+  watch(admin_, EPOLLIN, tag(kAdminListen, 0));
+  watch(sigfd_, EPOLLIN, tag(kSignal, 0));
+  return true;
+}
+
+int Server::run() {
+  epoll_event evs[64];
+  for (;;) {
+    int n = epoll_wait(epfd_, evs, 64, -1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      log("epoll_wait: %s", strerror(errno));
+      return 1;
+    }
+    for (int i = 0; i < n; i++) {
+      uint64_t kind = evs[i].data.u64 >> 32;
+      int id = static_cast<int>(evs[i].data.u64 & 0xffffffffu);
+      uint32_t e = evs[i].events;
+      switch (kind) {
+        case kListen: accept_client(); break;
+        case kAdminListen: accept_admin(); break;
+        case kSignal: {
+          signalfd_siginfo si;
+          if (read(sigfd_, &si, sizeof si) == sizeof si) {
+            log("stopping on %s", sigabbrev_np(static_cast<int>(si.ssi_signo)));
+            return 0;
+          }
+          break;
+        }
+        case kData:
+        case kCtl: {
+          auto it = clients_.find(id);
+          if (it == clients_.end() || it->second.dead) break;
+          Client &c = it->second;
+          if (kind == kData && (e & EPOLLOUT)) flush(c);
+          if (kind == kData && (e & (EPOLLIN | EPOLLHUP | EPOLLERR))) on_data(c);
+          if (kind == kCtl && (e & (EPOLLIN | EPOLLHUP | EPOLLERR))) on_ctl(c);
+          break;
+        }
+        case kAdmin: {
+          auto it = admins_.find(id);
+          if (it != admins_.end()) on_admin(it->second);
+          break;
+        }
+      }
+    }
+    reap();
+  }
+}
+
+void Server::accept_client() {
+  for (;;) {
+    int fd = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) return;
+    Client c;
+    c.id = next_id_++;
+    c.data = fd;
+    watch(fd, EPOLLIN, tag(kData, c.id));
+    clients_[c.id] = std::move(c);
+  }
+}
+
+void Server::drop(Client &c, const char *why) {
+  if (c.dead) return;
+  log("client %d (sender %u) %s", c.id, c.sender, why);
+  c.dead = true;
+}
+
+void Server::reap() {
+  for (auto it = clients_.begin(); it != clients_.end();) {
+    if (!it->second.dead) {
+      ++it;
+      continue;
+    }
+    epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.data, nullptr);
+    close(it->second.data);
+    if (it->second.ctl >= 0) {
+      epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.ctl, nullptr);
+      close(it->second.ctl);
+    }
+    it = clients_.erase(it);
+  }
+}
+
+bool Server::hello(Client &c, const uint8_t *buf, ssize_t n, int passed_fd) {
+  rts_ctl_msg m;
+  if (n < static_cast<ssize_t>(sizeof m) || passed_fd < 0) return false;
+  memcpy(&m, buf, sizeof m);
+  if (m.magic != RTS_CTL_MAGIC || m.op != RTS_CTL_HELLO) return false;
+  nonblock(passed_fd);
+  c.ctl = passed_fd;
+  c.hello = true;
+  watch(c.ctl, EPOLLIN, tag(kCtl, c.id));
+  return send_ctl(c, RTS_CTL_HELLO, 0, 0, nullptr, 0);
+}
+
+void Server::on_data(Client &c) {
+  for (int k = 0; k < kRecordsPerWakeup && !c.dead; k++) {
+    iovec iov{rbuf_.data(), rbuf_.size()};
+    alignas(cmsghdr) char cbuf[CMSG_SPACE(4 * sizeof(int))];
+    msghdr mh{};
+    mh.msg_iov = &iov;
+    mh.msg_iovlen = 1;
+    mh.msg_control = cbuf;
+    mh.msg_controllen = sizeof cbuf;
+    ssize_t n = recvmsg(c.data, &mh, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (n < 0 && errno == ECONNRESET) return drop(c, "vanished with replies unread");
+    if (n < 0) return drop(c, (std::string("failed: ") + strerror(errno)).c_str());
+    if (n == 0) return drop(c, "closed its socket");
+    int passed = -1;
+    for (cmsghdr *cm = CMSG_FIRSTHDR(&mh); cm; cm = CMSG_NXTHDR(&mh, cm)) {
+      if (cm->cmsg_level != SOL_SOCKET || cm->cmsg_type != SCM_RIGHTS) continue;
+      size_t count = (cm->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+      for (size_t i = 0; i < count; i++) {
+        int fd;
+        memcpy(&fd, CMSG_DATA(cm) + i * sizeof(int), sizeof fd);
+        if (passed < 0 && !c.hello) passed = fd;
+        else close(fd);  // descriptors nobody asked for
+      }
+    }
+    if (!c.hello) {
+      if (!hello(c, rbuf_.data(), n, passed)) {
+        if (passed >= 0 && !c.hello) close(passed);
+        return drop(c, "did not start with a hello and its control socket: dropped");
+      }
+      continue;
+    }
+    int verdict;
+    if (mh.msg_flags & MSG_TRUNC) {
+      log("client %d (sender %u): record longer than %zu bytes refused", c.id, c.sender, kMaxRecord);
+      verdict = EMSGSIZE;
+    } else {
+      verdict = handle(c, rbuf_.data(), static_cast<size_t>(n));
+    }
+    if (!c.dead && !send_ctl(c, RTS_CTL_VERDICT, 0, verdict, nullptr, 0)) return;
+  }
+}
+
+bool Server::send_ctl(Client &c, uint32_t op, int name, int error, const void *value, uint32_t len) {
+  std::vector<uint8_t> out(sizeof(rts_ctl_msg) + len);
+  rts_ctl_msg m{RTS_CTL_MAGIC, op, name, error, len};
+  memcpy(out.data(), &m, sizeof m);
+  if (len) memcpy(out.data() + sizeof m, value, len);
+  if (send(c.ctl, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+    drop(c, errno == EAGAIN ? "does not read its control socket: dropped"
+                            : "lost its control socket");
+    return false;
+  }
+  return true;
+}
+
+void Server::on_ctl(Client &c) {
+  for (int k = 0; k < kRecordsPerWakeup && !c.dead; k++) {
+    uint8_t buf[sizeof(rts_ctl_msg) + RTS_CTL_VALUE_MAX];
+    ssize_t n = recv(c.ctl, buf, sizeof buf, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (n <= 0) return drop(c, "closed its control socket");
+    rts_ctl_msg m;
+    if (static_cast<size_t>(n) < sizeof m) return drop(c, "sent a short control record: dropped");
+    memcpy(&m, buf, sizeof m);
+    if (m.magic != RTS_CTL_MAGIC || (m.op == RTS_CTL_SETOPT && m.len > n - sizeof m))
+      return drop(c, "sent a malformed control record: dropped");
+    if (m.op == RTS_CTL_SETOPT) {
+      int err = setopt(c, m.name, buf + sizeof m, m.len);
+      send_ctl(c, RTS_CTL_SETOPT, m.name, err, nullptr, 0);
+    } else if (m.op == RTS_CTL_GETOPT) {
+      std::vector<uint8_t> v;
+      int err = getopt(c, m.name, &v);
+      uint32_t len = static_cast<uint32_t>(v.size() < m.len ? v.size() : m.len);
+      send_ctl(c, RTS_CTL_GETOPT, m.name, err, v.data(), err ? 0 : len);
+    } else {
+      return drop(c, "sent an unknown control record: dropped");
+    }
+  }
+}
+
+int Server::setopt(Client &c, int name, const uint8_t *v, uint32_t len) {
+  switch (name) {
+    case RTS_OPT_LISTEN_MASK:
+      if (len != 8) return EINVAL;
+      memcpy(c.listen, v, 8);
+      return 0;
+    case RTS_OPT_SENDER_ID:
+      if (len != 1) return EINVAL;
+      c.sender = v[0];
+      return 0;
+    case RTS_OPT_SYNC_MODE: {
+      uint32_t mode;
+      if (len != 4) return EINVAL;
+      memcpy(&mode, v, 4);
+      if (mode > 1) return EINVAL;
+      c.sync_mode = mode;
+      return 0;
+    }
+    case RTS_OPT_ASYNC_MODE:
+    case RTS_OPT_SLAVE_MODE:
+    case RTS_OPT_ROUTE_VETO:
+      if (len != 4) return EINVAL;
+      c.options[name].assign(v, v + len);
+      return 0;
+    case RTS_OPT_LOOPBACK_MASK:
+      if (len != 8) return EINVAL;
+      c.options[name].assign(v, v + len);
+      return 0;
+    case RTS_OPT_FILTER:
+      c.options[name].assign(v, v + len);
+      return 0;
+    default:
+      return ENOPROTOOPT;
+  }
+}
+
+int Server::getopt(Client &c, int name, std::vector<uint8_t> *v) {
+  auto bytes = [v](const void *p, size_t n) {
+    auto *b = static_cast<const uint8_t *>(p);
+    v->assign(b, b + n);
+  };
+  switch (name) {
+    case RTS_OPT_VERSION: *v = faults_.versions; return 0;
+    case RTS_OPT_LISTEN_MASK: bytes(c.listen, 8); return 0;
+    case RTS_OPT_SENDER_ID: bytes(&c.sender, 1); return 0;
+    case RTS_OPT_SYNC_MODE: bytes(&c.sync_mode, 4); return 0;
+    case RTS_OPT_BULK_ERROR: bytes(c.bulk, 12); return 0;
+    default: {
+      auto it = c.options.find(name);
+      if (it == c.options.end()) return ENOPROTOOPT;
+      *v = it->second;
+      return 0;
+    }
+  }
+}
+
+int Server::send_data(Client &c, const std::vector<uint8_t> &bytes, bool notification) {
+  if (c.backlog.empty()) {
+    if (send(c.data, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
+    if (errno != EAGAIN && errno != ENOBUFS) {
+      drop(c, (std::string("cannot be written to: ") + strerror(errno)).c_str());
+      return errno;
+    }
+  }
+  // The socket is full: a reply fails as the kernel's would; a notification
+  // waits, up to a bound, and is dropped past it.
+  if (!notification) return EAGAIN;
+  if (c.backlog.size() >= kBacklogMessages || c.backlog_bytes + bytes.size() > kBacklogBytes) {
+    c.dropped++;
+    if (!c.stalled) {
+      log("client %d (sender %u) is not reading: dropping notifications", c.id, c.sender);
+      c.stalled = true;
+    }
+    return ENOBUFS;
+  }
+  if (c.backlog.empty()) watch(c.data, EPOLLIN | EPOLLOUT, tag(kData, c.id), true);
+  c.backlog.push_back(bytes);
+  c.backlog_bytes += bytes.size();
+  return 0;
+}
+
+void Server::flush(Client &c) {
+  while (!c.backlog.empty()) {
+    const auto &m = c.backlog.front();
+    if (send(c.data, m.data(), m.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+      if (errno != EAGAIN && errno != ENOBUFS) drop(c, "cannot be written to");
+      return;
+    }
+    c.backlog_bytes -= m.size();
+    c.backlog.pop_front();
+  }
+  watch(c.data, EPOLLIN, tag(kData, c.id), true);
+  if (c.stalled) {
+    log("client %d (sender %u) reads again; %llu notifications were dropped", c.id, c.sender,
+        static_cast<unsigned long long>(c.dropped));
+    c.stalled = false;
+  }
+}
+
+void Server::notify(uint32_t type, uint8_t op, void *record, uint32_t sender, const Client *origin) {
+  uint32_t w, bit;
+  if (!rts_listen_bit(type, &w, &bit)) return;
+  auto *h = static_cast<rts_msg_hdr *>(record);
+  rts_msg_hdr saved = *h;
+  h->operation = op;
+  h->seq = ++notify_seq_;
+  h->sender = sender;
+  std::vector<uint8_t> bytes;
+  for (auto &[id, c] : clients_) {
+    if (c.dead || !c.hello || &c == origin || !(c.listen[w] & bit)) continue;
+    if (bytes.empty()) bytes = encode(type, record, true);
+    send_data(c, bytes, true);
+  }
+  *h = saved;
+}
+
+// ---- Messages ----------------------------------------------------------------------------------
+
+int Server::handle(Client &c, const uint8_t *buf, size_t n) {
+  if (n < 4) {
+    log("client %d (sender %u): record of %zu bytes is too short", c.id, c.sender, n);
+    return EINVAL;
+  }
+  uint32_t magic = word(buf, 0);
+  std::vector<uint8_t> replies;
+  if (magic == 0) {
+    int err = handle_raw(c, buf, n, &replies);
+    if (!err && !replies.empty()) err = send_data(c, replies, false);
+    return err;
+  }
+  if (magic != RTS_MAGIC_TLV && magic != RTS_MAGIC_IDR) {
+    log("client %d (sender %u): garbage record of %zu bytes (first word 0x%x)", c.id, c.sender, n, magic);
+    return EINVAL;
+  }
+  if (!(c.sync_mode & 1)) {
+    uint64_t len = n >= RTS_ENVELOPE_SIZE ? uint64_t{word(buf, 1)} + RTS_ENVELOPE_SIZE : 0;
+    if (len != n) {
+      log("client %d (sender %u): envelope of %llu bytes in a record of %zu", c.id, c.sender,
+          static_cast<unsigned long long>(len), n);
+      return EINVAL;
+    }
+    int err = handle_one(c, buf, n, &replies);
+    if (!err && !replies.empty()) err = send_data(c, replies, false);
+    return err;
+  }
+  // Bulk: envelopes back to back; the first failure stops the batch, and the
+  // replies of those before it go back in one record.
+  uint32_t accepted = 0, total = 0;
+  int err = 0;
+  for (size_t pos = 0; pos < n; total++) {
+    uint64_t len = n - pos >= RTS_ENVELOPE_SIZE ? uint64_t{word(buf + pos, 1)} + RTS_ENVELOPE_SIZE : 0;
+    if (!len || len > n - pos) {
+      if (!err) {
+        log("client %d (sender %u): bulk record cut inside its message %u", c.id, c.sender, total);
+        err = EINVAL;
+      }
+      total++;
+      break;
+    }
+    if (!err) {
+      err = handle_one(c, buf + pos, len, &replies);
+      if (!err) accepted++;
+    }
+    pos += len;
+  }
+  c.bulk[0] = static_cast<uint32_t>(err);
+  c.bulk[1] = accepted;
+  c.bulk[2] = total;
+  if (!replies.empty()) {
+    int serr = send_data(c, replies, false);
+    if (!err) err = serr;
+  }
+  return err;
+}
+
+int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies) {
+  bool tlv = word(buf, 0) == RTS_MAGIC_TLV;
+  size_t room = 4 * n + 65536;
+  if (arena_.size() < room) arena_.resize(room);
+  Bump bump{arena_.data(), arena_.size(), 0};
+  rts_msg_pair pair{};
+  int r = tlv ? rts_tlv_decode(&pair, nullptr, buf, static_cast<uint32_t>(n), Bump::alloc, &bump)
+              : rts_idr_decode(&pair, buf, static_cast<uint32_t>(n), Bump::alloc, &bump);
+  if (r <= 0) {
+    log("client %d (sender %u): undecodable %s message of %zu bytes: %s", c.id, c.sender,
+        tlv ? "TLV" : "IDR", n, rts_decode_error_text(r));
+    return EINVAL;
+  }
+  uint32_t type = pair.type;
+  auto fail = faults_.fail.find(type);
+  if (fail != faults_.fail.end()) return fail->second;
+  if (faults_.silent.count(type)) return 0;
+  if (!pair.record || !Store::serves(type)) return EOPNOTSUPP;
+  auto *h = static_cast<rts_msg_hdr *>(pair.record);
+  uint8_t op = h->operation;
+  switch (op) {
+    case RTS_OP_GET:
+    case RTS_OP_GETNEXT: {
+      const Object *found = store_.lookup(op, type, pair.record);
+      if (!found) return ENOENT;
+      std::vector<uint8_t> bytes;
+      if (type == RTS_T_RTMATCH) {
+        auto *q = static_cast<rts_rtmatch_msg *>(pair.record);
+        auto *rt = static_cast<const rts_rt_msg *>(found->rec());
+        q->rtmm_match_bits = rt->rtm_prefix_bits;
+        q->rtmm_nh_index = rt->rtm_nh_index;
+        q->rtmm_type = rt->rtm_type;
+        q->rtmm_flags = rt->rtm_flags;
+        bytes = encode(type, q, tlv);
+      } else {
+        auto *obj = const_cast<Object *>(found);
+        rts_msg_hdr saved = obj->hdr();
+        obj->hdr().operation = op;
+        obj->hdr().seq = h->seq;
+        obj->hdr().sender = h->sender;
+        bytes = encode(type, obj->rec(), tlv);
+        obj->hdr() = saved;
+      }
+      replies->insert(replies->end(), bytes.begin(), bytes.end());
+      return 0;
+    }
+    case RTS_OP_ADD:
+    case RTS_OP_CHANGE: {
+      int err = store_.apply(op, type, pair.record);
+      if (!err) notify(type, op, pair.record, c.sender, &c);
+      return err;
+    }
+    case RTS_OP_DELETE: {
+      const Object *old = store_.find_exact(type, Store::key_of(type, pair.record));
+      if (!old) return ENOENT;
+      std::unique_ptr<Object> keep = clone(type, old->rec());
+      int err = store_.apply(op, type, pair.record);
+      if (!err && keep) notify(type, op, keep->rec(), c.sender, &c);
+      return err;
+    }
+    default:
+      return EOPNOTSUPP;
+  }
+}
+
+int Server::handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies) {
+  if (n < sizeof(rts_raw_hdr)) {
+    log("client %d (sender %u): raw record of %zu bytes is too short", c.id, c.sender, n);
+    return EINVAL;
+  }
+  rts_raw_hdr h;
+  memcpy(&h, buf, sizeof h);
+  auto fail = faults_.fail.find(h.type);
+  if (fail != faults_.fail.end()) return fail->second;
+  if (faults_.silent.count(h.type)) return 0;
+  if ((h.type != RTS_T_IFDSTATS && h.type != RTS_T_IFLSTATS) || n < sizeof(rts_ifstats_msg))
+    return EOPNOTSUPP;
+  rts_ifstats_msg m;
+  memcpy(&m, buf, sizeof m);
+  std::string key;
+  uint32_t type = h.type == RTS_T_IFDSTATS ? RTS_T_IFDEV : RTS_T_IFLOGICAL;
+  for (int i = type == RTS_T_IFDEV ? 1 : 3; i >= 0; i--) key += static_cast<char>(m.ifsm_index >> (8 * i));
+  if (!store_.find_exact(type, key)) return ENOENT;
+  // Counters are not kept here: an interface that exists has seen nothing.
+  rts_ifstats_msg reply{};
+  reply.hdr = h;
+  reply.hdr.length = sizeof reply;
+  reply.ifsm_index = m.ifsm_index;
+  auto *b = reinterpret_cast<const uint8_t *>(&reply);
+  replies->insert(replies->end(), b, b + sizeof reply);
+  return 0;
+}
+
+}  // namespace rtsockd

@@ -1,0 +1,274 @@
+// The stores and their lookups: exact gets, getnext in key order, and the
+// other ways a get can name an object (names, SNMP indexes, addresses).
+#include <cerrno>
+#include <cstring>
+
+#include "peer.h"
+
+namespace rtsockd {
+
+namespace {
+
+struct Bump {
+  uint8_t *base;
+  size_t limit, used;
+  static void *alloc(void *ctx, size_t n) {
+    auto *b = static_cast<Bump *>(ctx);
+    n = (n + 7) & ~size_t{7};
+    if (n > b->limit - b->used) return nullptr;
+    void *p = b->base + b->used;
+    b->used += n;
+    return p;
+  }
+};
+
+// Big-endian pieces, so that byte order is number order.
+void be(std::string &k, uint64_t v, int bytes) {
+  for (int i = bytes - 1; i >= 0; i--) k += static_cast<char>(v >> (8 * i));
+}
+
+void prefix_key(std::string &k, const uint8_t *p, uint16_t bits) {
+  for (unsigned i = 0; i < (bits + 7u) / 8; i++) k += static_cast<char>(p ? p[i] : 0);
+  be(k, bits, 2);
+}
+
+bool name_is(const char *name, uint32_t len, const char *want) {
+  return name && len && strcmp(name, want) == 0;
+}
+
+bool prefix_equal(const uint8_t *a, uint16_t abits, const uint8_t *b, uint16_t bbits) {
+  return abits == bbits && (abits == 0 || (a && b && memcmp(a, b, (abits + 7u) / 8) == 0));
+}
+
+// Whether addr (bits long) lies in prefix/plen.
+bool covers(const uint8_t *prefix, uint16_t plen, const uint8_t *addr, uint16_t bits) {
+  if (plen > bits) return false;
+  unsigned full = plen / 8, rest = plen % 8;
+  if (full && memcmp(prefix, addr, full)) return false;
+  if (rest) {
+    uint8_t m = static_cast<uint8_t>(0xff << (8 - rest));
+    if ((prefix[full] & m) != (addr[full] & m)) return false;
+  }
+  return true;
+}
+
+const std::map<std::string, std::unique_ptr<Object>> kEmpty;
+
+}  // namespace
+
+std::unique_ptr<Object> clone(uint32_t type, const void *record) {
+  rts_msg_pair pair{type, const_cast<void *>(record)};
+  int n = rts_idr_encode(&pair, nullptr, 0);
+  std::vector<uint8_t> bytes(static_cast<size_t>(n));
+  rts_idr_encode(&pair, bytes.data(), static_cast<uint32_t>(n));
+  auto obj = std::make_unique<Object>();
+  obj->type = type;
+  // Decoded, a record is its fixed part plus a little more than its encoding.
+  for (size_t room = 2 * bytes.size() + 4096;; room *= 2) {
+    obj->block.assign(room, 0);
+    Bump b{obj->block.data(), room, 0};
+    // The record must be the block's first allocation.
+    rts_msg_pair out{};
+    int r = rts_idr_decode(&out, bytes.data(), static_cast<uint32_t>(bytes.size()), Bump::alloc, &b);
+    if (r == RTS_DEC_NOMEM) continue;
+    if (r <= 0 || out.record != obj->block.data()) return nullptr;
+    return obj;
+  }
+}
+
+bool Store::serves(uint32_t type) {
+  switch (type) {
+    case RTS_T_RTTABLE: case RTS_T_ROUTE: case RTS_T_IFDEV: case RTS_T_IFLOGICAL:
+    case RTS_T_IFFAMILY: case RTS_T_IFADDR: case RTS_T_BRIDGE_DOMAIN: case RTS_T_RTMATCH:
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::string Store::key_of(uint32_t type, const void *r) {
+  std::string k;
+  switch (type) {
+    case RTS_T_RTTABLE: {
+      auto *m = static_cast<const rts_rtb_msg *>(r);
+      be(k, m->rtbm_af, 1);
+      be(k, m->rtbm_index, 2);
+      break;
+    }
+    case RTS_T_ROUTE: {
+      auto *m = static_cast<const rts_rt_msg *>(r);
+      be(k, m->rtm_table, 2);
+      be(k, m->rtm_af, 1);
+      prefix_key(k, m->rtm_prefix, m->rtm_prefix_bits);
+      break;
+    }
+    case RTS_T_IFDEV: be(k, static_cast<const rts_ifd_msg *>(r)->ifdm_index, 2); break;
+    case RTS_T_IFLOGICAL: be(k, static_cast<const rts_ifl_msg *>(r)->iflm_index, 4); break;
+    case RTS_T_IFFAMILY: {
+      auto *m = static_cast<const rts_iff_msg *>(r);
+      be(k, m->iffm_ifl_index, 4);
+      be(k, m->iffm_af, 1);
+      break;
+    }
+    case RTS_T_IFADDR: {
+      auto *m = static_cast<const rts_ifa_msg *>(r);
+      be(k, m->ifam_ifl_index, 4);
+      be(k, m->ifam_af, 1);
+      prefix_key(k, m->ifam_local, m->ifam_local_bits);
+      break;
+    }
+    case RTS_T_BRIDGE_DOMAIN: be(k, static_cast<const rts_bd_msg *>(r)->bdm_index, 2); break;
+    default: break;
+  }
+  return k;
+}
+
+int Store::apply(uint8_t op, uint32_t type, const void *record) {
+  if (!serves(type) || type == RTS_T_RTMATCH) return EOPNOTSUPP;
+  std::string key = key_of(type, record);
+  auto &t = tables_[type];
+  auto it = t.find(key);
+  switch (op) {
+    case RTS_OP_ADD:
+    case RTS_OP_CHANGE: {
+      if (op == RTS_OP_ADD && it != t.end()) return EEXIST;
+      if (op == RTS_OP_CHANGE && it == t.end()) return ENOENT;
+      auto obj = clone(type, record);
+      if (!obj) return EINVAL;
+      t[key] = std::move(obj);
+      return 0;
+    }
+    case RTS_OP_DELETE:
+      if (it == t.end()) return ENOENT;
+      t.erase(it);
+      return 0;
+    default:
+      return EINVAL;
+  }
+}
+
+const Object *Store::find_exact(uint32_t type, const std::string &key) const {
+  auto t = tables_.find(type);
+  if (t == tables_.end()) return nullptr;
+  auto it = t->second.find(key);
+  return it == t->second.end() ? nullptr : it->second.get();
+}
+
+const Object *Store::find_next(uint32_t type, const std::string &key) const {
+  auto t = tables_.find(type);
+  if (t == tables_.end()) return nullptr;
+  auto it = t->second.upper_bound(key);
+  return it == t->second.end() ? nullptr : it->second.get();
+}
+
+const std::map<std::string, std::unique_ptr<Object>> &Store::table(uint32_t type) const {
+  auto t = tables_.find(type);
+  return t == tables_.end() ? kEmpty : t->second;
+}
+
+size_t Store::size() const {
+  size_t n = 0;
+  for (auto &t : tables_) n += t.second.size();
+  return n;
+}
+
+// Gets that name an object otherwise than by its key.
+const Object *Store::match(uint32_t type, const void *request) const {
+  if (type == RTS_T_RTMATCH) {
+    auto *q = static_cast<const rts_rtmatch_msg *>(request);
+    const Object *best = nullptr;
+    uint16_t best_bits = 0;
+    for (auto &[key, obj] : table(RTS_T_ROUTE)) {
+      auto *m = static_cast<const rts_rt_msg *>(obj->rec());
+      if (m->rtm_table != q->rtmm_table || m->rtm_af != q->rtmm_af || !q->rtmm_prefix) continue;
+      if ((!best || m->rtm_prefix_bits >= best_bits) &&
+          (m->rtm_prefix_bits == 0 ||
+           (m->rtm_prefix && covers(m->rtm_prefix, m->rtm_prefix_bits, q->rtmm_prefix, q->rtmm_prefix_bits)))) {
+        best = obj.get();
+        best_bits = m->rtm_prefix_bits;
+      }
+    }
+    return best;
+  }
+  for (auto &[key, obj] : table(type)) {
+    const void *o = obj->rec();
+    switch (type) {
+      case RTS_T_RTTABLE: {
+        auto *q = static_cast<const rts_rtb_msg *>(request);
+        auto *m = static_cast<const rts_rtb_msg *>(o);
+        if (m->rtbm_af == q->rtbm_af && name_is(q->rtbm_name, q->rtbm_name_len, m->rtbm_name ? m->rtbm_name : ""))
+          return obj.get();
+        break;
+      }
+      case RTS_T_IFDEV: {
+        auto *q = static_cast<const rts_ifd_msg *>(request);
+        auto *m = static_cast<const rts_ifd_msg *>(o);
+        if (q->ifdm_name_len ? name_is(q->ifdm_name, q->ifdm_name_len, m->ifdm_name ? m->ifdm_name : "")
+                             : q->ifdm_snmp_index && q->ifdm_snmp_index == m->ifdm_snmp_index)
+          return obj.get();
+        break;
+      }
+      case RTS_T_IFLOGICAL: {
+        auto *q = static_cast<const rts_ifl_msg *>(request);
+        auto *m = static_cast<const rts_ifl_msg *>(o);
+        if (q->iflm_name_len ? name_is(q->iflm_name, q->iflm_name_len, m->iflm_name ? m->iflm_name : "") &&
+                                   q->iflm_unit == m->iflm_unit
+                             : q->iflm_snmp_index && q->iflm_snmp_index == m->iflm_snmp_index)
+          return obj.get();
+        break;
+      }
+      case RTS_T_IFFAMILY: {
+        auto *q = static_cast<const rts_iff_msg *>(request);
+        auto *m = static_cast<const rts_iff_msg *>(o);
+        if (m->iffm_af == q->iffm_af && name_is(q->iffm_name, q->iffm_name_len, m->iffm_name ? m->iffm_name : ""))
+          return obj.get();
+        break;
+      }
+      case RTS_T_IFADDR: {
+        auto *q = static_cast<const rts_ifa_msg *>(request);
+        auto *m = static_cast<const rts_ifa_msg *>(o);
+        if (m->ifam_ifl_index != q->ifam_ifl_index || m->ifam_af != q->ifam_af) break;
+        if (q->ifam_local_bits &&
+            !prefix_equal(q->ifam_local, q->ifam_local_bits, m->ifam_local, m->ifam_local_bits))
+          break;
+        // A destination asked for matches the address's destination, or lies
+        // in the subnet of the local address.
+        if (q->ifam_dest_bits &&
+            !prefix_equal(q->ifam_dest, q->ifam_dest_bits, m->ifam_dest, m->ifam_dest_bits) &&
+            !(m->ifam_dest && covers(m->ifam_dest, m->ifam_dest_bits, q->ifam_dest, q->ifam_dest_bits)))
+          break;
+        return obj.get();
+      }
+      default: break;
+    }
+  }
+  return nullptr;
+}
+
+const Object *Store::lookup(uint8_t op, uint32_t type, const void *request) const {
+  if (op == RTS_OP_GETNEXT) return find_next(type, key_of(type, request));
+  if (op != RTS_OP_GET) return nullptr;
+  switch (type) {
+    case RTS_T_RTTABLE:
+      if (static_cast<const rts_rtb_msg *>(request)->rtbm_index == RTS_RTB_INDEX_BY_NAME)
+        return match(type, request);
+      break;
+    case RTS_T_IFDEV:
+      if (!static_cast<const rts_ifd_msg *>(request)->ifdm_index) return match(type, request);
+      break;
+    case RTS_T_IFLOGICAL:
+      if (!static_cast<const rts_ifl_msg *>(request)->iflm_index) return match(type, request);
+      break;
+    case RTS_T_IFFAMILY:
+      if (static_cast<const rts_iff_msg *>(request)->iffm_name_len) return match(type, request);
+      break;
+    case RTS_T_IFADDR:
+    case RTS_T_RTMATCH:
+      return match(type, request);
+    default:
+      break;
+  }
+  return find_exact(type, key_of(type, request));
+}
+
+}  // namespace rtsockd
