@@ -28,7 +28,10 @@ constexpr uint64_t tag(uint64_t kind, int id) { return kind << 32 | static_cast<
 constexpr size_t kMaxRecord = 1 << 20;      // a bulk write may carry many messages
 constexpr size_t kBacklogMessages = 4096;   // notifications kept for a slow reader
 constexpr size_t kBacklogBytes = 8 << 20;
-constexpr int kRecordsPerWakeup = 64;       // so that one busy client cannot starve the others
+// Records taken from one client per wakeup: one, so that a busy client cannot
+// starve the others (epoll reports it again) and a synchronous client's
+// request costs no extra read.
+constexpr int kRecordsPerWakeup = 1;
 
 uint32_t word(const uint8_t *p, int i) {
   uint32_t v;

@@ -12,6 +12,17 @@ void enc(const rts_struct *s, const uint8_t *rec, const uint8_t *mask, Out &o) {
   for (unsigned i = 0; i < s->rs_count; i++) {
     if (!(bits >> i & 1)) continue;
     const rts_field &f = s->rs_fields[i];
+    if (is_int(f.rf_kind) && o.buf && o.pos + 16 <= o.room) {
+      // The common case in one store: tag, length, the value zero-extended
+      // over its padding.
+      uint8_t *d = o.buf + o.pos;
+      uint32_t head[2] = {f.rf_tag, f.rf_width};
+      uint64_t v = get_int(rec, f);
+      memcpy(d, head, 8);
+      memcpy(d + 8, &v, 8);
+      o.pos += 8 + pad4(f.rf_width);
+      continue;
+    }
     uint64_t at = o.pos;
     o.put32(f.rf_tag);
     switch (f.rf_kind) {

@@ -1,6 +1,5 @@
 // The default lower edge: a data socket and a control socket to rtsockd.
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -27,17 +26,13 @@ struct CtlBuf {
   uint8_t value[RTS_CTL_VALUE_MAX];
 };
 
-// Waits for the peer's next control record; 0 or an errno value.
+// Waits for the peer's next control record; 0 or an errno value. The control
+// socket blocks, with a receive timeout: one system call per answer.
 int ctl_wait(int cfd, CtlBuf *in) {
   for (;;) {
-    pollfd p{cfd, POLLIN, 0};
-    int r = poll(&p, 1, RTS_CTL_TIMEOUT_MS);
-    if (r < 0 && errno == EINTR) continue;
-    if (r < 0) return errno;
-    if (r == 0) return ETIMEDOUT;
-    ssize_t n = recv(cfd, in, sizeof *in, MSG_DONTWAIT);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n < 0) return errno;
+    ssize_t n = recv(cfd, in, sizeof *in, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return errno == EAGAIN ? ETIMEDOUT : errno;
     if (n == 0) return ECONNRESET;
     if (static_cast<size_t>(n) < sizeof in->m || in->m.magic != RTS_CTL_MAGIC ||
         in->m.len > static_cast<size_t>(n) - sizeof in->m)
@@ -76,6 +71,8 @@ int lo_open(void *) {
       socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) < 0) {
     err = errno;
   } else {
+    timeval tv{RTS_CTL_TIMEOUT_MS / 1000, (RTS_CTL_TIMEOUT_MS % 1000) * 1000};
+    setsockopt(sv[0], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     rts_ctl_msg hello{RTS_CTL_MAGIC, RTS_CTL_HELLO, 0, 0, 0};
     iovec iov{&hello, sizeof hello};
     alignas(cmsghdr) char cbuf[CMSG_SPACE(sizeof(int))] = {};

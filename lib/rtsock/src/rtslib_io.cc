@@ -28,7 +28,7 @@ struct Bump {
   size_t used;
   static void *alloc(void *ctx, size_t n) {
     auto *b = static_cast<Bump *>(ctx);
-    n = (n + 3) & ~size_t{3};
+    n = (n + 7) & ~size_t{7};  // records hold pointers
     if (n > b->limit - b->used) return nullptr;
     void *p = b->base + b->used;
     b->used += n;

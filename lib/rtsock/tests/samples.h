@@ -9,14 +9,15 @@
 
 namespace samples {
 
-// A bump allocator over one buffer, as the library decodes replies.
+// A bump allocator over one buffer, as the library decodes replies; 8-byte
+// steps, since records hold pointers.
 struct Arena {
   std::vector<uint8_t> mem;
   size_t used = 0;
   explicit Arena(size_t size = 1 << 16) : mem(size) {}
   static void *alloc(void *ctx, size_t n) {
     auto *a = static_cast<Arena *>(ctx);
-    n = (n + 3) & ~size_t{3};
+    n = (n + 7) & ~size_t{7};
     if (a->used + n > a->mem.size()) return nullptr;
     void *p = a->mem.data() + a->used;
     a->used += n;

@@ -51,8 +51,8 @@ enum : int {
 // The text of a decoder result (0 and below), as logged.
 const char *rts_decode_error_text(int result);
 
-// The allocator of a decode: memory for the record, blobs and lists, 4-byte
-// aligned; null when it has none. The free function is for releases.
+// The allocator of a decode: memory for the record, blobs and lists, 8-byte
+// aligned (records hold pointers); null when it has none. The free function is for releases.
 typedef void *(*rts_alloc_fn)(void *context, size_t size);
 typedef void (*rts_free_fn)(void *context, void *block);
 
