@@ -16,7 +16,7 @@ inline void release(int id, void *p) {
 
 inline const rts_lower_ops &edge() { return *rts_lower(); }
 
-// Block sizes of the design: a request, the peek of a header, a raw message.
+// Fixed sizes: the request block, the peek of a header, the raw read buffer.
 constexpr size_t kRequestBlock = 16384;
 constexpr size_t kPeek = 24;
 constexpr size_t kReadBuffer = 16385;

@@ -1,7 +1,7 @@
 // Writing one message, reading one, and decoding a reply into one block.
 #include <unistd.h>
 
-#include <cassert>
+#include <cstdlib>
 #include <cerrno>
 #include <cstring>
 
@@ -91,10 +91,13 @@ int rtslib_msg_read(rtslib_cookie *c, uint8_t **block, uint32_t *length) {
   uint8_t head[kPeek];
   ssize_t n = edge().lo_peek(edge().lo_ctx, c->fd, head, sizeof head);
   if (n < 0) {
-    assert(errno != EMSGSIZE);
+    if (errno == EMSGSIZE) {  // a peek of 24 bytes cannot be too long: the socket is not ours
+      rtslib_log(c, RTSLIB_LOG_FATAL, "%s", "errno != EMSGSIZE");
+      abort();
+    }
     return errno;
   }
-  if (n == 0) return EAGAIN;
+  if (n == 0) return ECONNRESET;  // the peer has gone
   if (static_cast<size_t>(n) < kPeek) {
     // A record shorter than any header would sit in front of every later
     // reply: take it off the socket.
