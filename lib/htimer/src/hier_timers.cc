@@ -1,7 +1,10 @@
 // The timer tree: set-and-carry, relink, stop, attach, spread.
 #include <time.h>
 
+#include <boost/intrusive/rbtree_algorithms.hpp>
+#include <cstddef>
 #include <cstring>
+#include <initializer_list>
 
 #include "htimer/htimer.h"
 
@@ -38,23 +41,93 @@ task_utime jittered(const task_utime &base, const task_utime *interval, uint32_t
   return e;
 }
 
+// The order index: Boost.Intrusive's red-black algorithms over the ht_order
+// links, the head in the parent's ht_index. Its order is the list's order:
+// nodes go in by position (before their list successor), never by key, so
+// equal expiries stay in arrival order and the two can never disagree.
+struct order_traits {
+  using node = htimer_order;
+  using node_ptr = htimer_order *;
+  using const_node_ptr = const htimer_order *;
+  using color = uintptr_t;
+  static node_ptr get_parent(const_node_ptr n) { return reinterpret_cast<node_ptr>(n->ho_parent & ~uintptr_t{1}); }
+  static void set_parent(node_ptr n, node_ptr p) {
+    n->ho_parent = reinterpret_cast<uintptr_t>(p) | (n->ho_parent & 1);
+  }
+  static node_ptr get_left(const_node_ptr n) { return n->ho_left; }
+  static void set_left(node_ptr n, node_ptr l) { n->ho_left = l; }
+  static node_ptr get_right(const_node_ptr n) { return n->ho_right; }
+  static void set_right(node_ptr n, node_ptr r) { n->ho_right = r; }
+  static color get_color(const_node_ptr n) { return n->ho_parent & 1; }
+  static void set_color(node_ptr n, color c) { n->ho_parent = (n->ho_parent & ~uintptr_t{1}) | c; }
+  static color black() { return 0; }
+  static color red() { return 1; }
+};
+using order_tree = boost::intrusive::rbtree_algorithms<order_traits>;
+
+inline htimer *of_order(const htimer_order *o) {
+  return reinterpret_cast<htimer *>(reinterpret_cast<uintptr_t>(o) - offsetof(htimer, ht_order));
+}
+inline bool indexed(const htimer *p) { return p->ht_flags & HTIMER_INDEXED; }
+
+// Indexes a parent's list as it stands: once, on the first long walk.
+[[gnu::noinline]] void build_index(htimer *p) {
+  order_tree::init_header(&p->ht_index);
+  htimer *c = p->ht_first;
+  do {
+    order_tree::push_back(&p->ht_index, &c->ht_order);
+    c = c->ht_next;
+  } while (c != p->ht_first);
+  p->ht_flags |= HTIMER_INDEXED;
+}
+
+// Puts n into p's index just before its list successor (n is linked already).
+[[gnu::noinline]] void index_insert(htimer *p, htimer *n) {
+  htimer_order *pos = n->ht_next == p->ht_first ? &p->ht_index : &n->ht_next->ht_order;
+  order_tree::insert_before(&p->ht_index, pos, &n->ht_order);
+}
+
 inline void link_only_child(htimer *p, htimer *n) {
   p->ht_first = n;
   n->ht_next = n->ht_prev = n;
+  p->ht_children = 1;
 }
 
-inline void link_after(htimer *at, htimer *n) {
+inline void link_after(htimer *p, htimer *at, htimer *n) {
   n->ht_prev = at;
   n->ht_next = at->ht_next;
   at->ht_next->ht_prev = n;
   at->ht_next = n;
+  p->ht_children++;
+  if (indexed(p)) index_insert(p, n);
+}
+
+inline void link_first(htimer *p, htimer *n) {
+  htimer *old = p->ht_first;
+  n->ht_prev = old->ht_prev;
+  n->ht_next = old;
+  old->ht_prev->ht_next = n;
+  old->ht_prev = n;
+  p->ht_first = n;
+  p->ht_children++;
+  if (indexed(p)) order_tree::insert_before(&p->ht_index, &old->ht_order, &n->ht_order);
+}
+
+// A parent that shrinks back to a short list drops its index.
+[[gnu::noinline]] void index_erase(htimer *p, htimer *n) {
+  if (p->ht_children <= HTIMER_INDEX_DROP)
+    p->ht_flags &= ~HTIMER_INDEXED;
+  else
+    order_tree::erase(&p->ht_index, &n->ht_order);
 }
 
 // Takes a running node out of its parent's list; returns whether it was first.
-bool unlink(htimer *n) {
+inline bool unlink(htimer *n) {
   htimer *p = n->ht_parent;
   if (!p || !n->ht_next) return false;
   bool first = p->ht_first == n;
+  if (indexed(p)) index_erase(p, n);
+  p->ht_children--;
   if (n->ht_next == n) {
     p->ht_first = nullptr;
   } else {
@@ -64,6 +137,33 @@ bool unlink(htimer *n) {
   }
   n->ht_next = n->ht_prev = nullptr;
   return first;
+}
+
+struct expiry_before_node {
+  bool operator()(const task_utime &e, const htimer_order *o) const { return task_utime_lt(e, of_order(o)->ht_expiry); }
+};
+
+// place() for an e before the last child: a short walk back, or the index
+// once a walk has gone far.
+[[gnu::noinline]] htimer *place_before_last(htimer *p, const task_utime &e) {
+  htimer *first = p->ht_first, *cur = first->ht_prev;
+  if (!indexed(p)) {
+    for (int steps = 0; steps < HTIMER_INDEX_WALK; steps++) {
+      if (cur == first) return nullptr;
+      cur = cur->ht_prev;
+      if (!task_utime_lt(e, cur->ht_expiry)) return cur;
+    }
+    build_index(p);
+  }
+  htimer_order *after = order_tree::upper_bound(&p->ht_index, e, expiry_before_node());
+  htimer *succ = of_order(after);  // never the head: e is before the last child
+  return succ == first ? nullptr : succ->ht_prev;
+}
+// The last running child whose expiry is not later than e, or null when e
+// goes first. From the back, since new expiries are usually the latest.
+inline htimer *place(htimer *p, const task_utime &e) {
+  htimer *last = p->ht_first->ht_prev;
+  return !task_utime_lt(e, last->ht_expiry) ? last : place_before_last(p, e);
 }
 
 // Puts n at its place in its parent's list; returns whether the parent's
@@ -85,20 +185,12 @@ bool relink(htimer *n, const task_utime &old, bool was_running) {
     link_only_child(p, n);
     return true;
   }
-  // From the back: new expiries are usually the latest.
-  htimer *cur = p->ht_first->ht_prev;
-  for (;;) {
-    if (!task_utime_lt(n->ht_expiry, cur->ht_expiry)) {
-      link_after(cur, n);
-      return was_first;
-    }
-    if (cur == p->ht_first) {
-      link_after(cur->ht_prev, n);
-      p->ht_first = n;
-      return true;
-    }
-    cur = cur->ht_prev;
+  if (htimer *at = place(p, n->ht_expiry)) {
+    link_after(p, at, n);
+    return was_first;
   }
+  link_first(p, n);
+  return true;
 }
 
 // Stores a node's expiry and carries a changed minimum up the tree.
@@ -148,6 +240,19 @@ void init_node(htimer *timer, htimer *parent, uint16_t user, uint8_t flags) {
   timer->ht_user = user;
   timer->ht_magic = HTIMER_MAGIC;
   timer->ht_flags = flags;
+}
+
+// Black height of a red-black subtree, or -1 on a broken link, a red node
+// with a red child or unequal black heights.
+int black_height(const htimer_order *o, const htimer_order *parent) {
+  if (!o) return 1;
+  if (order_traits::get_parent(o) != parent) return -1;
+  bool red = order_traits::get_color(o) == order_traits::red();
+  for (const htimer_order *c : {o->ho_left, o->ho_right})
+    if (red && c && order_traits::get_color(c) == order_traits::red()) return -1;
+  int l = black_height(o->ho_left, o), r = black_height(o->ho_right, o);
+  if (l < 0 || l != r) return -1;
+  return l + !red;
 }
 
 }  // namespace
@@ -269,6 +374,29 @@ bool htimer_expired(const htimer *node) {
 
 void htimer_time_left(const htimer *node, task_utime *left) {
   *left = htimer_running(node) ? task_utime_sub(node->ht_expiry, now()) : task_utime{0, 0};
+}
+
+bool htimer_verify(const htimer *p) {
+  uint32_t n = 0;
+  if (const htimer *first = p->ht_first) {
+    const htimer *c = first;
+    do {
+      if (c->ht_parent != p || c->ht_next->ht_prev != c || !htimer_running(c)) return false;
+      if (c->ht_next != first && task_utime_lt(c->ht_next->ht_expiry, c->ht_expiry)) return false;
+      c = c->ht_next;
+    } while (++n <= p->ht_children && c != first);
+  }
+  if (n != p->ht_children) return false;
+  if (!indexed(p)) return true;
+  const htimer_order *head = &p->ht_index, *root = order_traits::get_parent(head);
+  if (!root || order_traits::get_color(root) != order_traits::black() || black_height(root, head) < 0) return false;
+  htimer_order *o = order_tree::begin_node(head);
+  const htimer *c = p->ht_first;
+  for (uint32_t i = 0; i < n; i++, c = c->ht_next) {
+    if (o == head || of_order(o) != c) return false;
+    o = order_tree::next_node(o);
+  }
+  return o == head && head->ho_right == &p->ht_first->ht_prev->ht_order;
 }
 
 htimer *htimer_next_expired(htimer *root) {

@@ -60,11 +60,11 @@ class Tree : public ::testing::Test {
     htimer_set_abs(leaf, &t);
   }
 
-  htimer root;
+  htimer root{};
 };
 
 TEST_F(Tree, EqualExpiriesKeepArrivalOrderAndAResetToTheSameTimeChangesNothing) {
-  htimer a, b, c;
+  htimer a{}, b{}, c{};
   for (htimer *t : {&a, &b, &c}) htimer_init_leaf(t, &root, 0);
   set(&a, 105);
   set(&b, 105);
@@ -91,7 +91,7 @@ TEST_F(Tree, EqualExpiriesKeepArrivalOrderAndAResetToTheSameTimeChangesNothing) 
 }
 
 TEST_F(Tree, StoppingTheOnlyLeafOfAChainStopsEveryParent) {
-  htimer mid, low, leaf, other;
+  htimer mid{}, low{}, leaf{}, other{};
   htimer_init_parent(&mid, &root, 0);
   htimer_init_parent(&low, &mid, 0);
   htimer_init_leaf(&leaf, &low, 0);
@@ -114,7 +114,7 @@ TEST_F(Tree, StoppingTheOnlyLeafOfAChainStopsEveryParent) {
 }
 
 TEST_F(Tree, NextExpiredOnlyWhenTheRootHasExpired) {
-  htimer a;
+  htimer a{};
   htimer_init_leaf(&a, &root, 0);
   EXPECT_EQ(htimer_next_expired(&root), nullptr);
   set(&a, 100.5);
@@ -133,7 +133,7 @@ TEST_F(Tree, NextExpiredOnlyWhenTheRootHasExpired) {
 }
 
 TEST_F(Tree, RelativePeriodicAndLatestSets) {
-  htimer a, b, c;
+  htimer a{}, b{}, c{};
   for (htimer *t : {&a, &b, &c}) htimer_init_leaf(t, &root, 0);
   task_utime ten = sec(10), gap = sec(0.000001);
   htimer_set_rel(&a, &ten, 250000);  // jitter brings it 0.25 s forward
@@ -162,7 +162,7 @@ TEST_F(Tree, RelativePeriodicAndLatestSets) {
 }
 
 TEST_F(Tree, SpreadOnlyBringsTimersEarlierAndKeepsOrder) {
-  htimer t[4];
+  htimer t[4]{};
   for (auto &x : t) htimer_init_leaf(&x, &root, 0);
   set(&t[0], 10);
   set(&t[1], 30);
@@ -195,7 +195,7 @@ TEST_F(Tree, SpreadOnlyBringsTimersEarlierAndKeepsOrder) {
 }
 
 TEST_F(Tree, AttachAndDetachCarryMinima) {
-  htimer sub, leaf, other;
+  htimer sub{}, leaf{}, other{};
   htimer_init_parent(&sub, nullptr, 0);
   htimer_init_leaf(&leaf, &sub, 0);
   htimer_init_leaf(&other, &root, 0);
@@ -215,7 +215,7 @@ TEST_F(Tree, AttachAndDetachCarryMinima) {
 }
 
 TEST_F(Tree, MisuseAsserts) {
-  htimer a, p;
+  htimer a{}, p{};
   htimer_init_leaf(&a, &root, 0);
   set(&a, 101);
   EXPECT_DEATH(htimer_init_leaf(&a, &root, 0), "!htimer_running\\(timer\\)");
@@ -223,7 +223,7 @@ TEST_F(Tree, MisuseAsserts) {
   htimer_init_parent(&p, &root, 0);
   task_utime t = sec(1);
   EXPECT_DEATH(htimer_set_abs(&p, &t), "htimer_is_leaf\\(timer\\)");
-  htimer loose;
+  htimer loose{};
   htimer_init_leaf(&loose, nullptr, 0);
   EXPECT_DEATH(htimer_set_latest(&loose, &t, 0, &t, false), "timer->ht_parent");
   EXPECT_DEATH(htimer_attach(&a, &root), "root->ht_parent == NULL");
@@ -236,7 +236,7 @@ TEST_F(Tree, MisuseAsserts) {
 TEST_F(Tree, RandomRunsMatchTheModel) {
   std::mt19937 rng(2024);
   constexpr int kParents = 6, kLeaves = 60;
-  htimer parents[kParents], leaves[kLeaves];
+  htimer parents[kParents]{}, leaves[kLeaves]{};
   for (int i = 0; i < kParents; i++) htimer_init_parent(&parents[i], i < 2 ? &root : &parents[i % 2], 0);
   for (int i = 0; i < kLeaves; i++) {
     htimer_init_leaf(&leaves[i], i % 7 == 0 ? &root : &parents[i % kParents], 0);
@@ -295,6 +295,109 @@ TEST_F(Tree, RandomRunsMatchTheModel) {
     }
     for (int i = 0; i < kLeaves; i++) ASSERT_EQ(htimer_running(&leaves[i]), model.count(&leaves[i]) == 1) << step;
   }
+}
+
+// Long sibling lists: a parent grows past the walk limit (and keeps an order
+// index), shrinks below the drop mark and grows again, under sets, stops and
+// firings with many equal expiries. The model is each parent's list as the
+// plain walk from the back would leave it, so the index must find exactly
+// the places the walk finds, ties in arrival order included.
+TEST_F(Tree, LongSiblingListsKeepTheWalksOrder) {
+  std::mt19937 rng(7);
+  constexpr int kParents = 3, kLeaves = 900;
+  htimer parents[kParents]{}, leaves[kLeaves]{};
+  for (auto &p : parents) htimer_init_parent(&p, &root, 0);
+  for (int i = 0; i < kLeaves; i++) htimer_init_leaf(&leaves[i], &parents[i % kParents], 0);
+  std::map<const htimer *, std::vector<htimer *>> model;
+
+  auto model_set = [&](htimer *l, uint64_t at) {
+    auto &v = model[l->ht_parent];
+    auto it = std::find(v.begin(), v.end(), l);
+    if (it != v.end()) {
+      size_t i = it - v.begin();
+      bool in_order = (i == 0 || task_utime_to_usec(v[i - 1]->ht_expiry) <= at) &&
+                      (i + 1 == v.size() || at <= task_utime_to_usec(v[i + 1]->ht_expiry));
+      if (in_order) return;  // stays where it is
+      v.erase(it);
+    }
+    size_t pos = v.size();
+    while (pos > 0 && at < task_utime_to_usec(v[pos - 1]->ht_expiry)) pos--;
+    v.insert(v.begin() + pos, l);
+  };
+  auto model_stop = [&](htimer *l) {
+    auto &v = model[l->ht_parent];
+    v.erase(std::remove(v.begin(), v.end(), l), v.end());
+  };
+
+  uint64_t now_us = 100'000'000;
+  bool saw_index = false, saw_drop = false;
+  for (int round = 0; round < 6; round++) {
+    // Grow: most leaves run, on a coarse grid so that equal expiries abound.
+    int live = round % 2 == 0 ? kLeaves : kLeaves / 10;
+    for (int step = 0; step < 6000; step++) {
+      fake_now = task_utime_from_usec(now_us);
+      htimer *l = &leaves[rng() % live];
+      int op = rng() % 10;
+      if (op < 7) {
+        uint64_t at = now_us + (rng() % 400) * 10'000;
+        model_set(l, at);  // before the set: the model reads the old expiries
+        task_utime t = task_utime_from_usec(at);
+        htimer_set_abs(l, &t);
+      } else if (op < 9) {
+        htimer_stop(l);
+        model_stop(l);
+      } else {
+        now_us += rng() % 30'000;
+        fake_now = task_utime_from_usec(now_us);
+        for (int n = 0; n < 5; n++) {
+          htimer *t = htimer_next_expired(&root);
+          if (!t) break;
+          htimer_stop(t);
+          model_stop(t);
+        }
+      }
+      for (auto &p : parents) {
+        saw_index |= (p.ht_flags & HTIMER_INDEXED) != 0;
+        if (step % 50 == 0) {
+          ASSERT_TRUE(htimer_verify(&p)) << round << "/" << step;
+          ASSERT_EQ(children(&p), model[&p]) << round << "/" << step;
+        }
+      }
+    }
+    // Shrink: stop all but a few, which drops every index.
+    for (int i = kLeaves / 50; i < kLeaves; i++) {
+      htimer_stop(&leaves[i]);
+      model_stop(&leaves[i]);
+    }
+    for (auto &p : parents) {
+      saw_drop |= !(p.ht_flags & HTIMER_INDEXED);
+      ASSERT_TRUE(htimer_verify(&p));
+      ASSERT_EQ(children(&p), model[&p]);
+    }
+    ASSERT_NO_FATAL_FAILURE(check(&root));
+  }
+  EXPECT_TRUE(saw_index && saw_drop) << "the run must cross the index thresholds both ways";
+}
+
+// The design case: one interval per parent, each set goes last; the list never
+// walks and never pays for an index, however long it is.
+TEST_F(Tree, OneIntervalPerParentNeverIndexes) {
+  std::vector<htimer> leaves(2000);
+  for (auto &l : leaves) {
+    l = htimer{};
+    htimer_init_leaf(&l, &root, 0);
+  }
+  task_utime iv = sec(30);
+  for (int pass = 0; pass < 3; pass++) {
+    for (auto &l : leaves) {
+      fake_now = task_utime_add(fake_now, sec(0.001));
+      htimer_set_rel(&l, &iv, 0);
+    }
+  }
+  EXPECT_FALSE(root.ht_flags & HTIMER_INDEXED);
+  EXPECT_EQ(root.ht_children, 2000u);
+  EXPECT_TRUE(htimer_verify(&root));
+  EXPECT_EQ(root.ht_first, &leaves[0]);
 }
 
 }  // namespace

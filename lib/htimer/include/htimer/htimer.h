@@ -8,6 +8,14 @@
 // ascending by expiry, equal expiries in arrival order. A fired leaf stays
 // running until its owner stops or re-sets it.
 //
+// A parent whose list grows long enough that a walk from the back passes
+// HTIMER_INDEX_WALK nodes also keeps an order index over it (a red-black tree
+// threaded through the children's ht_order links), so that a set finds its
+// place in O(log n); the list stays the order that dispatch and every rule
+// read, and the index is dropped again when the parent falls below
+// HTIMER_INDEX_DROP children. Timers of one interval under one parent, the
+// tree's design case, never walk that far and never pay for the index.
+//
 // Time comes from a link personality: "now" and the jitter reduction. The
 // default reads the monotonic clock and applies no jitter; the task kernel
 // installs its cached time and its percent jitter. Misuse ends the process
@@ -20,6 +28,13 @@
 
 extern "C" {
 
+// A link of the order index; the colour lives in the parent word's low bit.
+struct htimer_order {
+  uintptr_t ho_parent;
+  htimer_order *ho_left;
+  htimer_order *ho_right;
+};
+
 struct htimer {
   htimer *ht_parent;
   htimer *ht_first;  // earliest running child
@@ -29,9 +44,13 @@ struct htimer {
   uint16_t ht_user;
   uint8_t ht_magic;
   uint8_t ht_flags;
+  uint32_t ht_children;    // running children linked under this node
+  htimer_order ht_order;   // place in the parent's index, while it keeps one
+  htimer_order ht_index;   // head of this parent's index (HTIMER_INDEXED)
 };
 
-enum { HTIMER_MAGIC = 'B', HTIMER_RUNNING = 0x1, HTIMER_LEAF = 0x2 };
+enum { HTIMER_MAGIC = 'B', HTIMER_RUNNING = 0x1, HTIMER_LEAF = 0x2, HTIMER_INDEXED = 0x4 };
+enum { HTIMER_INDEX_WALK = 32, HTIMER_INDEX_DROP = 16 };
 
 struct hier_timers_link_personality {
   void (*now)(task_utime *out);
@@ -56,6 +75,10 @@ void htimer_spread(htimer *parent);
 htimer *htimer_next_expired(htimer *root);
 bool htimer_expired(const htimer *node);
 void htimer_time_left(const htimer *node, task_utime *left);
+
+// Checks a parent's list (links, order, count) and, when it keeps one, that
+// its index holds the same nodes in the same order. For tests and debugging.
+bool htimer_verify(const htimer *parent);
 
 inline bool htimer_running(const htimer *t) { return t->ht_flags & HTIMER_RUNNING; }
 inline bool htimer_is_leaf(const htimer *t) { return t->ht_flags & HTIMER_LEAF; }

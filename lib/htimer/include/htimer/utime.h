@@ -22,16 +22,14 @@ inline uint64_t task_utime_to_usec(const task_utime &t) {
 inline task_utime task_utime_from_usec(uint64_t us) {
   return task_utime{static_cast<uint32_t>(us / TASK_USEC_PER_SEC), static_cast<uint32_t>(us % TASK_USEC_PER_SEC)};
 }
+// Seconds then microseconds as one 64-bit word: one compare, no branches.
+inline uint64_t task_utime_order(const task_utime &t) { return uint64_t{t.ut_sec} << 32 | t.ut_usec; }
 inline int task_utime_cmp(const task_utime &a, const task_utime &b) {
-  if (a.ut_sec != b.ut_sec) return a.ut_sec < b.ut_sec ? -1 : 1;
-  return a.ut_usec < b.ut_usec ? -1 : a.ut_usec > b.ut_usec;
+  uint64_t x = task_utime_order(a), y = task_utime_order(b);
+  return (x > y) - (x < y);
 }
-inline bool task_utime_lt(const task_utime &a, const task_utime &b) {
-  return a.ut_sec < b.ut_sec || (a.ut_sec == b.ut_sec && a.ut_usec < b.ut_usec);
-}
-inline bool task_utime_eq(const task_utime &a, const task_utime &b) {
-  return a.ut_sec == b.ut_sec && a.ut_usec == b.ut_usec;
-}
+inline bool task_utime_lt(const task_utime &a, const task_utime &b) { return task_utime_order(a) < task_utime_order(b); }
+inline bool task_utime_eq(const task_utime &a, const task_utime &b) { return task_utime_order(a) == task_utime_order(b); }
 inline bool task_utime_zero(const task_utime *a) { return a->ut_sec == 0 && a->ut_usec == 0; }
 inline task_utime task_utime_add(const task_utime &a, const task_utime &b) {
   task_utime r{a.ut_sec + b.ut_sec, a.ut_usec + b.ut_usec};
