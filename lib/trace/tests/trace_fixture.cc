@@ -37,10 +37,21 @@ char *count_strdup(const char *s) {
   return strdup(s);
 }
 
+const ddl_node filter_attrs[] = {{.dn_name = "port", .dn_type = DDL_UINT}, {}};
+const ddl_node loose_flag_attrs[] = {
+    {.dn_name = "detail", .dn_type = DDL_TOGGLE},
+    {.dn_name = "disable", .dn_type = DDL_TOGGLE},
+    {.dn_name = "send", .dn_type = DDL_TOGGLE},
+    {.dn_name = "receive", .dn_type = DDL_TOGGLE},
+    {.dn_name = "filter", .dn_type = DDL_CONTAINER, .dn_children = filter_attrs},
+    {},
+};
+
 const ddl_node loose_traceoptions[] = {
     {.dn_name = "file", .dn_type = DDL_CONTAINER, .dn_key_type = DDL_STRING, .dn_key = "filename",
      .dn_children = ztrace_traceoptions_schema.dn_children[0].dn_children},
-    ztrace_traceoptions_schema.dn_children[1],
+    {.dn_name = "flag", .dn_type = DDL_CONTAINER, .dn_flags = DDL_LIST, .dn_key_type = DDL_STRING,
+     .dn_key = "flag_name", .dn_children = loose_flag_attrs},
     ztrace_traceoptions_schema.dn_children[2],
     {.dn_name = "level", .dn_type = DDL_UINT},
     ztrace_traceoptions_schema.dn_children[4],
