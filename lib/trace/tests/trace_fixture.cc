@@ -93,6 +93,8 @@ void TraceTest::TearDown() {
   trace_shutdown();
   zevt_system_destroy_all();
   task_memtrace_enable(task_memtrace_main(), false);
+  *task_memtrace_main() = task_memtrace_ctx{};
+  task_memtrace_main()->memtrace_name = "global";
   for (auto &[cls, n] : trace_allocs.live) EXPECT_EQ(n, 0) << "allocation class " << cls;
   ddl_access_close_db(0, 0);
   evlog_capture_stop();
