@@ -158,7 +158,6 @@ struct ztrace_msg {
 
 struct trace_flag_entry;  // trace/trace_config.h
 
-
 using trace_filter_run_fn = bool (*)(const void *data, const void *arg);
 
 // The slots that make up the back end; ztrace_backend_reset writes the
