@@ -170,12 +170,13 @@ void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
   jp->task_job_flags |= TASK_JOB_ACTIVE;
   jp->task_job_runs++;
   if (sub) sub->tjc_flags |= 0x1;
-  task *saved_current = task_current();
+  task_sched_var *sp = task_var_scheduler(nullptr);
+  task *saved_current = sp->tasksched_current;
   task_job_ctx *saved_sub = running_sub;
   running_sub = sub;
-  task_set_current(tp);
+  sp->tasksched_current = tp ? tp : &sp->tasksched_task_task;
   jp->task_job_method(jp);
-  task_set_current(saved_current);
+  sp->tasksched_current = saved_current;
   running_sub = saved_sub;
   if (jp->task_job_max_quantum) {
     task_time_update();

@@ -145,12 +145,18 @@ void task_scheduler_init(task_var_context *context) {
   process_times(&sp->sched_last_user, &sp->sched_last_sys);
 }
 
+// Runs after every callback, so it reads the context once and looks at the
+// high root's running bit before asking whether it has expired.
 void task_timer_hiprio_check(void) {
   task_time_update();
-  task_timer_var *tv = task_var_timers();
-  if (!(task_state & TASKS_PARSECONFIG) && htimer_expired(&tv->timer_high_root.task_hier_timer))
-    task_timer_hiprio_dispatch(tv, &task_var_scheduler(nullptr)->sched_stats);
-  task_sched_var *sp = task_var_scheduler(nullptr);
+  tvcfull *full = task_var_full(task_var_get_context());
+  auto *tv = static_cast<task_timer_var *>(full->tvcfull_timers);
+  if (!tv) tv = task_timer_main();
+  auto *sp = static_cast<task_sched_var *>(full->tvcfull_scheduler);
+  if (!sp) sp = &main_sched;
+  const htimer *high = &tv->timer_high_root.task_hier_timer;
+  if (htimer_running(high) && !(task_state & TASKS_PARSECONFIG) && htimer_expired(high))
+    task_timer_hiprio_dispatch(tv, &sp->sched_stats);
   if (!task_utime_lt(task_now, sp->sched_stats_next)) {
     sp->sched_stats_prev = sp->sched_stats;
     sp->sched_stats = {};
@@ -207,6 +213,7 @@ void task_scheduler_internal(bool monitor_slip, bool run_forever) {
   task_timer_var *tv = task_var_timers();
   task_io_var *io = task_var_io(nullptr);
   task_base_var *bp = task_var_base(nullptr);
+  task_jobs_var *jobs = task_var_jobs();
   task_app_ctx_t *app = task_get_task_app_ctx();
   uint32_t work = 0;
   bool first_pass = true;
@@ -218,36 +225,38 @@ void task_scheduler_internal(bool monitor_slip, bool run_forever) {
   task_assert(*run_scheduler);
   for (;;) {
     if (!run_forever && (!sp->run_scheduler || bp->taskbase_count == 0)) return;
-    if (htimer_expired(&tv->timer_normal_root.task_hier_timer)) {
+    // The running bits are read inline: an idle pass makes no tree calls.
+    const htimer *normal = &tv->timer_normal_root.task_hier_timer, *low = &tv->timer_low_root.task_hier_timer;
+    if (htimer_running(normal) && htimer_expired(normal)) {
       TASK_TRACE(nullptr, TR_TIMER, "main: running normal priority timer queue");
       int n = task_timer_dispatch(&tv->timer_normal_root, false, static_cast<int>(sp->sched_timer_batch));
-      task_sched_stat(SCHED_STAT_TIMERS, n);
+      sp->sched_stats.ss[SCHED_STAT_TIMERS] += n;
       TASK_TRACE(nullptr, TR_TIMER, "main: ran %d timers", n);
       work++;
     }
-    if (task_job_bg_queued() && !first_pass) {
+    if (jobs->taskjobs_bg_queued && !first_pass) {
       if (--bg_left == 0 || work == 0) {
         task_job_bg_dispatch();
         work++;
         bg_left = sp->sched_bg_interval;
       }
     }
-    if (htimer_expired(&tv->timer_low_root.task_hier_timer)) {
+    if (htimer_running(low) && htimer_expired(low)) {
       bool lowprio_ok = work == 0;
       if (--low_left == 0 || lowprio_ok) {
         TASK_TRACE(nullptr, TR_TIMER, "main: running low priority timer queue, skips %d, lowprio_ok %d",
                    static_cast<int>(sp->sched_low_interval - low_left), lowprio_ok ? 1 : 0);
         int n = task_timer_dispatch(&tv->timer_low_root, false, static_cast<int>(sp->sched_timer_batch));
-        task_sched_stat(SCHED_STAT_LOW_TIMERS, n);
+        sp->sched_stats.ss[SCHED_STAT_LOW_TIMERS] += n;
         TASK_TRACE(nullptr, TR_TIMER, "main: ran %d timer", n);
         low_left = sp->sched_low_interval;
       }
     }
-    if (task_job_fg_queued()) task_job_fg_dispatch();
-    task_sched_stat(SCHED_STAT_PASSES);
+    if (jobs->taskjobs_fg_queued) task_job_fg_dispatch();
+    sp->sched_stats.ss[SCHED_STAT_PASSES]++;
 
     task_utime wait{0, 0};
-    if (task_job_fg_queued() || task_job_bg_queued()) {
+    if (jobs->taskjobs_fg_queued || jobs->taskjobs_bg_queued) {
       wait = task_utime{0, 0};
     } else if (htimer_running(&tv->timer_master_root.task_hier_timer)) {
       task_time_update();
@@ -274,7 +283,8 @@ void task_scheduler_internal(bool monitor_slip, bool run_forever) {
     if (app->app_post_wait) app->app_post_wait();
     task_time_update();
     task_utime blocked = task_utime_sub(task_now, before);
-    if (htimer_expired(&tv->timer_high_root.task_hier_timer)) task_timer_hiprio_dispatch(tv, &sp->sched_stats);
+    const htimer *high = &tv->timer_high_root.task_hier_timer;
+    if (htimer_running(high) && htimer_expired(high)) task_timer_hiprio_dispatch(tv, &sp->sched_stats);
     if (monitor_slip) task_monitor_slip(&blocked);
     work = 0;
     if (n > 0) {

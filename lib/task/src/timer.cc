@@ -61,6 +61,17 @@ void owner_unlink(task_timer *tip) {
   tip->task_timer_next = tip->task_timer_prev = nullptr;
 }
 
+// The tree's relative set (now + interval, less jitter) on the kernel's own
+// cached now; without jitter it needs neither of the personality's calls.
+void set_rel(task_timer *tip, const task_utime *interval, uint32_t jitter) {
+  if (jitter) {
+    htimer_set_rel(node(tip), interval, jitter);
+    return;
+  }
+  task_utime e = task_utime_add(task_now, *interval);
+  htimer_set_abs(node(tip), &e);
+}
+
 void assert_settable(const task_timer *tip) {
   task_assert(htimer_is_leaf(&tip->task_hier_timer));
   task_assert(!tip->task_timer_auto_parent);
@@ -218,7 +229,7 @@ void task_timer_uset(task_timer *tip, const task_utime *interval, const task_uti
   char a[24], b[24], c[24];
   if (interval && !task_utime_zero(interval)) {
     tip->task_timer_uinterval = *interval;
-    htimer_set_rel(node(tip), offset ? offset : interval, jitter);
+    set_rel(tip, offset ? offset : interval, jitter);
     if (offset)
       TASK_TRACE(tip->task_timer_task, TR_TIMER,
                  "task_timer_uset: timer %s <%s> set to interval %s offset %s with jitter %d at %s",
@@ -230,7 +241,7 @@ void task_timer_uset(task_timer *tip, const task_utime *interval, const task_uti
                  jitter, fmt_t(tip->task_hier_timer.ht_expiry, c, 24));
   } else if (offset && !task_utime_zero(offset)) {
     tip->task_timer_uinterval = task_utime{0, 0};
-    htimer_set_rel(node(tip), offset, jitter);
+    set_rel(tip, offset, jitter);
     TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %s offset %s with jitter %d at %s",
                task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName",
                fmt_t(task_utime{0, 0}, a, 24), fmt_t(*offset, b, 24), jitter,
@@ -263,7 +274,7 @@ void task_timer_set_uinterval(task_timer *tip, const task_utime *interval) {
   if (had && htimer_running(node(tip)))
     htimer_set_periodic(node(tip), interval, tip->task_timer_jitter);
   else
-    htimer_set_rel(node(tip), interval, tip->task_timer_jitter);
+    set_rel(tip, interval, tip->task_timer_jitter);
   char a[24];
   TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uinterval: timer %s interval set to %s", task_timer_name(tip),
              fmt_t(*interval, a, 24));
@@ -282,7 +293,7 @@ void task_timer_force_delay(task_timer *tip, uint32_t seconds) {
   task_assert(htimer_is_leaf(&tip->task_hier_timer));
   tip->task_timer_flags |= TIMERF_TOUCHED;
   task_utime d{seconds, 0};
-  htimer_set_rel(node(tip), &d, 0);
+  set_rel(tip, &d, 0);
   TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_force_delay: timer %s set to expire in %d",
              task_timer_name(tip), static_cast<int>(seconds));
 }
@@ -446,7 +457,7 @@ void after_fire(task_timer *tip, const task_utime &fired_at) {
   } else if (tip->task_timer_flags & TIMERF_LATEST) {
     htimer_set_latest(node(tip), &iv, tip->task_timer_jitter, &kGap, true);
   } else {
-    htimer_set_rel(node(tip), &iv, tip->task_timer_jitter);
+    set_rel(tip, &iv, tip->task_timer_jitter);
   }
 }
 
@@ -456,8 +467,9 @@ void fire(task_timer *tip, bool account) {
   task_utime fired_at = tip->task_hier_timer.ht_expiry;
   htimer_stop(node(tip));
   tip->task_timer_flags &= ~TIMERF_TOUCHED;
-  task *saved = task_current();
-  if (account && tip->task_timer_task) task_set_current(tip->task_timer_task);
+  task_sched_var *sp = account ? task_var_scheduler(nullptr) : nullptr;
+  task *saved = sp ? sp->tasksched_current : nullptr;
+  if (sp && tip->task_timer_task) sp->tasksched_current = tip->task_timer_task;
   if (tip->task_timer_flags & TIMERF_SPAWNJOB) {
     if (tip->task_timer_method) {
       task *owner = tip->task_timer_task ? tip->task_timer_task : task_scheduler_task();
@@ -474,7 +486,7 @@ void fire(task_timer *tip, bool account) {
     reinterpret_cast<task_timer_method>(tip->task_timer_method)(tip, tip->task_timer_uinterval.ut_sec);
     tip->task_timer_flags &= ~TIMERF_PROCESSING;
   }
-  if (account) task_set_current(saved);
+  if (sp) sp->tasksched_current = saved;
   after_fire(tip, fired_at);
 }
 

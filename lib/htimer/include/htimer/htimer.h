@@ -29,10 +29,12 @@
 extern "C" {
 
 // A link of the order index; the colour lives in the parent word's low bit.
+// The two child links come first: in a timer record that starts on a cache
+// line they share it with ht_expiry, so a search reads one line per level.
 struct htimer_order {
-  uintptr_t ho_parent;
   htimer_order *ho_left;
   htimer_order *ho_right;
+  uintptr_t ho_parent;
 };
 
 struct htimer {

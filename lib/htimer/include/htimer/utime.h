@@ -3,7 +3,9 @@
 // zero: a time left is never negative.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 
 extern "C" {
 
@@ -22,8 +24,14 @@ inline uint64_t task_utime_to_usec(const task_utime &t) {
 inline task_utime task_utime_from_usec(uint64_t us) {
   return task_utime{static_cast<uint32_t>(us / TASK_USEC_PER_SEC), static_cast<uint32_t>(us % TASK_USEC_PER_SEC)};
 }
-// Seconds then microseconds as one 64-bit word: one compare, no branches.
-inline uint64_t task_utime_order(const task_utime &t) { return uint64_t{t.ut_sec} << 32 | t.ut_usec; }
+// Seconds then microseconds as one 64-bit word: one load, one rotate, one
+// compare (the record is seconds first, little-endian).
+static_assert(std::endian::native == std::endian::little);
+inline uint64_t task_utime_order(const task_utime &t) {
+  uint64_t w;
+  std::memcpy(&w, &t, sizeof w);
+  return std::rotl(w, 32);
+}
 inline int task_utime_cmp(const task_utime &a, const task_utime &b) {
   uint64_t x = task_utime_order(a), y = task_utime_order(b);
   return (x > y) - (x < y);
