@@ -10,8 +10,8 @@
 //   the same intervals.
 // TimerFire: N timers all due, armed and then dispatched by one loop pass;
 //   CPU time per timer.
-// JobSlice: one pass of the loop that runs one slice of an idle-time job with
-//   a zero wait (ours: a background job; libev: ev_idle; libuv: uv_idle).
+// JobSlice: one pass of a running loop that runs one slice of an idle-time job
+//   with a zero wait (ours: a background job; libev: ev_idle; libuv: uv_idle).
 #include <benchmark/benchmark.h>
 #include <ev.h>
 #include <dlfcn.h>
@@ -222,28 +222,32 @@ void fire_libuv(benchmark::State &st) {
 }
 
 // ---- JobSlice ----
-int64_t slices_left;
+// Each loop runs on its own and its idle-time callback takes the benchmark's
+// next iteration, so one iteration is one pass of a running loop (its wait
+// and its slice) for every implementation, with no loop entry or exit.
+benchmark::State *slice_state;
+
 void slice(task_job *) {
-  if (--slices_left <= 0) task_scheduler_stop();
+  if (!slice_state->KeepRunning()) task_scheduler_stop();
 }
 
 void slice_ours(benchmark::State &st) {
   kernel();
+  slice_state = &st;
   task_job *jp = task_job_create_background(tasks[0], 3, "slice", slice, nullptr);
-  for (auto _ : st) {
-    // One pass per slice: the loop runs until the job has run once.
-    slices_left = 1;
-    task_scheduler_run();
-  }
+  task_scheduler_run();
   task_job_delete(jp);
 }
 
 void slice_libev(benchmark::State &st) {
   struct ev_loop *loop = ev_loop_new(EVFLAG_AUTO);
+  slice_state = &st;
   ev_idle idle;
-  ev_idle_init(&idle, [](struct ev_loop *l, ev_idle *, int) { ev_break(l, EVBREAK_ONE); });
+  ev_idle_init(&idle, [](struct ev_loop *l, ev_idle *, int) {
+    if (!slice_state->KeepRunning()) ev_break(l, EVBREAK_ONE);
+  });
   ev_idle_start(loop, &idle);
-  for (auto _ : st) ev_run(loop, 0);
+  ev_run(loop, 0);
   ev_idle_stop(loop, &idle);
   ev_loop_destroy(loop);
 }
@@ -251,10 +255,13 @@ void slice_libev(benchmark::State &st) {
 void slice_libuv(benchmark::State &st) {
   uv_loop_t loop;
   uv_loop_init(&loop);
+  slice_state = &st;
   uv_idle_t idle;
   uv_idle_init(&loop, &idle);
-  uv_idle_start(&idle, [](uv_idle_t *h) { uv_stop(h->loop); });
-  for (auto _ : st) uv_run(&loop, UV_RUN_DEFAULT);
+  uv_idle_start(&idle, [](uv_idle_t *h) {
+    if (!slice_state->KeepRunning()) uv_stop(h->loop);
+  });
+  uv_run(&loop, UV_RUN_DEFAULT);
   uv_close(reinterpret_cast<uv_handle_t *>(&idle), nullptr);
   uv_run(&loop, UV_RUN_DEFAULT);
   uv_loop_close(&loop);
