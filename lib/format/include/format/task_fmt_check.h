@@ -13,6 +13,16 @@
 #include <cstdio>
 #include <type_traits>
 
+#include "format/task_fmt_lang.h"
+#include "sockaddr/zsockaddr.h"
+
+// The functions the checked wrappers call (format/task_fmt.h).
+extern "C" {
+int task_fmt_fprintf(FILE *stream, const char *fmt, ...);
+int task_fmt_sprintf(char *buf, const char *fmt, ...);
+int task_fmt_snprintf(char *buf, size_t size, const char *fmt, ...);
+}
+
 namespace task_fmt {
 namespace detail {
 

@@ -64,11 +64,13 @@ inline bool daemon_trace_enabled(const trace_ctx_t *tc, uint32_t cls) {
 }
 
 // One line under cls when its flag is on; with priority >= 0 it also goes to
-// syslog at that priority (-1: trace only).
-void daemon_trace(trace_ctx_t *tc, int priority, uint32_t cls, const char *fmt, ...)
-    __attribute__((format(printf, 4, 5)));
-#define daemon_trace(tc, priority, cls, ...)                                        \
-  ((daemon_trace_enabled((tc), (cls)) || (priority) >= 0) ? (daemon_trace)((tc), (priority), (cls), __VA_ARGS__) \
+// syslog at that priority (-1: trace only). The format is the framework's
+// (%A, %T, %m...): the macro below checks it while compiling, where C's
+// printf attribute would misread those directives.
+void daemon_trace(trace_ctx_t *tc, int priority, uint32_t cls, const char *fmt, ...);
+#define daemon_trace(tc, priority, cls, ...)                                                              \
+  ((false ? ztrace_check_format(__VA_ARGS__) : (void)0),                                                  \
+   (daemon_trace_enabled((tc), (cls)) || (priority) >= 0) ? (daemon_trace)((tc), (priority), (cls), __VA_ARGS__) \
                                                           : (void)0)
 
 // Reads "traceoptions" under the object at path (null-ended names from the
@@ -80,8 +82,8 @@ int daemon_trace_read_config(int ctx, const char *const *path, trace_ctx_t *tc);
 // Releases the context's handle.
 void daemon_trace_close(trace_ctx_t *tc);
 
-// The trace family.
-void trace(trace_ctx_t *tc, uint32_t flag, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+// The trace family; formats are the framework's, printed through the hooks.
+void trace(trace_ctx_t *tc, uint32_t flag, const char *fmt, ...);
 bool trace_flag_is_set(const trace_ctx_t *tc, uint32_t flag);
 void trace_flag_set(trace_ctx_t *tc, uint32_t flag);
 void trace_flag_clear(trace_ctx_t *tc, uint32_t flag);

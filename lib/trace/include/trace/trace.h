@@ -30,6 +30,7 @@
 #include <cstdio>
 
 #include "containers/hbt.h"
+#include "format/task_fmt_check.h"
 
 // ---- Constants --------------------------------------------------------------
 
@@ -341,10 +342,21 @@ void ztrace_fmt(bool dynamic, const char *fmt, const char *file, const char *fun
 void ztrace_fmt_events_valist(const void *evobj, int index, const char *fmt, const char *file,
                               const char *func, int line, ztrace_msg *m, va_list ap);
 
+// Every statement's format is checked while compiling against its arguments,
+// as the framework's formatter will read them (the check is never run).
+template <class... Args>
+inline void ztrace_check_format(task_fmt::format_for<Args...>, const Args &...) {}
+
 // The general statement: `enabled` is the statement's test. Nothing of the
 // format's arguments is evaluated unless it holds or the statement has a
 // syslog priority.
-#define ZTRACE_STMT(enabled, tp, flags64, control, priority, fmt, ...)                                 \
+#define ZTRACE_STMT(enabled, tp, flags64, control, priority, fmt, ...)                                  \
+  do {                                                                                                 \
+    if (false) ztrace_check_format(fmt __VA_OPT__(, ) __VA_ARGS__);                                    \
+    ZTRACE_STMT_DYNAMIC(enabled, tp, flags64, control, priority, fmt __VA_OPT__(, ) __VA_ARGS__);      \
+  } while (0)
+// The same for a format built at run time, which no compiler can check.
+#define ZTRACE_STMT_DYNAMIC(enabled, tp, flags64, control, priority, fmt, ...)                         \
   do {                                                                                                \
     trace_handle *ztr_tp_ = (tp);                                                                     \
     const uint64_t ztr_fl_ = (flags64);                                                               \
