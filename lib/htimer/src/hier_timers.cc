@@ -42,9 +42,9 @@ task_utime jittered(const task_utime &base, const task_utime *interval, uint32_t
 }
 
 // The order index: Boost.Intrusive's red-black algorithms over the ht_order
-// links, the head in the parent's ht_index. Its order is the list's order:
-// nodes go in by position (before their list successor), never by key, so
-// equal expiries stay in arrival order and the two can never disagree.
+// links. Its order is the list's order: nodes go in by position (before their
+// list successor), never by key, so equal expiries stay in arrival order and
+// the two can never disagree.
 struct order_traits {
   using node = htimer_order;
   using node_ptr = htimer_order *;
@@ -70,21 +70,45 @@ inline htimer *of_order(const htimer_order *o) {
 }
 inline bool indexed(const htimer *p) { return p->ht_flags & HTIMER_INDEXED; }
 
+// The parent keeps only the index's root. The head the algorithms work on
+// (root, leftmost, rightmost) is made for each operation: the list's first
+// and last children are the index's extremes, as long as the operation runs
+// before the list changes. The root's parent link points at the latest head.
+class index_head {
+ public:
+  explicit index_head(htimer *p) : p_(p) {
+    head_.ho_left = &p->ht_first->ht_order;
+    head_.ho_right = &p->ht_first->ht_prev->ht_order;
+    head_.ho_parent = reinterpret_cast<uintptr_t>(p->ht_index_root) | order_traits::red();
+    order_traits::set_parent(p->ht_index_root, &head_);
+  }
+  ~index_head() { p_->ht_index_root = order_traits::get_parent(&head_); }
+  index_head(const index_head &) = delete;
+  index_head &operator=(const index_head &) = delete;
+  htimer_order *get() { return &head_; }
+
+ private:
+  htimer *p_;
+  htimer_order head_;
+};
+
 // Indexes a parent's list as it stands: once, on the first long walk.
 [[gnu::noinline]] void build_index(htimer *p) {
-  order_tree::init_header(&p->ht_index);
+  htimer_order head;
+  order_tree::init_header(&head);
   htimer *c = p->ht_first;
   do {
-    order_tree::push_back(&p->ht_index, &c->ht_order);
+    order_tree::push_back(&head, &c->ht_order);
     c = c->ht_next;
   } while (c != p->ht_first);
+  p->ht_index_root = order_traits::get_parent(&head);
   p->ht_flags |= HTIMER_INDEXED;
 }
 
-// Puts n into p's index just before its list successor (n is linked already).
-[[gnu::noinline]] void index_insert(htimer *p, htimer *n) {
-  htimer_order *pos = n->ht_next == p->ht_first ? &p->ht_index : &n->ht_next->ht_order;
-  order_tree::insert_before(&p->ht_index, pos, &n->ht_order);
+// Enters n into p's index before pos (null: at the end), ahead of its list link.
+[[gnu::noinline]] void index_insert(htimer *p, htimer *pos, htimer *n) {
+  index_head head(p);
+  order_tree::insert_before(head.get(), pos ? &pos->ht_order : head.get(), &n->ht_order);
 }
 
 inline void link_only_child(htimer *p, htimer *n) {
@@ -94,31 +118,35 @@ inline void link_only_child(htimer *p, htimer *n) {
 }
 
 inline void link_after(htimer *p, htimer *at, htimer *n) {
+  if (indexed(p)) index_insert(p, at->ht_next == p->ht_first ? nullptr : at->ht_next, n);
   n->ht_prev = at;
   n->ht_next = at->ht_next;
   at->ht_next->ht_prev = n;
   at->ht_next = n;
   p->ht_children++;
-  if (indexed(p)) index_insert(p, n);
 }
 
 inline void link_first(htimer *p, htimer *n) {
   htimer *old = p->ht_first;
+  if (indexed(p)) index_insert(p, old, n);
   n->ht_prev = old->ht_prev;
   n->ht_next = old;
   old->ht_prev->ht_next = n;
   old->ht_prev = n;
   p->ht_first = n;
   p->ht_children++;
-  if (indexed(p)) order_tree::insert_before(&p->ht_index, &old->ht_order, &n->ht_order);
 }
 
-// A parent that shrinks back to a short list drops its index.
+// Takes n out of p's index, ahead of its list unlink; a parent that shrinks
+// back to a short list drops its index instead.
 [[gnu::noinline]] void index_erase(htimer *p, htimer *n) {
-  if (p->ht_children <= HTIMER_INDEX_DROP)
+  if (p->ht_children <= HTIMER_INDEX_DROP) {
     p->ht_flags &= ~HTIMER_INDEXED;
-  else
-    order_tree::erase(&p->ht_index, &n->ht_order);
+    p->ht_index_root = nullptr;
+    return;
+  }
+  index_head head(p);
+  order_tree::erase(head.get(), &n->ht_order);
 }
 
 // Takes a running node out of its parent's list; returns whether it was first.
@@ -155,7 +183,8 @@ struct expiry_before_node {
     }
     build_index(p);
   }
-  htimer_order *after = order_tree::upper_bound(&p->ht_index, e, expiry_before_node());
+  index_head head(p);
+  htimer_order *after = order_tree::upper_bound(head.get(), e, expiry_before_node());
   htimer *succ = of_order(after);  // never the head: e is before the last child
   return succ == first ? nullptr : succ->ht_prev;
 }
@@ -388,15 +417,22 @@ bool htimer_verify(const htimer *p) {
   }
   if (n != p->ht_children) return false;
   if (!indexed(p)) return true;
-  const htimer_order *head = &p->ht_index, *root = order_traits::get_parent(head);
-  if (!root || order_traits::get_color(root) != order_traits::black() || black_height(root, head) < 0) return false;
-  htimer_order *o = order_tree::begin_node(head);
+  // Only the root's link to the head is written, and that link is scratch.
+  index_head head(const_cast<htimer *>(p));
+  const htimer_order *root = p->ht_index_root;
+  if (!root || order_traits::get_color(root) != order_traits::black() || black_height(root, head.get()) < 0)
+    return false;
+  const htimer_order *low = root, *high = root;  // the extremes by the tree's own links
+  while (low->ho_left) low = low->ho_left;
+  while (high->ho_right) high = high->ho_right;
+  if (low != head.get()->ho_left || high != head.get()->ho_right) return false;
+  htimer_order *o = order_tree::begin_node(head.get());
   const htimer *c = p->ht_first;
   for (uint32_t i = 0; i < n; i++, c = c->ht_next) {
-    if (o == head || of_order(o) != c) return false;
+    if (o == head.get() || of_order(o) != c) return false;
     o = order_tree::next_node(o);
   }
-  return o == head && head->ho_right == &p->ht_first->ht_prev->ht_order;
+  return o == head.get();
 }
 
 htimer *htimer_next_expired(htimer *root) {

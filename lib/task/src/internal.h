@@ -15,7 +15,20 @@
 constexpr uint64_t TR_TASK = 0x8000000;   // tasks and I/O
 constexpr uint64_t TR_TIMER = 0x4000000;  // timers
 
-trace_handle *task_trace_of(const task *tp);
+// The main context's records and the application record in use; read
+// inline on the hot paths (every set, every callback).
+extern task_sched_var task_main_sched;
+extern task_timer_var task_main_timers;
+extern task_app_ctx_t *task_app_current;
+inline task_sched_var *task_sched_main(void) { return &task_main_sched; }
+inline task_timer_var *task_timer_main(void) { return &task_main_timers; }
+
+// A task's trace handle, else the scheduler task's, else the application's.
+inline trace_handle *task_trace_of(const task *tp) {
+  if (tp && tp->task_trace) return tp->task_trace;
+  const task *st = &task_main_sched.tasksched_task_task;
+  return st->task_trace ? st->task_trace : task_app_current->app_trace;
+}
 
 // Every trace line of the kernel goes through this one macro.
 #define TASK_TRACE(tp, flag, fmt, ...) ZTRACE(task_trace_of(tp), (flag), fmt __VA_OPT__(, ) __VA_ARGS__)
@@ -27,11 +40,7 @@ void task_collect_job(task_job *jp);
 bool task_is_embedded(const task *tp);
 
 // sched.cc
-task_sched_var *task_sched_main(void);
 void task_sched_stat(int which, uint32_t n = 1);
-
-// timer.cc
-task_timer_var *task_timer_main(void);
 
 // job.cc
 void task_jobs_init(task_jobs_var *jv);

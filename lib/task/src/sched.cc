@@ -13,7 +13,6 @@
 namespace {
 
 task_base_var main_base;
-task_sched_var main_sched;
 task_jobs_var main_jobs;
 task_io_var main_io;
 bool kernel_up;
@@ -57,13 +56,12 @@ constexpr task_mem_pool_job_ops kPoolOps = {start_pool_cleaner};
 }  // namespace
 
 task_utime task_now;
-
-task_sched_var *task_sched_main(void) { return &main_sched; }
+task_sched_var task_main_sched;
 
 task_sched_var *task_var_scheduler(const task *tp) {
   task_var_context *c = tp && tp->task_context ? tp->task_context : task_var_get_context();
   auto *sp = static_cast<task_sched_var *>(task_var_full(c)->tvcfull_scheduler);
-  return sp ? sp : &main_sched;
+  return sp ? sp : &task_main_sched;
 }
 
 task_io_var *task_var_io(const task *tp) {
@@ -109,19 +107,19 @@ void task_kernel_init(void) {
   if (!task_memory_is_up()) task_memory_init(nullptr);
   tvcfull *full = &task_var_main_context;
   full->tvcfull_tasks = &main_base;
-  full->tvcfull_scheduler = &main_sched;
+  full->tvcfull_scheduler = &task_main_sched;
   full->tvcfull_jobs = &main_jobs;
   full->tvcfull_io = &main_io;
   full->tvcfull_timers = task_timer_main();
   task_block_of_tasks();
   task_base_init(&main_base);
-  task *st = &main_sched.tasksched_task_task;
+  task *st = &task_main_sched.tasksched_task_task;
   st->task_forw = st->task_back = nullptr;
   st->task_addrfamily = -1;
   st->task_socket = -1;
   st->task_context = task_main_context;
   strcpy(st->task_name, "Scheduler");
-  main_sched.tasksched_current = st;
+  task_main_sched.tasksched_current = st;
   task_jobs_init(&main_jobs);
   task_timer_init();
   task_time_update();
@@ -153,7 +151,7 @@ void task_timer_hiprio_check(void) {
   auto *tv = static_cast<task_timer_var *>(full->tvcfull_timers);
   if (!tv) tv = task_timer_main();
   auto *sp = static_cast<task_sched_var *>(full->tvcfull_scheduler);
-  if (!sp) sp = &main_sched;
+  if (!sp) sp = &task_main_sched;
   const htimer *high = &tv->timer_high_root.task_hier_timer;
   if (htimer_running(high) && !(task_state & TASKS_PARSECONFIG) && htimer_expired(high))
     task_timer_hiprio_dispatch(tv, &sp->sched_stats);

@@ -14,7 +14,6 @@
 namespace {
 
 task_app_ctx_t default_app_ctx;
-task_app_ctx_t *app_ctx = &default_app_ctx;
 task_block *task_block_index;
 task_mem_cookie *task_name_cookie;
 char daemon_name[64] = "";
@@ -150,14 +149,10 @@ task_base_var *task_var_base(const task *tp) {
   return bp;
 }
 
-task_app_ctx_t *task_get_task_app_ctx(void) { return app_ctx; }
-void task_set_task_app_ctx(task_app_ctx_t *ctx) { app_ctx = ctx ? ctx : &default_app_ctx; }
+task_app_ctx_t *task_app_current = &default_app_ctx;
 
-trace_handle *task_trace_of(const task *tp) {
-  if (tp && tp->task_trace) return tp->task_trace;
-  task *st = &task_sched_main()->tasksched_task_task;
-  return st->task_trace ? st->task_trace : app_ctx->app_trace;
-}
+task_app_ctx_t *task_get_task_app_ctx(void) { return task_app_current; }
+void task_set_task_app_ctx(task_app_ctx_t *ctx) { task_app_current = ctx ? ctx : &default_app_ctx; }
 
 task *task_alloc(const char *name, int priority, trace_handle *trace_options) {
   task *tp = static_cast<task *>(task_block_alloc(task_block_of_tasks()));
@@ -170,11 +165,11 @@ task *task_alloc(const char *name, int priority, trace_handle *trace_options) {
   tp->task_kevent_udata = TASK_KEVENT_TASK;
   tp->task_priority = priority;
   tp->task_trace = trace_options ? trace_alloc(trace_options) : nullptr;
-  tp->task_ifd_change = app_ctx->app_ifd_change;
-  tp->task_iff_change = app_ctx->app_iff_change;
-  tp->task_ifl_change = app_ctx->app_ifl_change;
-  tp->task_ifa_change = app_ctx->app_ifa_change;
-  tp->task_rtt_change = app_ctx->app_rtt_change;
+  tp->task_ifd_change = task_app_current->app_ifd_change;
+  tp->task_iff_change = task_app_current->app_iff_change;
+  tp->task_ifl_change = task_app_current->app_ifl_change;
+  tp->task_ifa_change = task_app_current->app_ifa_change;
+  tp->task_rtt_change = task_app_current->app_rtt_change;
   TASK_TRACE(tp, TR_TASK, "task_alloc: allocated task block for %s priority %d", tp->task_name_base, priority);
   return tp;
 }
@@ -226,7 +221,7 @@ void task_delete(task *tp) {
     tp->task_socket = -1;
   }
   tp->task_recv = tp->task_accept = tp->task_write = tp->task_connect = nullptr;
-  if (app_ctx->app_task_deleted) app_ctx->app_task_deleted(tp);
+  if (task_app_current->app_task_deleted) task_app_current->app_task_deleted(tp);
   for (task_timer *&parent : tp->task_timer_parent) {
     task_timer *t = parent;
     parent = nullptr;

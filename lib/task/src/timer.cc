@@ -10,7 +10,6 @@
 
 namespace {
 
-task_timer_var main_timers;
 task_block *timer_block;
 task_block *auto_block;
 constexpr task_utime kGap{0, 1};
@@ -113,11 +112,11 @@ const char *fmt_t(const task_utime &t, char *buf, size_t n) {
 
 }  // namespace
 
-task_timer_var *task_timer_main(void) { return &main_timers; }
+task_timer_var task_main_timers;
 
 task_timer_var *task_var_timers(void) {
   auto *tv = static_cast<task_timer_var *>(task_var_full(task_var_get_context())->tvcfull_timers);
-  return tv ? tv : &main_timers;
+  return tv ? tv : &task_main_timers;
 }
 
 void task_timer_init(void) {
@@ -125,7 +124,7 @@ void task_timer_init(void) {
     timer_block = task_block_init(sizeof(task_timer), "task_timer");
     auto_block = task_block_init(sizeof(task_timer_auto_parent), "Timer auto parent ref");
   }
-  task_timer_var *tv = &main_timers;
+  task_timer_var *tv = &task_main_timers;
   task_time_hook_fn hook = tv->timer_time_hook;
   init_root(&tv->timer_master_root, nullptr, "Master root", 0);
   init_root(&tv->timer_low_root, &tv->timer_master_root, "Low prio root", TIMERF_LOWPRIO);

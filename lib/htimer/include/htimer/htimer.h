@@ -46,9 +46,9 @@ struct htimer {
   uint16_t ht_user;
   uint8_t ht_magic;
   uint8_t ht_flags;
-  uint32_t ht_children;    // running children linked under this node
-  htimer_order ht_order;   // place in the parent's index, while it keeps one
-  htimer_order ht_index;   // head of this parent's index (HTIMER_INDEXED)
+  uint32_t ht_children;         // running children linked under this node
+  htimer_order ht_order;        // place in the parent's index, while it keeps one
+  htimer_order *ht_index_root;  // this parent's index (HTIMER_INDEXED)
 };
 
 enum { HTIMER_MAGIC = 'B', HTIMER_RUNNING = 0x1, HTIMER_LEAF = 0x2, HTIMER_INDEXED = 0x4 };
