@@ -461,14 +461,14 @@ void after_fire(task_timer *tip, const task_utime &fired_at) {
 }
 
 // One timer: its method or its job. The leaf is stopped while the method
-// runs, so that a nested pass does not fire it again.
-void fire(task_timer *tip, bool account) {
+// runs, so that a nested pass does not fire it again. The method runs as
+// its task's (sp: the dispatching context's scheduler record).
+void fire(task_timer *tip, task_sched_var *sp) {
   task_utime fired_at = tip->task_hier_timer.ht_expiry;
   htimer_stop(node(tip));
   tip->task_timer_flags &= ~TIMERF_TOUCHED;
-  task_sched_var *sp = account ? task_var_scheduler(nullptr) : nullptr;
-  task *saved = sp ? sp->tasksched_current : nullptr;
-  if (sp && tip->task_timer_task) sp->tasksched_current = tip->task_timer_task;
+  task *saved = sp->tasksched_current;
+  if (tip->task_timer_task) sp->tasksched_current = tip->task_timer_task;
   if (tip->task_timer_flags & TIMERF_SPAWNJOB) {
     if (tip->task_timer_method) {
       task *owner = tip->task_timer_task ? tip->task_timer_task : task_scheduler_task();
@@ -485,7 +485,7 @@ void fire(task_timer *tip, bool account) {
     reinterpret_cast<task_timer_method>(tip->task_timer_method)(tip, tip->task_timer_uinterval.ut_sec);
     tip->task_timer_flags &= ~TIMERF_PROCESSING;
   }
-  if (sp) sp->tasksched_current = saved;
+  sp->tasksched_current = saved;
   after_fire(tip, fired_at);
 }
 
@@ -493,11 +493,12 @@ void fire(task_timer *tip, bool account) {
 
 int task_timer_dispatch(task_timer *root, bool is_high, int limit) {
   task_assert(limit != 0);
+  task_sched_var *sp = task_var_scheduler(nullptr);
   int count = 0;
   while (htimer *next = htimer_next_expired(node(root))) {
     task_timer *tip = reinterpret_cast<task_timer *>(next);
     task_assert(!(((tip->task_timer_flags) & (0x100ul)) != 0));
-    fire(tip, true);
+    fire(tip, sp);
     count++;
     if (count == limit) break;
     if (!is_high) task_timer_hiprio_check();
