@@ -453,6 +453,7 @@ void task_job_fg_dispatch(void) {
 
 void task_job_bg_dispatch(void) {
   task_jobs_var *v = jv();
+  task_job *head = &v->taskjobs_bg_head;
   task_job *jp = nullptr;
   if (v->taskjobs_starving && v->taskjobs_starve_ok) {
     task_job_list *l = v->taskjobs_starving_list.tjl_next;
@@ -464,16 +465,16 @@ void task_job_bg_dispatch(void) {
     v->taskjobs_starve_ok = 0;
   }
   if (!jp) {
-    jp = bg_head()->task_job_forw;
+    jp = head->task_job_forw;
     v->taskjobs_starve_ok = 1;
-    if (jp == bg_head()) {
+    if (jp == head) {
       task_assert(v->taskjobs_bg_queued == 0);
       return;
     }
   }
   uint32_t w = v->task_job_weight[jp->task_job_priority];
   task_job *last = v->taskjobs_last[jp->task_job_priority];
-  for (task_job *j = last ? last->task_job_forw : bg_head(); j != bg_head(); j = j->task_job_forw) {
+  for (task_job *j = last ? last->task_job_forw : head; j != head; j = j->task_job_forw) {
     j->task_job_credit += w;
     if (j->task_job_credit > v->task_job_weight[j->task_job_priority] && !(j->task_job_flags & TASK_JOB_STARVING)) {
       j->task_job_flags |= TASK_JOB_STARVING;
