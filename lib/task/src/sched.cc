@@ -9,6 +9,7 @@
 #include "mem/mem.h"
 #include "mem/pool.h"
 #include "platform/grand.h"
+#include "task/slip.h"
 
 namespace {
 
@@ -268,6 +269,7 @@ void task_scheduler_internal(bool monitor_slip, bool run_forever) {
     }
     last_wait = wait;
     if (app->app_pre_wait) app->app_pre_wait();
+    if (monitor_slip) task_slip_detector_disarm();
     task_utime before = task_now;
     int n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &wait);
     if (n < 0) {
@@ -278,6 +280,7 @@ void task_scheduler_internal(bool monitor_slip, bool run_forever) {
       }
       n = 0;
     }
+    if (monitor_slip) task_slip_detector_arm();
     if (app->app_post_wait) app->app_post_wait();
     task_time_update();
     task_utime blocked = task_utime_sub(task_now, before);
