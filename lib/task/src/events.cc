@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "internal.h"
+#include "io_internal.h"
 
 namespace {
 
@@ -76,6 +77,10 @@ void task_process_events_internal(task_sched_stats *stats, task_io_var *io, int 
             task_assert(level < (TASK_EVQ_N_PRIO - 1) &&
                         static_cast<int>(ev.ident) == io->task_eventQ[level + 1]);
             next_level = static_cast<int>(ev.ident);
+            break;
+          }
+          if (*static_cast<int32_t *>(ev.udata) == TASK_KEVENT_IO_HOOK) {
+            task_io_hook_dispatch(static_cast<task_io_hook *>(ev.udata));
             break;
           }
           run_io(stats, io, ev, level);

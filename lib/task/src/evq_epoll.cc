@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "internal.h"
+#include "task/io.h"
 
 namespace {
 
@@ -40,13 +41,12 @@ int kevent_error(task *tp, int code, int err) {
   return err;
 }
 
-int change(task *tp, int q, uint8_t want, int code) {
-  int fd = tp->task_socket;
+int change(task *tp, int q, uint8_t want, int code, int fd, void *udata) {
   uint8_t &have = slot(q, fd);
   if (have == want) return 0;
   epoll_event ev{};
   ev.events = to_epoll(want);
-  ev.data.ptr = &tp->task_kevent_udata;
+  ev.data.ptr = udata;
   int op = !have ? EPOLL_CTL_ADD : !want ? EPOLL_CTL_DEL : EPOLL_CTL_MOD;
   if (epoll_ctl(task_var_io(tp)->task_eventQ[q], op, fd, &ev) < 0) {
     int err = errno;
@@ -94,6 +94,8 @@ int default_wait(int level, task_kevent *out, int max, const task_utime *timeout
     if (*static_cast<int32_t *>(ud) == TASK_KEVENT_TASK) {
       task *tp = reinterpret_cast<task *>(static_cast<char *>(ud) - offsetof(task, task_kevent_udata));
       fd = static_cast<uintptr_t>(tp->task_socket);
+    } else if (*static_cast<int32_t *>(ud) == TASK_KEVENT_IO_HOOK) {
+      fd = static_cast<uintptr_t>(static_cast<task_io_hook *>(ud)->hook_fd);
     }
     uint16_t flags = (e & (EPOLLHUP | EPOLLRDHUP)) ? TASK_EV_EOF : 0;
     if (e & EPOLLERR) flags |= TASK_EV_ERROR;
@@ -146,13 +148,18 @@ int task_evq_set(task *tp, int16_t filter, bool enable) {
   uint8_t bit = filter == TASK_EVFILT_READ ? kIn : kOut;
   uint8_t have = slot(q, tp->task_socket);
   uint8_t want = enable ? (have | bit) : (have & ~bit);
-  return change(tp, q, want, enable ? (have ? 2 : 0) : (want ? 2 : 1));
+  return change(tp, q, want, enable ? (have ? 2 : 0) : (want ? 2 : 1), tp->task_socket, &tp->task_kevent_udata);
+}
+
+int task_evq_hook_set(task_io_hook *hp, bool enable) {
+  if (!hp || hp->hook_fd < 0 || (task_state & TASKS_TEST)) return 0;
+  return change(hp->hook_task, 0, enable ? kIn : 0, enable ? 0 : 1, hp->hook_fd, hp);
 }
 
 void task_evq_forget(task *tp) {
   if (!tp || tp->task_socket < 0) return;
   for (int q = 0; q < TASK_EVQ_N_PRIO; q++)
-    if (slot(q, tp->task_socket)) change(tp, q, 0, 1);
+    if (slot(q, tp->task_socket)) change(tp, q, 0, 1, tp->task_socket, &tp->task_kevent_udata);
 }
 
 void task_evq_signal_add(int signo) {

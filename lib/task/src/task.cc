@@ -10,6 +10,7 @@
 #include "mem/block.h"
 #include "mem/mem.h"
 #include "sockaddr/zsockaddr.h"
+#include "task/io.h"
 
 namespace {
 
@@ -213,13 +214,7 @@ void task_delete(task *tp) {
     TASK_TRACE(tp, TR_TASK, "task_delete: task %s already scheduled for deletion", task_name(tp));
     return;
   }
-  // The socket: registrations go before the close, then the descriptor.
-  if (tp->task_socket >= 0) {
-    task_evq_forget(tp);
-    while (close(tp->task_socket) < 0 && errno == EINTR) {
-    }
-    tp->task_socket = -1;
-  }
+  task_close(tp);  // registrations go before the descriptor
   tp->task_recv = tp->task_accept = tp->task_write = tp->task_connect = nullptr;
   if (task_app_current->app_task_deleted) task_app_current->app_task_deleted(tp);
   for (task_timer *&parent : tp->task_timer_parent) {
@@ -232,7 +227,7 @@ void task_delete(task *tp) {
   if (tp->task_addr) sockfree(tp->task_addr);
   tp->task_addr = nullptr;
   if (tp->task_delete_hook) tp->task_delete_hook(tp);
-  tp->task_hooks = nullptr;
+  task_io_hook_remove_all(tp);
   bool was_linked = tp->task_forw != nullptr;
   if (!on_any_list(tp)) {
     give_up(tp);

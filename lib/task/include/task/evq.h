@@ -42,11 +42,23 @@ struct task_kevent {
 
 enum { TASK_EVQ_N_PRIO = 2, TASK_EVENTLIST_SIZE = 100 };
 
+struct task_recv_info;
+struct task_io_hook;
 struct task_io_var {
   int task_eventQ[TASK_EVQ_N_PRIO];
   int task_signal_fd;
   task_kevent task_eventlist[TASK_EVENTLIST_SIZE];
   int task_eventlist_size;
+  // Socket I/O (task/io.h): the shared buffers, made on first use.
+  uint8_t *task_recv_buffer;
+  uint32_t task_recv_buffer_size;
+  uint8_t *task_send_buffer;
+  uint32_t task_send_buffer_size;
+  uint8_t *taskio_send_msg_ctrl_buf;
+  uint32_t taskio_send_msg_ctrl_len;
+  task_recv_info *task_recv_results;
+  task_io_hook *task_hook_collect_list;
+  struct task_job *task_hook_collect_job;
 };
 
 task_io_var *task_var_io(const task *tp);
@@ -62,6 +74,8 @@ void task_evq_close_after_fork(void);
 int task_evq_set(task *tp, int16_t filter, bool enable);
 // Drops both interests of the task's socket (before close).
 void task_evq_forget(task *tp);
+// Read interest of an I/O hook's descriptor, on queue 0.
+int task_evq_hook_set(task_io_hook *hp, bool enable);
 
 // Signals delivered as events (blocked, read from the signalfd).
 void task_evq_signal_add(int signo);
