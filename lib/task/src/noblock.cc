@@ -154,9 +154,11 @@ int nb_close(void *cookie) {
              static_cast<int>(c->co_state));
   c->co_file = nullptr;  // stdio forgets the stream now, whatever happens to the cookie
   if (getpid() != c->co_pid) return 0;
+  // Inside the generator the write-ready step still holds the cookie: it frees it.
+  bool busy = c->co_flags & NOBLOCK_F_BUSY;
   if (c->co_flags & NOBLOCK_F_ERROR) {
     noblock_deschedule_write(c);
-    if (!(c->co_flags & NOBLOCK_F_ABORTED)) noblock_cookie_free(c);
+    if (!(c->co_flags & NOBLOCK_F_ABORTED) && !busy) noblock_cookie_free(c);
     return -1;
   }
   if (c->co_flags & NOBLOCK_F_ABORTED) purge(c);
@@ -166,7 +168,7 @@ int nb_close(void *cookie) {
   if (c->co_state == NOBLOCK_S_CLOSED || (c->co_flags & NOBLOCK_F_ERROR)) {
     bool failed = c->co_flags & NOBLOCK_F_ERROR;
     noblock_deschedule_write(c);
-    noblock_cookie_free(c);
+    if (!busy) noblock_cookie_free(c);
     return failed ? -1 : 0;
   }
   return 0;  // the queue drains later; write readiness finishes the close
@@ -262,18 +264,19 @@ int noblock_fgets(char *buffer, int size, noblock_cookie *c) {
   }
 }
 
-void noblock_assign_generator(noblock_cookie *c, noblock_generator_fn generator, noblock_genclose_fn close_fn,
+void noblock_assign_generator(noblock_cookie *cookie, noblock_generator_fn generator, noblock_genclose_fn close_fn,
                               void *data) {
-  task_assert(c->co_genfunc == ((void *)0));
-  c->co_flags |= NOBLOCK_F_GENERATOR;
-  c->co_genfunc = generator;
-  c->co_genclose = close_fn;
-  c->co_gendata = data;
-  noblock_schedule_write(c);
+  task_assert(cookie->co_genfunc == ((void *)0));
+  cookie->co_flags |= NOBLOCK_F_GENERATOR;
+  cookie->co_genfunc = generator;
+  cookie->co_genclose = close_fn;
+  cookie->co_gendata = data;
+  noblock_schedule_write(cookie);
 }
 
-void *noblock_clear_generator(noblock_cookie *c) {
-  task_assert(c->co_genfunc);
+void *noblock_clear_generator(noblock_cookie *cookie) {
+  noblock_cookie *c = cookie;
+  task_assert(cookie->co_genfunc);
   c->co_flags &= ~NOBLOCK_F_GENERATOR;
   c->co_genfunc = nullptr;
   c->co_genclose = nullptr;
@@ -372,10 +375,12 @@ int noblock_write_flush(noblock_cookie *c) {
 void noblock_write_ready(noblock_cookie *c) {
   if (c->co_flags & NOBLOCK_F_ABORTED) return;
   if (!head(c) && (c->co_flags & NOBLOCK_F_GENERATOR) && c->co_state == NOBLOCK_S_OPEN) {
+    c->co_flags |= NOBLOCK_F_BUSY;
     c->co_genfunc(c->co_task, c->co_gendata);
     if (c->co_file) fflush(c->co_file);
+    c->co_flags &= ~NOBLOCK_F_BUSY;
   }
-  int ok = noblock_write_flush(c);
+  int ok = c->co_state == NOBLOCK_S_CLOSED ? 1 : noblock_write_flush(c);
   if (c->co_state != NOBLOCK_S_OPEN && (c->co_state == NOBLOCK_S_CLOSED || !ok)) {
     // The stream was closed by stdio already: the cookie was waiting for this.
     noblock_deschedule_write(c);

@@ -49,6 +49,7 @@ enum : uint32_t {
   NOBLOCK_F_SCHEDULED = 0x2,  // the write method is ours
   NOBLOCK_F_GENERATOR = 0x4,
   NOBLOCK_F_ABORTED = 0x8,
+  NOBLOCK_F_BUSY = 0x10,  // the generator runs: a close inside it leaves the cookie to the write-ready step
 };
 enum : uint32_t { NOBLOCK_S_OPEN = 0, NOBLOCK_S_CLOSING = 1, NOBLOCK_S_CLOSED = 2 };
 
