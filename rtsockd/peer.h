@@ -13,6 +13,21 @@
 
 namespace rtsockd {
 
+// A bump allocator over a caller's block, for decoding a record into it: the
+// decoders' allocation hook. Nothing is freed; the block goes as a whole.
+struct Bump {
+  uint8_t *base;
+  size_t limit, used;
+  static void *alloc(void *ctx, size_t n) {
+    auto *b = static_cast<Bump *>(ctx);
+    n = (n + 7) & ~size_t{7};
+    if (n > b->limit - b->used) return nullptr;
+    void *p = b->base + b->used;
+    b->used += n;
+    return p;
+  }
+};
+
 // One stored object: a record decoded into a block of its own.
 struct Object {
   std::vector<uint8_t> block;

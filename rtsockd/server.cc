@@ -39,19 +39,6 @@ uint32_t word(const uint8_t *p, int i) {
   return v;
 }
 
-struct Bump {
-  uint8_t *base;
-  size_t limit, used;
-  static void *alloc(void *ctx, size_t n) {
-    auto *b = static_cast<Bump *>(ctx);
-    n = (n + 7) & ~size_t{7};
-    if (n > b->limit - b->used) return nullptr;
-    void *p = b->base + b->used;
-    b->used += n;
-    return p;
-  }
-};
-
 std::vector<uint8_t> encode(uint32_t type, void *record, bool tlv) {
   rts_msg_pair pair{type, record};
   int n = tlv ? rts_tlv_encode(&pair, nullptr, nullptr, 0) : rts_idr_encode(&pair, nullptr, 0);

@@ -9,19 +9,6 @@ namespace rtsockd {
 
 namespace {
 
-struct Bump {
-  uint8_t *base;
-  size_t limit, used;
-  static void *alloc(void *ctx, size_t n) {
-    auto *b = static_cast<Bump *>(ctx);
-    n = (n + 7) & ~size_t{7};
-    if (n > b->limit - b->used) return nullptr;
-    void *p = b->base + b->used;
-    b->used += n;
-    return p;
-  }
-};
-
 // Big-endian pieces, so that byte order is number order.
 void be(std::string &k, uint64_t v, int bytes) {
   for (int i = bytes - 1; i >= 0; i--) k += static_cast<char>(v >> (8 * i));

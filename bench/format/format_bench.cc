@@ -40,11 +40,7 @@ struct world {
     zsock_hooks h{};
     h.alloc = b_alloc;
     h.free = b_free;
-    h.printf_ext = task_fmt_set_sockaddr_ext;
-    h.register_ext = task_fmt_register_ext;
-    h.snprintf = task_fmt_snprintf;
-    h.fprintf = task_fmt_fprintf;
-    h.vsnprintf = task_fmt_vsnprintf;
+    task_fmt_zsock_hooks(&h);
     zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
     zsock_register_inet(GF_INET);
     zsock_register_inet6(GF_INET6);

@@ -109,4 +109,12 @@ int task_fmt_zgf(unsigned gf, unsigned *code, unsigned *value) {
   return 0;
 }
 
+void task_fmt_zsock_hooks(zsock_hooks *hooks) {
+  hooks->printf_ext = task_fmt_set_sockaddr_ext;
+  hooks->register_ext = task_fmt_register_ext;
+  hooks->snprintf = task_fmt_snprintf;
+  hooks->fprintf = task_fmt_fprintf;
+  hooks->vsnprintf = task_fmt_vsnprintf;
+}
+
 }  // extern "C"

@@ -82,6 +82,11 @@ void task_fmt_register_ext(int letter, task_fmt_render_fn render, unsigned code,
 // A family's %A printer, from the address library (code ZTASK_FMT_ZSOCKA).
 void task_fmt_set_sockaddr_ext(unsigned gf, zsock_printer_fn printer, unsigned code, unsigned value);
 
+// Fills the print members of the address library's hook table with this
+// formatter (printf_ext, register_ext, snprintf, fprintf, vsnprintf), as the
+// application gives them at zsock_init; the allocation hooks are the caller's.
+void task_fmt_zsock_hooks(zsock_hooks *hooks);
+
 // The offset from internal (monotonic) time to wall-clock time, added to %T
 // and %t without "#". The timer block sets it; the default 0 means values
 // already are wall-clock seconds.
