@@ -83,6 +83,16 @@ void drop_results(recv_results *r) {
   i.tri_hbh_len = i.tri_rthdr_len = 0;
 }
 
+// An INET address written straight into the record's room (the receive path's common case).
+zsockaddr_t *put_inet(uint8_t *room, uint16_t port, uint32_t addr) {
+  auto *a = reinterpret_cast<zsockaddr_inet_t *>(room);
+  a->gin_len = SOCKADDR_IN_LEN;
+  a->gin_family = static_cast<uint8_t>(gf_inet);
+  a->gin_port = port;
+  a->gin_addr = addr;
+  return reinterpret_cast<zsockaddr_t *>(room);
+}
+
 // Copies a scratch address into the record's own room.
 zsockaddr_t *keep_addr(uint8_t *room, const zsockaddr_t *a) {
   if (!a) return nullptr;
@@ -610,7 +620,7 @@ void task_receive_packet_process_cmsg_internal(task *tp, struct msghdr *msg) {
       }
       in_pktinfo pi;
       memcpy(&pi, CMSG_DATA(c), sizeof pi);
-      if (gf_inet) ri.tri_dst = keep_addr(r->dst, sockbuild_in(0, pi.ipi_addr.s_addr));
+      if (gf_inet) ri.tri_dst = put_inet(r->dst, 0, pi.ipi_addr.s_addr);
       ri.tri_ifindex = pi.ipi_ifindex;
     } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO) {
       if (have < sizeof(in6_pktinfo)) {
@@ -688,7 +698,13 @@ int task_receive_packet_internal(task *tp, struct msghdr *msg, uint8_t *recv_buf
   tp->task_recv_count++;
   task_recv_info &ri = r->info;
   if (msg->msg_namelen) {
-    ri.tri_src = keep_addr(r->src, from_native(static_cast<sockaddr *>(msg->msg_name), msg->msg_namelen));
+    auto *sa = static_cast<sockaddr *>(msg->msg_name);
+    if (sa->sa_family == AF_INET && gf_inet && msg->msg_namelen >= sizeof(sockaddr_in)) {
+      auto *sin = reinterpret_cast<sockaddr_in *>(sa);
+      ri.tri_src = put_inet(r->src, sin->sin_port, sin->sin_addr.s_addr);
+    } else {
+      ri.tri_src = keep_addr(r->src, from_native(sa, msg->msg_namelen));
+    }
     if (!ri.tri_src) return -3;
   }
   if (keep_info && msg->msg_controllen && !(msg->msg_flags & MSG_CTRUNC))

@@ -524,6 +524,8 @@ TEST_F(Io, ListenAcceptConnectOnLoopback) {
   close(accepted);
   EXPECT_EQ(task_close(cl), 0);
   EXPECT_EQ(cl->task_socket, -1);
+  task_delete(cl);
+  task_delete(ls);
 }
 
 TEST_F(Io, FailuresReturnErrnoAndLog) {
