@@ -220,7 +220,7 @@ int noblock_fgets(char *buffer, int size, noblock_cookie *c) {
   buffer[0] = '\0';
   if (c->co_state != NOBLOCK_S_OPEN || sock(c) < 0) return -1;
   for (;;) {
-    auto *nl = static_cast<uint8_t *>(memchr(c->co_inbuf, '\n', c->co_inlen));
+    auto *nl = c->co_inlen ? static_cast<uint8_t *>(memchr(c->co_inbuf, '\n', c->co_inlen)) : nullptr;
     size_t want = nl ? static_cast<size_t>(nl - c->co_inbuf) + 1 : 0;
     if (!want && (c->co_inlen >= static_cast<size_t>(size - 1) || (c->co_ineof && c->co_inlen))) want = c->co_inlen;
     if (want) {
