@@ -27,35 +27,9 @@
 #include "task/task.h"
 #include "task/timer.h"
 
-namespace {
+#include "../common/libevent_dl.h"
 
-// libev also exports libevent's names (event_add ...), so libevent is reached
-// through its own handle rather than by link order.
-struct libevent_calls {
-  event_base *(*base_new)(void);
-  event *(*event_new)(event_base *, evutil_socket_t, short, event_callback_fn, void *);
-  int (*add)(event *, const timeval *);
-  void (*free)(event *);
-  void (*base_free)(event_base *);
-  int (*loop)(event_base *, int);
-  int (*update_time)(event_base *);
-};
-const libevent_calls &le() {
-  static libevent_calls c = [] {
-    void *h = dlopen("libevent-2.1.so.7", RTLD_NOW | RTLD_LOCAL | RTLD_DEEPBIND);
-    libevent_calls r{};
-    if (!h) return r;
-    r.base_new = reinterpret_cast<decltype(r.base_new)>(dlsym(h, "event_base_new"));
-    r.event_new = reinterpret_cast<decltype(r.event_new)>(dlsym(h, "event_new"));
-    r.add = reinterpret_cast<decltype(r.add)>(dlsym(h, "event_add"));
-    r.free = reinterpret_cast<decltype(r.free)>(dlsym(h, "event_free"));
-    r.base_free = reinterpret_cast<decltype(r.base_free)>(dlsym(h, "event_base_free"));
-    r.loop = reinterpret_cast<decltype(r.loop)>(dlsym(h, "event_base_loop"));
-    r.update_time = reinterpret_cast<decltype(r.update_time)>(dlsym(h, "event_base_update_cache_time"));
-    return r;
-  }();
-  return c;
-}
+namespace {
 
 constexpr int kTasks = 100;
 
