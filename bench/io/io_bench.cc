@@ -39,6 +39,7 @@ constexpr int kLibevRead = EV_READ;
 #include "task/task.h"
 
 #include "../common/libevent_dl.h"
+#include "../common/pinned_main.h"
 
 namespace {
 
@@ -291,12 +292,4 @@ BENCHMARK_CAPTURE(chain_ours, slip, true)->Name("PipeChainSlip/ours")->Arg(100)-
 BENCHMARK(udp_ours)->Name("UdpReceive/ours");
 BENCHMARK(udp_floor)->Name("UdpReceive/floor");
 
-int main(int argc, char **argv) {
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(0, &one);
-  sched_setaffinity(0, sizeof one, &one);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-}
+TVX_BENCH_PINNED_MAIN()

@@ -28,6 +28,7 @@
 #include "task/timer.h"
 
 #include "../common/libevent_dl.h"
+#include "../common/pinned_main.h"
 
 namespace {
 
@@ -259,12 +260,4 @@ BENCHMARK(slice_ours)->Name("JobSlice/ours");
 BENCHMARK(slice_libev)->Name("JobSlice/libev");
 BENCHMARK(slice_libuv)->Name("JobSlice/libuv");
 
-int main(int argc, char **argv) {
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(0, &one);
-  sched_setaffinity(0, sizeof one, &one);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-}
+TVX_BENCH_PINNED_MAIN()
