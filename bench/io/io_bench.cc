@@ -12,6 +12,8 @@
 //   fills batch by batch while the clock is stopped. ours: task_receive_packet (source and destination
 //   as typed addresses, the control data walked); floor: a bare recvmsg with
 //   the same buffers and the same control data, walked with CMSG_NXTHDR.
+//   UdpReceiveRtb/ours adds "RecvRtb": the ingress interface's table id, from
+//   the cache after the first datagram.
 //   CPU time of the receiving thread per datagram.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
@@ -278,11 +280,15 @@ void udp_run(benchmark::State &st, udp_rig &rig, F receive) {
   }
 }
 
-void udp_ours(benchmark::State &st) {
+void udp_ours(benchmark::State &st, bool rtb) {
   kernel();
   task *tp = task_alloc("rx", 10, nullptr);
   int s = task_get_socket(tp, AF_INET, SOCK_DGRAM, 0);
   task_set_socket(tp, s);
+  if (rtb && task_set_option(tp, TASKOPTION_RECV_RTB, 1) != 0) {
+    st.SkipWithError("RecvRtb refused");
+    return;
+  }
   udp_rig rig(s);
   size_t n, bytes = 0;
   udp_run(st, rig, [&] {
@@ -334,7 +340,8 @@ BENCHMARK(chain_libev)->Name("PipeChain/libev")->Arg(100)->Arg(1000);
 BENCHMARK(chain_libevent)->Name("PipeChain/libevent")->Arg(100)->Arg(1000);
 BENCHMARK(chain_libuv)->Name("PipeChain/libuv")->Arg(100)->Arg(1000);
 BENCHMARK_CAPTURE(chain_ours, slip, true)->Name("PipeChainSlip/ours")->Arg(100)->Arg(1000);
-BENCHMARK(udp_ours)->Name("UdpReceive/ours");
+BENCHMARK_CAPTURE(udp_ours, plain, false)->Name("UdpReceive/ours");
+BENCHMARK_CAPTURE(udp_ours, rtb, true)->Name("UdpReceiveRtb/ours");
 BENCHMARK(udp_floor)->Name("UdpReceive/floor");
 
 TVX_BENCH_PINNED_MAIN()

@@ -15,6 +15,7 @@
 #include "platform/sys.h"
 #include "sockaddr/families.h"
 #include "sockaddr/zsockaddr.h"
+#include "task/vrf.h"
 
 namespace {
 
@@ -67,6 +68,7 @@ recv_results *results_of(task_io_var *io) {
     auto *r = static_cast<recv_results *>(calloc(1, sizeof(recv_results)));
     task_assert(r);
     r->info.tri_hoplimit = -1;
+    r->info.tri_rtbl_index = TASK_RTBL_INDEX_NONE;
     io->task_recv_results = &r->info;
   }
   return reinterpret_cast<recv_results *>(io->task_recv_results);
@@ -76,7 +78,7 @@ void drop_results(recv_results *r) {
   task_recv_info &i = r->info;
   i.tri_src = i.tri_dst = nullptr;
   i.tri_ifindex = 0;
-  i.tri_rtbl_index = 0;
+  i.tri_rtbl_index = TASK_RTBL_INDEX_NONE;
   i.tri_hoplimit = -1;
   if (i.tri_hbh) memset(i.tri_hbh, 0, kHbhSize);
   if (i.tri_rthdr) memset(i.tri_rthdr, 0, kRthdrSize);
@@ -198,6 +200,7 @@ void task_reset_socket(task *tp) {
   if (!tp || tp->task_socket < 0) return;
   TASK_TRACE(tp, TR_TASK, "task_reset_socket: task %s socket %d", task_name(tp), tp->task_socket);
   task_evq_forget(tp);
+  task_vrf_watch(tp, false);
   tp->task_socket = -1;
   tp->task_flags &= ~(TASK_FLAG_ACCEPT | TASK_FLAG_CONNECT);
   tp->task_recv = tp->task_accept = tp->task_write = tp->task_connect = nullptr;
@@ -622,6 +625,12 @@ void task_receive_packet_process_cmsg_internal(task *tp, struct msghdr *msg) {
       memcpy(&pi, CMSG_DATA(c), sizeof pi);
       if (gf_inet) ri.tri_dst = put_inet(r->dst, 0, pi.ipi_addr.s_addr);
       ri.tri_ifindex = pi.ipi_ifindex;
+    } else if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == TASK_CMSG_IP_RTBL_INDEX) {
+      if (have < TASK_CMSG_IP_RTBL_INDEX_LEN) {
+        truncated("ZTASK_ROUTE_INDEX_TRUNCATED", "%s: %s: %s route table index from %struncated");
+        continue;
+      }
+      memcpy(&ri.tri_rtbl_index, CMSG_DATA(c), sizeof ri.tri_rtbl_index);
     } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO) {
       if (have < sizeof(in6_pktinfo)) {
         truncated("ZTASK_DEST_ADDR_TRUNCATED", "%s: %s: %s destination address from %s truncated");
@@ -709,6 +718,9 @@ int task_receive_packet_internal(task *tp, struct msghdr *msg, uint8_t *recv_buf
   }
   if (keep_info && msg->msg_controllen && !(msg->msg_flags & MSG_CTRUNC))
     task_receive_packet_process_cmsg_internal(tp, msg);
+  // Linux sends no table index: the ingress interface's VRF stands for it.
+  if (ri.tri_rtbl_index == TASK_RTBL_INDEX_NONE && ri.tri_ifindex > 0 && task_vrf_watching(tp))
+    ri.tri_rtbl_index = task_vrf_table(ri.tri_ifindex);
   if (msg->msg_flags & MSG_TRUNC) {
     addr_text t(ri.tri_src, 1);
     logging_event(LOG_ERR, "ZTASK_PACKET_TRUNCATED", "ZTASK_PACKET_TRUNCATED: %s: %s packet from %s socket %d truncated",

@@ -16,6 +16,7 @@
 #include "io_internal.h"
 #include "sockaddr/families.h"
 #include "sockaddr/zsockaddr.h"
+#include "task/vrf.h"
 
 namespace {
 
@@ -288,7 +289,13 @@ int task_set_option_internal(task *tp, int option, bool report, va_list args) {
     map.tol_kind = TOL_PLATFORM;
   }
   switch (map.tol_kind) {
-    case TOL_PLATFORM: break;
+    case TOL_PLATFORM:
+      // No kernel form: the receive path finds the table through the VRF.
+      if (option == TASKOPTION_RECV_RTB && !(task_state & TASKS_TEST)) {
+        errno = task_vrf_watch(tp, ival != 0);
+        rc = errno ? -1 : 0;
+      }
+      break;
     case TOL_REFUSED:
       errno = EINVAL;
       rc = -1;
@@ -374,6 +381,15 @@ int task_get_option(task *tp, int option, void *value, socklen_t *length) {
       *length = sizeof v;
       return 0;
     }
+    case TOL_PLATFORM:
+      if (option == TASKOPTION_RECV_RTB) {
+        int v = task_vrf_watching(tp);
+        memcpy(value, &v, *length < sizeof v ? *length : sizeof v);
+        *length = sizeof v;
+        return 0;
+      }
+      errno = ENOPROTOOPT;
+      return -1;
     default: errno = ENOPROTOOPT; return -1;
   }
 }

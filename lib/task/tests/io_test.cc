@@ -320,7 +320,7 @@ TEST_F(Io, LoopbackReceiveWithDestinationAndInterface) {
   ASSERT_NE(ri->tri_dst, nullptr);
   EXPECT_EQ(addr_text(ri->tri_dst, 0), "127.0.0.1");
   EXPECT_EQ(ri->tri_ifindex, static_cast<int>(if_nametoindex("lo")));
-  EXPECT_EQ(ri->tri_rtbl_index, 0u);
+  EXPECT_EQ(ri->tri_rtbl_index, TASK_RTBL_INDEX_NONE);  // no "RecvRtb"
   sockaddr_in me{};
   socklen_t ml = sizeof me;
   getsockname(s, reinterpret_cast<sockaddr *>(&me), &ml);

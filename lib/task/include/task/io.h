@@ -93,8 +93,18 @@ ssize_t task_send_msg_from(task *tp, const struct iovec *iov, int iovcnt, bool d
                            const zsockaddr_t *from, int out_ifindex);
 
 // What the last packet came with. Addresses live in the record until the
-// next receive; absent ones are null. Table index 0 is the default instance
-// (Linux reports none); 0xFFFF means "no table information".
+// next receive; absent ones are null.
+//
+// The routing-table index: for a task with "RecvRtb" set, the table of the
+// ingress interface's VRF, 0 (the default instance) when it is in none (see
+// task/vrf.h); from a control record of type TASK_CMSG_IP_RTBL_INDEX when
+// one is present; TASK_RTBL_INDEX_NONE otherwise, whose low 16 bits are
+// 0xFFFF, "no table information".
+enum : uint32_t { TASK_RTBL_INDEX_NONE = 0xFFFFFFFFu };
+// IPPROTO_IP control record carrying a routing-table index: 16 bytes, the
+// index a 32-bit number in host order at the start. Linux never sends one;
+// it is read so that hand-built control data can take this path.
+enum { TASK_CMSG_IP_RTBL_INDEX = 109, TASK_CMSG_IP_RTBL_INDEX_LEN = 16 };
 struct task_recv_info {
   zsockaddr_t *tri_src;
   zsockaddr_t *tri_dst;
