@@ -4,8 +4,11 @@
 
 #include "internal.h"
 #include "io_internal.h"
+#include "task/accounting.h"
 
 namespace {
+
+const char *name_of_task(const void *tp) { return task_name(static_cast<task *>(const_cast<void *>(tp))); }
 
 task *task_of(void *udata) {
   return reinterpret_cast<task *>(static_cast<char *>(udata) - offsetof(task, task_kevent_udata));
@@ -36,7 +39,11 @@ void run_io(task_sched_stats *stats, task_io_var *io, const task_kevent &ev, int
   TASK_TRACE(tp, TR_TASK, "%s: %s ready for %s", "task_process_events", task_name(tp), rd ? "read" : "write");
   task *saved = task_current();
   task_set_current(tp);
+  int kind = rd ? TASK_ACCT_READ : TASK_ACCT_WRITE;
+  if (__builtin_expect(task_accounting_on, 0)) task_accounting_overhead(kind, rd ? "read" : "write");
   m(tp);
+  if (__builtin_expect(task_accounting_on, 0))
+    task_accounting_charge(tp, kind, rd ? "read processing" : "write processing", name_of_task, tp);
   task_set_current(saved);
   if (rd) {
     stats->ss[level ? SCHED_STAT_READS1 : SCHED_STAT_READS0]++;
@@ -100,6 +107,7 @@ void task_process_events_internal(task_sched_stats *stats, task_io_var *io, int 
         default:
           logging_event(LOG_ERR, "ZTASK_UNKNOWN_EVENT", "ZTASK_UNKNOWN_EVENT: %s event ignored -- disabling",
                         task_evfilt_name(ev.filter));
+          task_evq_disable(level, &ev);
           break;
       }
     }

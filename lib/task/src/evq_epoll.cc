@@ -162,6 +162,22 @@ void task_evq_forget(task *tp) {
     if (slot(q, tp->task_socket)) change(tp, q, 0, 1, tp->task_socket, &tp->task_kevent_udata);
 }
 
+void task_evq_disable(int level, const task_kevent *ev) {
+  if (level < 0 || level >= TASK_EVQ_N_PRIO || (task_state & TASKS_TEST)) return;
+  int fd = static_cast<int>(ev->ident);
+  auto *tag = static_cast<int32_t *>(ev->udata);
+  if (tag && *tag == TASK_KEVENT_TASK) {
+    task *tp = reinterpret_cast<task *>(reinterpret_cast<char *>(tag) - offsetof(task, task_kevent_udata));
+    if (tp->task_socket == fd) {
+      change(tp, level, 0, 2, fd, tag);
+      return;
+    }
+  }
+  epoll_event none{};
+  epoll_ctl(task_var_io(nullptr)->task_eventQ[level], EPOLL_CTL_DEL, fd, &none);
+  if (fd >= 0 && static_cast<size_t>(fd) < interest[level].size()) interest[level][fd] = 0;
+}
+
 void task_evq_signal_add(int signo) {
   sigaddset(&signal_mask, signo);
   sigprocmask(SIG_BLOCK, &signal_mask, nullptr);

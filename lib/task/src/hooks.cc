@@ -36,10 +36,7 @@ void unlink_from_task(task_io_hook *hp) {
 }  // namespace
 
 task_io_hook *task_io_hook_add(int fd, task *tp, void *argument, task_io_hook_fn callback, const char *name) {
-  if (!tp || !callback || !name) {
-    logging(LOG_ERR, "task_io_hook_add: soft assertion failed: \"tp && callback && name\" (fd %d)", fd);
-    return nullptr;
-  }
+  if (!task_assert_soft(tp && callback && name)) return nullptr;
   task_verify(tp);
   if (!hook_block) hook_block = task_block_init(sizeof(task_io_hook), "task_io_hook");
   auto *hp = static_cast<task_io_hook *>(task_block_alloc(hook_block));

@@ -5,6 +5,7 @@
 #include "internal.h"
 #include "mem/block.h"
 #include "mem/mem.h"
+#include "task/accounting.h"
 
 namespace {
 
@@ -157,6 +158,8 @@ void remove_marker(task_job *jp) {
 
 inline task_utime ms(uint32_t n) { return task_utime_from_usec(uint64_t{n} * 1000); }
 
+const char *job_name_of(const void *jp) { return static_cast<const task_job *>(jp)->task_job_name; }
+
 // The common run step: one call of the method, with its bookkeeping.
 void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
   task *tp = jp->task_job_task;
@@ -175,7 +178,11 @@ void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
   task_job_ctx *saved_sub = running_sub;
   running_sub = sub;
   sp->tasksched_current = tp ? tp : &sp->tasksched_task_task;
+  if (__builtin_expect(task_accounting_on, 0)) task_accounting_overhead(TASK_ACCT_OTHER, "job");
   jp->task_job_method(jp);
+  // The job outlives its method: a job deleted there is freed by its dispatcher.
+  if (__builtin_expect(task_accounting_on, 0))
+    task_accounting_charge(tp, TASK_ACCT_OTHER, text, job_name_of, jp);
   sp->tasksched_current = saved_current;
   running_sub = saved_sub;
   if (jp->task_job_max_quantum) {

@@ -1,5 +1,4 @@
 // The scheduler's pass, the cached time and the kernel's bring-up.
-#include <sys/resource.h>
 #include <time.h>
 
 #include <cerrno>
@@ -9,6 +8,7 @@
 #include "mem/mem.h"
 #include "mem/pool.h"
 #include "platform/grand.h"
+#include "task/accounting.h"
 #include "task/slip.h"
 
 namespace {
@@ -30,17 +30,6 @@ struct slip_entry {
 };
 slip_entry slip_log[64];
 uint32_t slip_next;
-
-task_utime tv_to_utime(const timeval &tv) {
-  return task_utime{static_cast<uint32_t>(tv.tv_sec), static_cast<uint32_t>(tv.tv_usec)};
-}
-
-void process_times(task_utime *user, task_utime *sys) {
-  rusage ru;
-  getrusage(RUSAGE_SELF, &ru);
-  *user = tv_to_utime(ru.ru_utime);
-  *sys = tv_to_utime(ru.ru_stime);
-}
 
 task_job *pool_job;
 void pool_cleaner(task_job *jp) {
@@ -141,7 +130,7 @@ void task_scheduler_init(task_var_context *context) {
   trace_handle *app_trace = task_get_task_app_ctx()->app_trace;
   if (!st->task_trace && app_trace) st->task_trace = trace_alloc(app_trace);
   sp->sched_stats_next = task_utime_add(task_now, kStatsPeriod);
-  process_times(&sp->sched_last_user, &sp->sched_last_sys);
+  task_process_times(&sp->sched_last_user, &sp->sched_last_sys);
 }
 
 // Runs after every callback, so it reads the context once and looks at the
@@ -171,7 +160,7 @@ void task_monitor_slip(const task_utime *blocked) {
   task_utime elapsed = task_utime_sub(task_now, sp->sched_last);
   sp->sched_last = task_now;
   task_utime user, sys;
-  process_times(&user, &sys);
+  task_process_times(&user, &sys);
   if (!task_utime_lt(elapsed, task_utime_add(kMaxWait, *blocked))) {
     task_utime du = task_utime_sub(user, sp->sched_last_user), ds = task_utime_sub(sys, sp->sched_last_sys);
     slip_entry &e = slip_log[slip_next++ % 64];
@@ -181,6 +170,7 @@ void task_monitor_slip(const task_utime *blocked) {
                   "ZTASK_SCHED_SLIP: %d sec scheduler slip, user: %d sec %d usec, system: %d sec, %d usec",
                   static_cast<int>(elapsed.ut_sec), static_cast<int>(du.ut_sec), static_cast<int>(du.ut_usec),
                   static_cast<int>(ds.ut_sec), static_cast<int>(ds.ut_usec));
+    if (task_accounting_on) task_accounting_slip(&elapsed, &du, &ds);
     task_timer *st = sp->sched_slip_timer;
     if (st) {
       task_utime left;

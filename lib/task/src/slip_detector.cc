@@ -1,9 +1,7 @@
 // The slip detector's timer, its signal handler and the dumping fork.
 #include "task/slip.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -14,6 +12,7 @@
 #include "evlog/evlog.h"
 #include "task/evq.h"
 #include "task/task.h"
+#include "live_core.h"
 
 namespace {
 
@@ -29,23 +28,6 @@ bool set_timer(uint32_t seconds) {
   itimerval v{};
   v.it_value.tv_sec = seconds;
   return setitimer(slip_timer(), &v, nullptr) == 0;
-}
-
-// The child of a dump: no descriptor it should not have, then a core.
-[[noreturn]] void dump_child() {
-  struct rlimit rl;
-  int top = getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < 65536 ? static_cast<int>(rl.rlim_cur) : 1024;
-  for (int fd = 3; fd < top; fd++) {
-    int flags = fcntl(fd, F_GETFD);
-    if (flags >= 0 && (flags & FD_CLOEXEC)) close(fd);
-  }
-  sigset_t abrt;
-  sigemptyset(&abrt);
-  sigaddset(&abrt, SIGABRT);
-  sigprocmask(SIG_UNBLOCK, &abrt, nullptr);
-  signal(SIGABRT, SIG_DFL);
-  raise(SIGABRT);
-  _exit(134);
 }
 
 void on_slip_signal(int) {
@@ -127,7 +109,7 @@ void task_slip_detector_fire(void) {
   if (!sd.sd_armed) return;
   if (sd.sd_skip_config && (task_state & (TASKS_RECONFIG | TASKS_PARSECONFIG))) return;
   pid_t pid = _Fork();
-  if (pid == 0) dump_child();
+  if (pid == 0) task_live_core_child(nullptr);
   if (pid < 0) {
     sd.sd_fork_failures = sd.sd_fork_failures + 1;
   } else {

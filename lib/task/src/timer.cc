@@ -7,6 +7,7 @@
 #include "internal.h"
 #include "mem/block.h"
 #include "platform/grand.h"
+#include "task/accounting.h"
 
 namespace {
 
@@ -460,6 +461,8 @@ void after_fire(task_timer *tip, const task_utime &fired_at) {
   }
 }
 
+const char *timer_name_of(const void *tip) { return task_timer_name(static_cast<const task_timer *>(tip)); }
+
 // One timer: its method or its job. The leaf is stopped while the method
 // runs, so that a nested pass does not fire it again. The method runs as
 // its task's (sp: the dispatching context's scheduler record).
@@ -481,9 +484,14 @@ void fire(task_timer *tip, task_sched_var *sp) {
       }
     }
   } else if (tip->task_timer_method) {
+    // A delete inside the method clears the timer's task, not the task record.
+    task *owner = tip->task_timer_task;
+    if (__builtin_expect(task_accounting_on, 0)) task_accounting_overhead(TASK_ACCT_TIMER, "timer");
     tip->task_timer_flags |= TIMERF_PROCESSING;
     reinterpret_cast<task_timer_method>(tip->task_timer_method)(tip, tip->task_timer_uinterval.ut_sec);
     tip->task_timer_flags &= ~TIMERF_PROCESSING;
+    if (__builtin_expect(task_accounting_on, 0))
+      task_accounting_charge(owner, TASK_ACCT_TIMER, "timer processing", timer_name_of, tip);
   }
   sp->tasksched_current = saved;
   after_fire(tip, fired_at);

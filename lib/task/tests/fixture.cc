@@ -51,6 +51,7 @@ void Kernel::SetUp() {
   wait_advance_min_us = 0;
   on_wait = nullptr;
   task_kernel_init();
+  task_assert_soft_cores_disable(true);  // no test leaves a core behind
   task_set_time_hook(clock_hook);
   task_evq.wait = fake_wait;
   keeper = task_alloc("keeper", 100, nullptr);

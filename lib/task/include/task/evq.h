@@ -74,6 +74,11 @@ void task_evq_close_after_fork(void);
 int task_evq_set(task *tp, int16_t filter, bool enable);
 // Drops both interests of the task's socket (before close).
 void task_evq_forget(task *tp);
+// Disables the event that ev reports on queue `level`, the queue it came
+// from: the descriptor's registration there is deleted, whatever interests
+// it carried. A task's failure goes through its kevent error hook (code 2);
+// other failures are ignored (the event may never have been registered).
+void task_evq_disable(int level, const task_kevent *ev);
 // Read interest of an I/O hook's descriptor, on queue 0.
 int task_evq_hook_set(task_io_hook *hp, bool enable);
 
