@@ -273,6 +273,7 @@ int task_get_socket(task *tp, int domain, int type, int protocol) {
   }
   if (s < 0) return -1;
   // Binding to the logical router is a platform facility (see task_option_map).
+  task_fd_ring_note(s, TASK_FD_OPEN, tp);
   TASK_TRACE(tp, TR_TASK, "  socket %d", s);
   return s;
 }
@@ -323,6 +324,43 @@ int task_listen(task *tp, int backlog) {
   return 0;
 }
 
+namespace {
+
+struct accept_results {
+  task_accept_info info{-1, 0, nullptr, 0, 0};
+  alignas(8) uint8_t local[64];
+};
+accept_results accepted;
+
+// The connection's own end: its local address and the device (a VRF, when
+// the listener accepted across VRFs) that it is bound to.
+void read_conn_params(int s) {
+  task_accept_info &ai = accepted.info;
+  ai = task_accept_info{-1, 0, nullptr, 0, 0};
+  sockaddr_storage ss{};
+  socklen_t len = sizeof ss;
+  if (getsockname(s, reinterpret_cast<sockaddr *>(&ss), &len) != 0) return;
+  if (ss.ss_family != AF_INET && ss.ss_family != AF_INET6) {
+    logging_event(LOG_ERR, "ZTASK_IO_PARAMS_UNEXPECTED_SOCKET_DOMAIN",
+                  "ZTASK_IO_PARAMS_UNEXPECTED_SOCKET_DOMAIN: Unexpected socket domain %u",
+                  static_cast<unsigned>(ss.ss_family));
+    return;
+  }
+  ai.tai_socket = s;
+  ai.tai_domain = ss.ss_family;
+  ai.tai_local = keep_addr(accepted.local, from_native(reinterpret_cast<sockaddr *>(&ss), len));
+  int ifindex = 0;
+  socklen_t il = sizeof ifindex;
+  if (getsockopt(s, SOL_SOCKET, SO_BINDTOIFINDEX, &ifindex, &il) == 0 && ifindex > 0) {
+    ai.tai_ifindex = ifindex;
+    ai.tai_rtbl_index = task_vrf_table(ifindex);
+  }
+}
+
+}  // namespace
+
+const task_accept_info *task_get_accept_info(void) { return &accepted.info; }
+
 int task_accept(task *tp, zsockaddr_t **peer) {
   if (peer) *peer = nullptr;
   if (!tp) {
@@ -343,7 +381,9 @@ int task_accept(task *tp, zsockaddr_t **peer) {
     errno = err;
     return -1;
   }
+  task_fd_ring_note(s, TASK_FD_ACCEPT, tp);
   zsockaddr_t *a = create_native(reinterpret_cast<sockaddr *>(&ss), len);
+  if (tp->task_addrfamily == AF_INET || tp->task_addrfamily == AF_INET6) read_conn_params(s);
   addr_text t(a, 1);
   TASK_TRACE(tp, TR_TASK, "%s: task %s socket %d addr %s ", "task_accept", task_name(tp), s, t.t);
   if (peer)
@@ -360,6 +400,7 @@ int task_close(task *tp) {
   for (int q : io->task_eventQ) task_assert(s != q);
   task_reset_socket(tp);
   if (test_state()) return 0;
+  task_fd_ring_note(s, TASK_FD_CLOSE, tp);
   int rc;
   do rc = close(s);
   while (rc < 0 && errno == EINTR);
@@ -536,18 +577,24 @@ ssize_t task_send_msg_internal(task *tp, const struct iovec *iov, int iovcnt, bo
       put(IPPROTO_IPV6, IPV6_PKTINFO, &pi, sizeof pi);
     }
     if (router_alert_flag) {
+      // The header's length field is set from the buffer length given to
+      // inet6_opt_init: measure first, then build in exactly that much.
       uint8_t hbh[16];
-      int off = inet6_opt_init(hbh, sizeof hbh);
+      int need = inet6_opt_init(nullptr, 0);
+      need = inet6_opt_append(nullptr, 0, need, 5 /* router alert */, 2, 2, nullptr);
+      need = inet6_opt_finish(nullptr, 0, need);
+      int off = need > 0 && need <= static_cast<int>(sizeof hbh) ? inet6_opt_init(hbh, static_cast<socklen_t>(need))
+                                                                 : -1;
       const char *fail = off < 0 ? ": inet6_opt_init failed" : nullptr;
       uint16_t v = htons(static_cast<uint16_t>(router_alert_value));
       void *db = nullptr;
       if (!fail) {
-        off = inet6_opt_append(hbh, sizeof hbh, off, 5 /* router alert */, 2, 2, &db);
+        off = inet6_opt_append(hbh, static_cast<socklen_t>(need), off, 5 /* router alert */, 2, 2, &db);
         if (off < 0) fail = ": inet6_opt_append failed";
       }
       if (!fail) {
         inet6_opt_set_val(db, 0, &v, sizeof v);
-        off = inet6_opt_finish(hbh, sizeof hbh, off);
+        off = inet6_opt_finish(hbh, static_cast<socklen_t>(need), off);
         if (off < 0) fail = ": inet6_opt_finish failed";
       }
       if (fail) {
@@ -600,6 +647,29 @@ ssize_t task_send_msg(task *tp, const struct iovec *iov, int iovcnt, bool dont_r
 ssize_t task_send_msg_from(task *tp, const struct iovec *iov, int iovcnt, bool dont_route, const zsockaddr_t *to,
                            const zsockaddr_t *from, int out_ifindex) {
   return task_send_msg_internal(tp, iov, iovcnt, dont_route, to, from, out_ifindex, 0, false, 0, nullptr);
+}
+
+ssize_t task_send_msg_ifindex(task *tp, const struct iovec *iov, int iovcnt, bool dont_route, const zsockaddr_t *to,
+                              int out_ifindex) {
+  return task_send_msg_internal(tp, iov, iovcnt, dont_route, to, nullptr, out_ifindex, 0, false, 0, nullptr);
+}
+
+ssize_t task_send_msg_in_ifindex(task *tp, const struct iovec *iov, int iovcnt, bool dont_route,
+                                 const zsockaddr_t *to, int in_ifindex) {
+  return task_send_msg_internal(tp, iov, iovcnt, dont_route, to, nullptr, 0, in_ifindex, false, 0, nullptr);
+}
+
+ssize_t task_send_msg_router_alert(task *tp, const struct iovec *iov, int iovcnt, bool dont_route,
+                                   const zsockaddr_t *to, const zsockaddr_t *from, int out_ifindex,
+                                   int router_alert_value) {
+  return task_send_msg_internal(tp, iov, iovcnt, dont_route, to, from, out_ifindex, 0, true, router_alert_value,
+                                nullptr);
+}
+
+ssize_t task_send_msg_extended(task *tp, const struct iovec *iov, int iovcnt, bool dont_route,
+                               const zsockaddr_t *to, const zsockaddr_t *from, int out_ifindex, int in_ifindex,
+                               const void *extended) {
+  return task_send_msg_internal(tp, iov, iovcnt, dont_route, to, from, out_ifindex, in_ifindex, false, 0, extended);
 }
 
 // ---- Receiving ---------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -467,6 +468,63 @@ TEST_F(Io, SendMsgWithSourceAndInterface) {
   EXPECT_EQ(task_get_recv_info()->tri_ifindex, lo);
 }
 
+// The router alert travels as an IP option, and as an IPv6 hop-by-hop option
+// that the receive path keeps; the wrappers without a Linux form still send.
+TEST_F(Io, RouterAlertReachesTheReceiver) {
+  task *rx, *tx;
+  uint16_t port = udp_task(&rx, nop_read);
+  udp_task(&tx, nop_read);
+  int on = 1;
+  ASSERT_EQ(setsockopt(rx->task_socket, IPPROTO_IP, IP_RECVOPTS, &on, sizeof on), 0);
+  char payload[] = "ra";
+  iovec iov{payload, 2};
+  const zsockaddr_t *to = sockbuild_in(htons(port), htonl(INADDR_LOOPBACK));
+  ASSERT_EQ(task_send_msg_router_alert(tx, &iov, 1, false, to, nullptr, 0, 0), 2);
+  uint8_t buf[16];
+  alignas(cmsghdr) uint8_t ctrl[128];
+  iovec riov{buf, sizeof buf};
+  msghdr m{};
+  m.msg_iov = &riov;
+  m.msg_iovlen = 1;
+  m.msg_control = ctrl;
+  m.msg_controllen = sizeof ctrl;
+  ASSERT_EQ(recvmsg(rx->task_socket, &m, 0), 2);
+  std::vector<uint8_t> opts;
+  for (cmsghdr *c = CMSG_FIRSTHDR(&m); c; c = CMSG_NXTHDR(&m, c))
+    if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_RECVOPTS)  // Linux names the record so
+      opts.assign(CMSG_DATA(c), CMSG_DATA(c) + (c->cmsg_len - CMSG_LEN(0)));
+  ASSERT_GE(opts.size(), 4u);
+  EXPECT_EQ(std::vector<uint8_t>(opts.begin(), opts.begin() + 4), (std::vector<uint8_t>{148, 4, 0, 0}));
+
+  size_t n;
+  ASSERT_EQ(task_send_msg_in_ifindex(tx, &iov, 1, false, to, 3), 2);
+  ASSERT_EQ(task_send_msg_extended(tx, &iov, 1, false, to, nullptr, 0, 3, payload), 2);
+  ASSERT_EQ(task_receive_packet(rx, &n), 0);
+  ASSERT_EQ(task_receive_packet(rx, &n), 0);
+  EXPECT_EQ(tx->task_send_count, 3u);
+
+  task *rx6 = task_alloc("rx6", 10, nullptr);
+  task_set_socket(rx6, task_get_socket(rx6, AF_INET6, SOCK_DGRAM, 0));
+  task_set_option(rx6, TASKOPTION_NONBLOCKING, 1);
+  if (task_addr_local(rx6, sockbuild_in6(0, in6addr_loopback.s6_addr)) != 0) GTEST_SKIP() << "no IPv6 loopback";
+  ASSERT_EQ(task_set_option(rx6, TASKOPTION_HOPBYHOP, 1), 0);
+  zsockaddr_t *where = task_get_addr_local(rx6);
+  task *tx6 = task_alloc("tx6", 10, nullptr);
+  task_set_socket(tx6, task_get_socket(tx6, AF_INET6, SOCK_DGRAM, 0));
+  ASSERT_EQ(task_send_msg_router_alert(tx6, &iov, 1, false, where, nullptr, 0, 0), 2);
+  ASSERT_EQ(task_receive_packet(rx6, &n), 0);
+  const task_recv_info *ri = task_get_recv_info();
+  ASSERT_NE(ri->tri_hbh, nullptr);
+  ASSERT_EQ(ri->tri_hbh_len, 8u);
+  // Next header, length 0, the router alert (5, 2, value 0), two bytes of padding.
+  EXPECT_EQ(ri->tri_hbh[2], 5);
+  EXPECT_EQ(ri->tri_hbh[3], 2);
+  EXPECT_EQ(ri->tri_hbh[4] | ri->tri_hbh[5], 0);
+  sockfree(where);
+  task_delete(tx6);
+  task_delete(rx6);
+}
+
 // ---- Stream sockets --------------------------------------------------------------------------
 
 int accepted = -1;
@@ -516,6 +574,13 @@ TEST_F(Io, ListenAcceptConnectOnLoopback) {
   EXPECT_EQ(fcntl(accepted, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   zsockaddr_t *mine = task_get_addr_local(cl);
   EXPECT_EQ(addr_text(accepted_peer), addr_text(mine));
+  // The connection's own parameters: its end, no device, the default table.
+  const task_accept_info *ai = task_get_accept_info();
+  EXPECT_EQ(ai->tai_socket, accepted);
+  EXPECT_EQ(ai->tai_domain, AF_INET);
+  EXPECT_EQ(addr_text(ai->tai_local), addr_text(where));
+  EXPECT_EQ(ai->tai_ifindex, 0);
+  EXPECT_EQ(ai->tai_rtbl_index, 0u);
   zsockaddr_t *theirs = task_get_addr_remote(cl);
   EXPECT_EQ(addr_text(theirs), addr_text(where));
   sockfree(mine);
@@ -524,8 +589,39 @@ TEST_F(Io, ListenAcceptConnectOnLoopback) {
   close(accepted);
   EXPECT_EQ(task_close(cl), 0);
   EXPECT_EQ(cl->task_socket, -1);
+  std::string cname = task_name(cl);  // the name now carries the peer
   task_delete(cl);
   task_delete(ls);
+
+  // The descriptor ring tells who had which socket, in order.
+  task_fd_record recs[TASK_FD_RING_SIZE];
+  size_t nr = task_fd_ring_get(recs, TASK_FD_RING_SIZE);
+  std::vector<std::string> seen;
+  for (size_t i = 0; i < nr; i++)
+    seen.push_back(std::to_string(recs[i].tfr_fd) + " " + std::to_string(recs[i].tfr_op) + " " + recs[i].tfr_task);
+  auto str = [](int fd, int op, const char *who) { return std::to_string(fd) + " " + std::to_string(op) + " " + who; };
+  EXPECT_EQ(seen, (std::vector<std::string>{str(s, TASK_FD_OPEN, "listener"), str(c, TASK_FD_OPEN, "client"),
+                                            str(accepted, TASK_FD_ACCEPT, "listener"), str(c, TASK_FD_CLOSE, cname.c_str()),
+                                            str(s, TASK_FD_CLOSE, "listener")}));
+}
+
+// The ring keeps the newest records, oldest first, and prints one line each.
+TEST(FdRing, WrapsAndDumps) {
+  for (int i = 0; i < TASK_FD_RING_SIZE + 5; i++) task_fd_ring_note(100 + i, TASK_FD_OPEN, nullptr);
+  task_fd_record recs[TASK_FD_RING_SIZE + 8];
+  ASSERT_EQ(task_fd_ring_get(recs, TASK_FD_RING_SIZE + 8), static_cast<size_t>(TASK_FD_RING_SIZE));
+  EXPECT_EQ(recs[0].tfr_fd, 105);
+  EXPECT_EQ(recs[TASK_FD_RING_SIZE - 1].tfr_fd, 100 + TASK_FD_RING_SIZE + 4);
+  EXPECT_EQ(task_fd_ring_get(recs, 2), 2u);
+  char *text = nullptr;
+  size_t len = 0;
+  FILE *f = open_memstream(&text, &len);
+  task_fd_ring_dump(f);
+  fclose(f);
+  std::string out(text, len);
+  free(text);
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), TASK_FD_RING_SIZE);
+  EXPECT_NE(out.find(" fd 105 open task \n"), std::string::npos) << out.substr(0, 200);
 }
 
 TEST_F(Io, FailuresReturnErrnoAndLog) {

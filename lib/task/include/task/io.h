@@ -34,6 +34,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "task/task.h"
 
@@ -58,8 +59,24 @@ int task_addr_local(task *tp, const zsockaddr_t *addr);
 int task_connect(task *tp);
 int task_listen(task *tp, int backlog);
 // The accepted descriptor (non-blocking when the listener is), or -1; *peer
-// receives a new address (sockfree) of the peer when peer is not null.
+// receives a new address (sockfree) of the peer when peer is not null. For
+// INET and INET6 listeners the connection's own parameters are then read
+// (task_get_accept_info).
 int task_accept(task *tp, zsockaddr_t **peer);
+
+// Parameters of the last connection accepted by an INET or INET6 listener:
+// its local address (owned by the record, until the next accept), the
+// device it is bound to (a VRF device when the listener accepted across
+// VRFs, else 0) and that device's routing table (0, the default instance,
+// when unbound). tai_socket is -1 when nothing was read.
+struct task_accept_info {
+  int32_t tai_socket;
+  int32_t tai_domain;
+  zsockaddr_t *tai_local;
+  int32_t tai_ifindex;
+  uint32_t tai_rtbl_index;
+};
+const task_accept_info *task_get_accept_info(void);
 // Drops the registrations and closes the socket (repeating on EINTR).
 int task_close(task *tp);
 // New addresses (sockfree), or null.
@@ -88,9 +105,20 @@ ssize_t task_send_packet(task *tp, const void *data, size_t length, bool dont_ro
 ssize_t task_send_msg_internal(task *tp, const struct iovec *iov, int iovcnt, bool dont_route,
                                const zsockaddr_t *to, const zsockaddr_t *from, int out_ifindex, int in_ifindex,
                                bool router_alert_flag, int router_alert_value, const void *extended);
+// The wrappers name what they add to a plain send.
 ssize_t task_send_msg(task *tp, const struct iovec *iov, int iovcnt, bool dont_route, const zsockaddr_t *to);
 ssize_t task_send_msg_from(task *tp, const struct iovec *iov, int iovcnt, bool dont_route, const zsockaddr_t *to,
                            const zsockaddr_t *from, int out_ifindex);
+ssize_t task_send_msg_ifindex(task *tp, const struct iovec *iov, int iovcnt, bool dont_route, const zsockaddr_t *to,
+                              int out_ifindex);
+ssize_t task_send_msg_in_ifindex(task *tp, const struct iovec *iov, int iovcnt, bool dont_route,
+                                 const zsockaddr_t *to, int in_ifindex);
+ssize_t task_send_msg_router_alert(task *tp, const struct iovec *iov, int iovcnt, bool dont_route,
+                                   const zsockaddr_t *to, const zsockaddr_t *from, int out_ifindex,
+                                   int router_alert_value);
+ssize_t task_send_msg_extended(task *tp, const struct iovec *iov, int iovcnt, bool dont_route,
+                               const zsockaddr_t *to, const zsockaddr_t *from, int out_ifindex, int in_ifindex,
+                               const void *extended);
 
 // What the last packet came with. Addresses live in the record until the
 // next receive; absent ones are null.
@@ -189,6 +217,23 @@ struct task_option_linux {
   int tol_name;
 };
 task_option_linux task_option_map(int option, int family);
+
+// ---- Open-descriptor ring ------------------------------------------------------------
+// The last TASK_FD_RING_SIZE sockets opened, accepted and closed through the
+// calls above, for diagnostics: which task had descriptor N, and when.
+enum { TASK_FD_RING_SIZE = 64 };
+enum task_fd_op : uint8_t { TASK_FD_OPEN = 1, TASK_FD_ACCEPT = 2, TASK_FD_CLOSE = 3 };
+struct task_fd_record {
+  task_utime tfr_time;
+  int32_t tfr_fd;
+  uint8_t tfr_op;
+  char tfr_task[32];
+};
+// Copies up to max records, oldest first; returns how many.
+size_t task_fd_ring_get(task_fd_record *out, size_t max);
+// One line a record: "<seconds>.<usec> fd <n> <open|accept|close> task <name>".
+void task_fd_ring_dump(FILE *f);
+void task_fd_ring_note(int fd, task_fd_op op, const task *tp);
 
 // ---- I/O hooks ------------------------------------------------------------------------
 typedef void (*task_io_hook_fn)(task *tp, void *arg);
