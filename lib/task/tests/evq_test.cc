@@ -92,6 +92,48 @@ TEST_F(Queues, ReadDisabledAndMissingMethods) {
   evlog_capture_stop();
 }
 
+task_kevent level1_event;
+int level1_wait(int level, task_kevent *out, int, const task_utime *) {
+  if (level != 1) return 0;
+  out[0] = level1_event;
+  return 1;
+}
+
+TEST_F(Queues, AnUnknownEventIsDisabledOnTheQueueItCameFrom) {
+  evlog_capture &cap = evlog_capture_start();
+  Pair p;
+  task *tp = reader("r", p.fd[0], 0);  // read interest on queue 0
+  task_set_write(tp, wr);
+  task_evq_set(tp, TASK_EVFILT_WRITE, true);  // write interest on queue 1; the socket is writable
+  ASSERT_EQ(write(p.fd[1], "a", 1), 1);
+  task_io_var *io = task_var_io(nullptr);
+  task_sched_stats *stats = &task_var_scheduler(nullptr)->sched_stats;
+  const task_kevent odd{static_cast<uintptr_t>(p.fd[0]), -8, 0, 0, 0, &tp->task_kevent_udata};
+  io->task_eventlist[0] = odd;
+  task_process_events_internal(stats, io, 1);
+  task_utime zero{0, 0};
+  int n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  ASSERT_EQ(n, 1) << "queue 0 no longer reports the socket";
+  EXPECT_EQ(io->task_eventlist[0].udata, nullptr);  // only queue 1's readiness
+  // The same event reported by queue 1.
+  level1_event = odd;
+  task_evq.wait = level1_wait;
+  io->task_eventlist[0] = task_kevent{static_cast<uintptr_t>(io->task_eventQ[1]), TASK_EVFILT_READ, 0, 0, 0, nullptr};
+  task_process_events_internal(stats, io, 1);
+  task_evq.wait = task_evq_default.wait;
+  EXPECT_EQ(task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero), 0);
+  EXPECT_EQ(got, "");
+  ASSERT_EQ(cap.records.size(), 2u);
+  EXPECT_EQ(cap.records[1].text, "ZTASK_UNKNOWN_EVENT: unknown event ignored -- disabling");
+  // The interest can be given back.
+  task_evq_set(tp, TASK_EVFILT_READ, true);
+  n = task_evq.wait(0, io->task_eventlist, io->task_eventlist_size, &zero);
+  ASSERT_EQ(n, 1);
+  task_process_events_internal(stats, io, n);
+  EXPECT_EQ(got, "a");
+  evlog_capture_stop();
+}
+
 TEST_F(Queues, SignalsArriveAsEventsAndTermEndsCleanly) {
   // A forked child of the kernel only exits on SIGTERM: the death test runs
   // the kernel afresh in its own process.
