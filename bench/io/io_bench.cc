@@ -6,7 +6,8 @@
 //   event), one read and one write, for every implementation. One iteration
 //   is one callback of a running loop: CPU time per callback, the pass
 //   included. /100 and /1000 pairs. PipeChainSlip/ours is the same with the
-//   scheduler's slip monitor on (the loop a daemon runs).
+//   scheduler's slip monitor on (the loop a daemon runs); PipeChainAcct/ours
+//   the same with accounting on (process times read around each callback).
 // UdpReceive: one datagram taken with its destination address and interface
 //   (IP_PKTINFO) from a loopback socket that a sender thread on the other core
 //   fills batch by batch while the clock is stopped. ours: task_receive_packet (source and destination
@@ -36,6 +37,7 @@ constexpr int kLibevRead = EV_READ;
 
 #include "sockaddr/families.h"
 #include "sockaddr/zsockaddr.h"
+#include "task/accounting.h"
 #include "task/io.h"
 #include "task/sched.h"
 #include "task/task.h"
@@ -104,8 +106,14 @@ void ours_read(task *tp) {
   if (chain->hop(static_cast<size_t>(task_get_user_word(tp))) && !keep_running()) task_scheduler_stop();
 }
 
-void chain_ours(benchmark::State &st, bool slip) {
+// plain: the nested loop; slip: the loop with the slip monitor; acct: the
+// nested loop with accounting on (two process-time readings per callback).
+enum class chain_mode { plain, slip, acct };
+
+void chain_ours(benchmark::State &st, chain_mode mode) {
   kernel();
+  bool slip = mode == chain_mode::slip;
+  task_accounting_set(mode == chain_mode::acct);
   ring r(st.range(0));
   chain = &r;
   chain_state = &st;
@@ -125,6 +133,7 @@ void chain_ours(benchmark::State &st, bool slip) {
   } else {
     task_scheduler_run();
   }
+  task_accounting_set(false);
   // The ring's descriptors are closed by the ring, not by the tasks.
   for (task *tp : t) {
     task_reset_socket(tp);
@@ -335,11 +344,12 @@ void udp_floor(benchmark::State &st) {
 
 }  // namespace
 
-BENCHMARK_CAPTURE(chain_ours, plain, false)->Name("PipeChain/ours")->Arg(100)->Arg(1000);
+BENCHMARK_CAPTURE(chain_ours, plain, chain_mode::plain)->Name("PipeChain/ours")->Arg(100)->Arg(1000);
 BENCHMARK(chain_libev)->Name("PipeChain/libev")->Arg(100)->Arg(1000);
 BENCHMARK(chain_libevent)->Name("PipeChain/libevent")->Arg(100)->Arg(1000);
 BENCHMARK(chain_libuv)->Name("PipeChain/libuv")->Arg(100)->Arg(1000);
-BENCHMARK_CAPTURE(chain_ours, slip, true)->Name("PipeChainSlip/ours")->Arg(100)->Arg(1000);
+BENCHMARK_CAPTURE(chain_ours, slip, chain_mode::slip)->Name("PipeChainSlip/ours")->Arg(100)->Arg(1000);
+BENCHMARK_CAPTURE(chain_ours, acct, chain_mode::acct)->Name("PipeChainAcct/ours")->Arg(100)->Arg(1000);
 BENCHMARK_CAPTURE(udp_ours, plain, false)->Name("UdpReceive/ours");
 BENCHMARK_CAPTURE(udp_ours, rtb, true)->Name("UdpReceiveRtb/ours");
 BENCHMARK(udp_floor)->Name("UdpReceive/floor");
