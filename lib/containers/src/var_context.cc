@@ -69,11 +69,6 @@ task_var_context *task_var_get_context(void) {
   return __task_var_get_context ? __task_var_get_context() : task_default_context;
 }
 
-tvcfull *task_var_full(task_var_context *context) {
-  return reinterpret_cast<tvcfull *>(reinterpret_cast<char *>(context) -
-                                     offsetof(tvcfull, tvcfull_head));
-}
-
 bool task_pthread_is_main(void) { return gettid() == getpid(); }
 
 void task_var_context_full(void) {

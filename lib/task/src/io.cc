@@ -676,8 +676,10 @@ ssize_t task_send_msg_extended(task *tp, const struct iovec *iov, int iovcnt, bo
 
 const task_recv_info *task_get_recv_info(void) { return &results_of(io_of(nullptr))->info; }
 
-void task_receive_packet_process_cmsg_internal(task *tp, struct msghdr *msg) {
-  recv_results *r = results_of(io_of(tp));
+namespace {
+
+// The receive path looks its context up once and hands the record down.
+void process_cmsg(task *tp, recv_results *r, msghdr *msg) {
   task_recv_info &ri = r->info;
   const char *pfx = "Receive packet call";
   for (cmsghdr *c = CMSG_FIRSTHDR(msg); c; c = CMSG_NXTHDR(msg, c)) {
@@ -742,11 +744,9 @@ void task_receive_packet_process_cmsg_internal(task *tp, struct msghdr *msg) {
   }
 }
 
-int task_receive_packet_internal(task *tp, struct msghdr *msg, uint8_t *recv_buffer, size_t recv_size,
-                                 bool keep_info, size_t *size) {
+int receive(task *tp, task_io_var *io, msghdr *msg, uint8_t *recv_buffer, size_t recv_size, bool keep_info,
+            size_t *size) {
   if (size) *size = 0;
-  if (!tp) return EINVAL;
-  task_io_var *io = io_of(tp);
   iovec iov{recv_buffer, recv_size};
   msg->msg_iov = &iov;
   msg->msg_iovlen = 1;
@@ -786,10 +786,10 @@ int task_receive_packet_internal(task *tp, struct msghdr *msg, uint8_t *recv_buf
     }
     if (!ri.tri_src) return -3;
   }
-  if (keep_info && msg->msg_controllen && !(msg->msg_flags & MSG_CTRUNC))
-    task_receive_packet_process_cmsg_internal(tp, msg);
+  if (keep_info && msg->msg_controllen && !(msg->msg_flags & MSG_CTRUNC)) process_cmsg(tp, r, msg);
   // Linux sends no table index: the ingress interface's VRF stands for it.
-  if (ri.tri_rtbl_index == TASK_RTBL_INDEX_NONE && ri.tri_ifindex > 0 && task_vrf_watching(tp))
+  if (ri.tri_rtbl_index == TASK_RTBL_INDEX_NONE && ri.tri_ifindex > 0 && task_vrf_n_watching &&
+      task_vrf_watching(tp))
     ri.tri_rtbl_index = task_vrf_table(ri.tri_ifindex);
   if (msg->msg_flags & MSG_TRUNC) {
     addr_text t(ri.tri_src, 1);
@@ -806,6 +806,19 @@ int task_receive_packet_internal(task *tp, struct msghdr *msg, uint8_t *recv_buf
   return 0;
 }
 
+}  // namespace
+
+void task_receive_packet_process_cmsg_internal(task *tp, struct msghdr *msg) {
+  process_cmsg(tp, results_of(io_of(tp)), msg);
+}
+
+int task_receive_packet_internal(task *tp, struct msghdr *msg, uint8_t *recv_buffer, size_t recv_size,
+                                 bool keep_info, size_t *size) {
+  if (size) *size = 0;
+  if (!tp) return EINVAL;
+  return receive(tp, io_of(tp), msg, recv_buffer, recv_size, keep_info, size);
+}
+
 int task_receive_packet(task *tp, size_t *size) {
   if (!tp) return EINVAL;
   task_io_var *io = io_of(tp);
@@ -816,5 +829,5 @@ int task_receive_packet(task *tp, size_t *size) {
   msg.msg_namelen = sizeof from;
   msg.msg_control = ctrl;
   msg.msg_controllen = sizeof ctrl;
-  return task_receive_packet_internal(tp, &msg, io->task_recv_buffer, io->task_recv_buffer_size, true, size);
+  return receive(tp, io, &msg, io->task_recv_buffer, io->task_recv_buffer_size, true, size);
 }

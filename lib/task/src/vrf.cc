@@ -225,6 +225,8 @@ uint32_t task_vrf_table(int ifindex) {
   return table;
 }
 
+uint32_t task_vrf_n_watching;
+
 bool task_vrf_watching(const task *tp) {
   for (const watcher &w : state().watchers)
     if (w.tp == tp) return true;
@@ -243,6 +245,7 @@ int task_vrf_watch(task *tp, bool on) {
     if (it->hook && !it->hook->hook_deleted) task_io_hook_remove(it->hook);
     mnl_socket_close(it->nl);
     s.watchers.erase(it);
+    task_vrf_n_watching = static_cast<uint32_t>(s.watchers.size());
     return 0;
   }
   if (it != s.watchers.end()) return 0;
@@ -262,6 +265,7 @@ int task_vrf_watch(task *tp, bool on) {
     }
   }
   s.watchers.push_back({tp, nl, hook});
+  task_vrf_n_watching = static_cast<uint32_t>(s.watchers.size());
   // What was cached before nobody listened may be stale.
   flush(s);
   return 0;

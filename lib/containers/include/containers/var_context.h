@@ -61,7 +61,11 @@ extern task_var_context *task_default_context;
 // The current context.
 task_var_context *task_var_get_context(void);
 // The full record of a context.
-tvcfull *task_var_full(task_var_context *context);
+// The full record around a context handle (inline: every per-context lookup
+// of the hot paths goes through it).
+inline tvcfull *task_var_full(task_var_context *context) {
+  return reinterpret_cast<tvcfull *>(reinterpret_cast<char *>(context) - offsetof(tvcfull, tvcfull_head));
+}
 
 // Switches the process to several contexts: makes the block and the
 // per-thread lookup. Once only; task_var_context_create calls it.

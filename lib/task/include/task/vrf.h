@@ -39,6 +39,8 @@ uint32_t task_vrf_table(int ifindex);
 // for the others. Returns 0 or an errno.
 int task_vrf_watch(task *tp, bool on);
 bool task_vrf_watching(const task *tp);
+// How many tasks watch: the receive path asks about its task only when some do.
+extern uint32_t task_vrf_n_watching;
 
 // Link lookups by index: rtnetlink unless replaced (tests). Returns 0 and
 // fills *out, or an errno.
