@@ -47,20 +47,13 @@ constexpr int kLibevRead = EV_READ;
 
 namespace {
 
-void *addr_alloc(unsigned, size_t size) { return calloc(1, size); }
-void addr_free(void *p, unsigned) { free(p); }
-
 task *keeper;
 void kernel() {
   static bool up;
   if (up) return;
   up = true;
   task_kernel_init();
-  zsock_hooks h{};
-  h.alloc = addr_alloc;
-  h.free = addr_free;
-  h.snprintf = snprintf;
-  h.vsnprintf = vsnprintf;
+  zsock_hooks h = zsock_hooks_libc();
   zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
   zsock_register_inet(GF_INET);
   keeper = task_alloc("keeper", 100, nullptr);

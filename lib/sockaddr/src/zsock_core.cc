@@ -2,6 +2,8 @@
 // scratch ring.
 #include <strings.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/compat.h"
@@ -25,6 +27,21 @@ void release(void *p, unsigned cls, size_t size) {
 using namespace zsock;
 
 extern "C" {
+
+namespace {
+void *libc_alloc(unsigned, size_t size) { return calloc(1, size); }
+void libc_free(void *p, unsigned) { free(p); }
+}  // namespace
+
+zsock_hooks zsock_hooks_libc(void) {
+  zsock_hooks h{};
+  h.alloc = libc_alloc;
+  h.free = libc_free;
+  h.snprintf = snprintf;
+  h.fprintf = fprintf;
+  h.vsnprintf = vsnprintf;
+  return h;
+}
 
 void zsock_init(unsigned gf_max, const zsock_family_name *names, size_t ring_size, const zsock_hooks *hooks) {
   ZSOCK_ASSERT(hooks && hooks->alloc && (hooks->free || hooks->free_sized));

@@ -353,6 +353,16 @@ int task_set_option_quiet(task *tp, int option, ...) {
   return rc;
 }
 
+namespace {
+// A flag read back the way getsockopt hands an int.
+int put_flag(bool on, void *value, socklen_t *length) {
+  int v = on;
+  memcpy(value, &v, *length < sizeof v ? *length : sizeof v);
+  *length = sizeof v;
+  return 0;
+}
+}  // namespace
+
 int task_get_option(task *tp, int option, void *value, socklen_t *length) {
   if (!tp || tp->task_socket < 0) {
     logging(LOG_ERR, "Failure in obtaining socket options - tp=%p socket=%d\n", static_cast<void *>(tp),
@@ -363,31 +373,17 @@ int task_get_option(task *tp, int option, void *value, socklen_t *length) {
   if (tp->task_addrfamily == 0) tp->task_addrfamily = AF_INET;
   if (task_state & TASKS_TEST) return 0;
   task_option_linux map = task_option_map(option, tp->task_addrfamily);
+  int fl;
   switch (map.tol_kind) {
     case TOL_SOCKOPT: return getsockopt(tp->task_socket, map.tol_level, map.tol_name, value, length);
-    case TOL_IOCTL_NBIO: {
-      int fl = fcntl(tp->task_socket, F_GETFL);
-      if (fl < 0) return -1;
-      int v = (fl & O_NONBLOCK) != 0;
-      memcpy(value, &v, *length < sizeof v ? *length : sizeof v);
-      *length = sizeof v;
-      return 0;
-    }
-    case TOL_FCNTL_CLOEXEC: {
-      int fl = fcntl(tp->task_socket, F_GETFD);
-      if (fl < 0) return -1;
-      int v = (fl & FD_CLOEXEC) != 0;
-      memcpy(value, &v, *length < sizeof v ? *length : sizeof v);
-      *length = sizeof v;
-      return 0;
-    }
+    case TOL_IOCTL_NBIO:
+      if ((fl = fcntl(tp->task_socket, F_GETFL)) < 0) return -1;
+      return put_flag(fl & O_NONBLOCK, value, length);
+    case TOL_FCNTL_CLOEXEC:
+      if ((fl = fcntl(tp->task_socket, F_GETFD)) < 0) return -1;
+      return put_flag(fl & FD_CLOEXEC, value, length);
     case TOL_PLATFORM:
-      if (option == TASKOPTION_RECV_RTB) {
-        int v = task_vrf_watching(tp);
-        memcpy(value, &v, *length < sizeof v ? *length : sizeof v);
-        *length = sizeof v;
-        return 0;
-      }
+      if (option == TASKOPTION_RECV_RTB) return put_flag(task_vrf_watching(tp), value, length);
       errno = ENOPROTOOPT;
       return -1;
     default: errno = ENOPROTOOPT; return -1;

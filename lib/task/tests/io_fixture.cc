@@ -5,19 +5,10 @@
 
 namespace tt {
 
-namespace {
-void *addr_alloc(unsigned, size_t size) { return calloc(1, size); }
-void addr_free(void *p, unsigned) { free(p); }
-}  // namespace
-
 void Io::SetUp() {
   Kernel::SetUp();
   task_evq.wait = real_wait;
-  zsock_hooks h{};
-  h.alloc = addr_alloc;
-  h.free = addr_free;
-  h.snprintf = snprintf;
-  h.vsnprintf = vsnprintf;
+  zsock_hooks h = zsock_hooks_libc();
   zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
   zsock_register_inet(GF_INET);
   zsock_register_inet6(GF_INET6);

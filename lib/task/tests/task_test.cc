@@ -119,15 +119,9 @@ TEST_F(Kernel, LastDeleteExitsWithZero) {
       ::testing::ExitedWithCode(0), "ZTASK_EXIT: Exit .*\\[[0-9]+\\] version .* caller ");
 }
 
-void *addr_alloc(unsigned, size_t size) { return calloc(1, size); }
-void addr_free(void *p, unsigned) { free(p); }
 
 TEST_F(Kernel, NamesWithAddressAndPid) {
-  zsock_hooks h{};
-  h.alloc = addr_alloc;
-  h.free = addr_free;
-  h.snprintf = snprintf;
-  h.vsnprintf = vsnprintf;
+  zsock_hooks h = zsock_hooks_libc();
   zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
   zsock_register_inet(GF_INET);
   EXPECT_STREQ(task_name(nullptr), "(null task)");

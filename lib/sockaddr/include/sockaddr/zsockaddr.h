@@ -145,6 +145,9 @@ typedef void (*zsock_family_init_fn)(zsock_ops *ops);
 
 // --- start ---
 void zsock_init(unsigned gf_max, const zsock_family_name *names, size_t ring_size, const zsock_hooks *hooks);
+// Hooks over libc alone (calloc, free, the printf family), for programs and
+// tests that run the address library without the framework's memory.
+zsock_hooks zsock_hooks_libc(void);
 void zsock_init_family(unsigned kind, unsigned gf, unsigned offset, unsigned max_size, const void *mask_table,
                        size_t mask_table_bytes, const char *name, zsock_family_init_fn init);
 // Drops every table (tests and orderly shutdown); zsock_init may run again.
