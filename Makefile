@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all setup configure build check asan bench clean
+.PHONY: all setup configure build check asan bench fuzz clean
 
 all: build
 
@@ -42,5 +42,10 @@ bench: build
 bench-%: build
 	$(BUILD)/bench/bench_$*  --benchmark_counters_tabular=true
 
+# Every libFuzzer target for FUZZ_SECONDS each (default 60) under ASan and UBSan,
+# with clang, in build-fuzz/. `make check` only replays the corpora.
+fuzz:
+	@bash scripts/fuzz
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) build-fuzz

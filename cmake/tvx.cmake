@@ -32,3 +32,30 @@ function(tvx_bench area)
   target_link_libraries(bench_${area} PRIVATE ${B_LIBS} benchmark::benchmark)
   set_property(GLOBAL APPEND PROPERTY TVX_BENCHES bench_${area})
 endfunction()
+
+# tvx_fuzzer(NAME LABEL area SOURCES file... [LIBS lib...])
+# A libFuzzer target whose source defines LLVMFuzzerTestOneInput (and, if it
+# wants one, LLVMFuzzerInitialize). Its corpus lives in the repository at
+# fuzz/corpus/NAME beside the calling CMakeLists: seeds, and every input that
+# ever crashed, named crash-*. Every build makes fuzz_NAME_replay with the
+# normal compiler and a ctest test fuzz.NAME that replays the whole corpus, so
+# that what was fixed stays fixed; with TVX_FUZZ=ON (clang, `make fuzz`) it
+# also builds the real fuzzer, build-fuzz/fuzz/fuzz_NAME.
+function(tvx_fuzzer name)
+  cmake_parse_arguments(F "" "LABEL" "SOURCES;LIBS" ${ARGN})
+  set(corpus ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/corpus/${name})
+  add_executable(fuzz_${name}_replay ${F_SOURCES} ${CMAKE_SOURCE_DIR}/tests/fuzz/replay_main.cc)
+  target_link_libraries(fuzz_${name}_replay PRIVATE ${F_LIBS})
+  set_target_properties(fuzz_${name}_replay PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
+  add_test(NAME fuzz.${name} COMMAND fuzz_${name}_replay ${corpus})
+  set_tests_properties(fuzz.${name} PROPERTIES LABELS ${F_LABEL} TIMEOUT 120)
+  if(TVX_FUZZ)
+    add_executable(fuzz_${name} ${F_SOURCES})
+    target_link_libraries(fuzz_${name} PRIVATE ${F_LIBS})
+    target_compile_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+    set_target_properties(fuzz_${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
+    add_dependencies(fuzzers fuzz_${name})
+    file(WRITE ${CMAKE_BINARY_DIR}/fuzz/${name}.corpus "${corpus}\n")
+  endif()
+endfunction()
