@@ -21,8 +21,9 @@ const trace_types daemon_trace_types[] = {
 
 namespace {
 
-// Writes the formatted line through the handle (and syslog when asked).
-void write_line(trace_ctx_t *tc, int priority, uint32_t flag, const char *fmt, va_list ap) {
+// Writes the formatted line through the handle (and syslog when asked, with
+// the tag that names the message).
+void write_line(trace_ctx_t *tc, int priority, uint32_t flag, const char *tag, const char *fmt, va_list ap) {
   ztrace_msg m{};
   static ztrace_callsite site;  // the forwarders render formats as they come
   m.zm_site = &site;
@@ -30,7 +31,10 @@ void write_line(trace_ctx_t *tc, int priority, uint32_t flag, const char *fmt, v
   m.zm_flags = flag;
   m.zm_priority = priority >= 0 ? priority : 0;
   m.zm_trace = tc ? tc->tc_handle : nullptr;
-  m.zm_to_trace = tc && trace_enabled(tc->tc_handle, flag, 0);
+  // An error goes to the trace file whatever the flags: it is the line an
+  // operator reading the trace needs most.
+  m.zm_to_trace = tc && (tag ? ztrace_file_on(tc->tc_handle ? tc->tc_handle->tr_file : nullptr)
+                             : trace_enabled(tc->tc_handle, flag, 0));
   if (m.zm_to_trace) {
     va_list copy;
     va_copy(copy, ap);
@@ -41,7 +45,7 @@ void write_line(trace_ctx_t *tc, int priority, uint32_t flag, const char *fmt, v
     errno = m.zm_errno;
     ztrace_msg_reset();
     ztrace_msg_vappend(fmt, ap);
-    ztrace_syslog(priority, nullptr);
+    ztrace_syslog(priority, tag);
     ztrace_msg_reset();
   }
   errno = m.zm_errno;
@@ -60,7 +64,14 @@ void restore(trace_ctx_t *tc) {
 void(daemon_trace)(trace_ctx_t *tc, int priority, uint32_t cls, const char *fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
-  write_line(tc, priority, daemon_trace_flag_of(cls), fmt, ap);
+  write_line(tc, priority, daemon_trace_flag_of(cls), nullptr, fmt, ap);
+  va_end(ap);
+}
+
+void(daemon_trace_error)(trace_ctx_t *tc, int severity, const char *tag, const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  write_line(tc, severity, 0, tag, fmt, ap);
   va_end(ap);
 }
 
@@ -91,7 +102,7 @@ void trace(trace_ctx_t *tc, uint32_t flag, const char *fmt, ...) {
   if (!tc || !trace_enabled(tc->tc_handle, flag, 0)) return;
   va_list ap;
   va_start(ap, fmt);
-  write_line(tc, -1, flag, fmt, ap);
+  write_line(tc, -1, flag, nullptr, fmt, ap);
   va_end(ap);
 }
 

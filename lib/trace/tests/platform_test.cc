@@ -55,6 +55,21 @@ TEST_F(Platform, OneFlagOneClass) {
   EXPECT_EQ(file_text().find("logged"), std::string::npos);
 }
 
+TEST_F(Platform, TaggedErrorsReachTheLogAndTheFileWhateverTheFlags) {
+  ASSERT_EQ(read_config("file tunechod no-stamp; flag kernel;"), 1);
+  log_->records.clear();
+  daemon_trace_error(&tc_, 3, "TUNECHOD_VNI_DELETE_FAILED", "TUNECHOD_VNI_DELETE_FAILED: Delete failed for %u", 7u);
+  ASSERT_EQ(log_->records.size(), 1u);
+  EXPECT_EQ(log_->records[0].priority, 3);
+  EXPECT_EQ(log_->records[0].tag, "TUNECHOD_VNI_DELETE_FAILED");
+  EXPECT_EQ(log_->records[0].text, "TUNECHOD_VNI_DELETE_FAILED: Delete failed for 7");
+  EXPECT_NE(file_text().find("\nTUNECHOD_VNI_DELETE_FAILED: Delete failed for 7\n"), std::string::npos);
+  // With no trace file the log still has it.
+  daemon_trace_close(&tc_);
+  daemon_trace_error(&tc_, 3, "T", "T: again");
+  EXPECT_EQ(log_->records.size(), 2u);
+}
+
 TEST_F(Platform, ConfigurationErrorsKeepTheContextAndNoOptionsTurnTracingOff) {
   ASSERT_EQ(read_config("file tunechod; flag packets;"), 1);
   EXPECT_EQ(read_config("file tunechod; flag bogus;"), 0);

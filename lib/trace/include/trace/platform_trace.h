@@ -73,6 +73,16 @@ void daemon_trace(trace_ctx_t *tc, int priority, uint32_t cls, const char *fmt, 
    (daemon_trace_enabled((tc), (cls)) || (priority) >= 0) ? (daemon_trace)((tc), (priority), (cls), __VA_ARGS__) \
                                                           : (void)0)
 
+// The error path in its tagged form: the line ("TAG: text...") goes to the
+// log at severity (3 for an error) as an event named by tag, and to the
+// context's trace file whenever one is open, whatever its flags. The process
+// goes on.
+//   daemon_trace_error(&tunechod_trace, 3, "TUNECHOD_MEM_ALLOC_FAILED",
+//                      "TUNECHOD_MEM_ALLOC_FAILED: Mem alloc failed");
+void daemon_trace_error(trace_ctx_t *tc, int severity, const char *tag, const char *fmt, ...);
+#define daemon_trace_error(tc, severity, tag, ...) \
+  ((false ? ztrace_check_format(__VA_ARGS__) : (void)0), (daemon_trace_error)((tc), (severity), (tag), __VA_ARGS__))
+
 // Reads "traceoptions" under the object at path (null-ended names from the
 // top) into tc. 1 on success (also when there are no trace options: tracing
 // is then off), 0 on a configuration error (the context keeps what it had).
