@@ -270,8 +270,11 @@ void krt_db_purge(uint32_t db, krt_db_ent *entry) {
 
 void krt_enqueue(krt_queue_entry *kq, int queue) {
   task_assert(queue >= 0 && queue < KRT_PRIO_COUNT);
-  if (kq->kq_list < kLists) unlink(kq);
-  link_tail(kq, queue);
+  // Already waiting on that queue: it keeps its place.
+  if (kq->kq_list != queue) {
+    if (kq->kq_list < kLists) unlink(kq);
+    link_tail(kq, queue);
+  }
   if (!krt_g.deferred && !krt_queue_job_p) krt_queue_start_job();
 }
 

@@ -139,6 +139,8 @@ void krt_async_setup(task *tp, krt_config *cfg, int foreground) {
     uint32_t mode = KRT_ASYNC_MODE_RESYNC_LISTEN;
     if (sockopt(sock, RTS_OPT_ASYNC_MODE, &mode, 4) < 0) KRT_TRACE("PF_ROUTE set async mode %x: %m", mode);
   }
+  // Write selection only when the queue finds the socket full.
+  task_flag_set(tp, TASK_FLAG_WRITEDISABLE);
   task_set_socket(tp, sock);
   apply_filter(sock, cfg);
   if (task_set_option(tp, TASKOPTION_NONBLOCKING, cfg->ifstate_resync ? 0 : 1) < 0) __task_quit__(KRT_EXIT_SETUP);
