@@ -149,7 +149,18 @@ ssize_t lo_write(void *, int fd, const void *buf, size_t len) {
   return err ? fail(err) : static_cast<ssize_t>(len);
 }
 
-ssize_t lo_read(void *, int fd, void *buf, size_t len) { return recv(fd, buf, len, MSG_DONTWAIT); }
+// The data socket's own blocking mode decides whether a read waits (the
+// channel's resynchronisation reads block); a record longer than the buffer
+// is an error, never a message cut short.
+ssize_t lo_read(void *, int fd, void *buf, size_t len) {
+  iovec iov{buf, len};
+  msghdr mh{};
+  mh.msg_iov = &iov;
+  mh.msg_iovlen = 1;
+  ssize_t n = recvmsg(fd, &mh, 0);
+  if (n >= 0 && (mh.msg_flags & MSG_TRUNC)) return fail(EMSGSIZE);
+  return n;
+}
 
 ssize_t lo_peek(void *, int fd, void *buf, size_t len) {
   return recv(fd, buf, len, MSG_DONTWAIT | MSG_PEEK);

@@ -1,7 +1,13 @@
 // An in-process route-socket peer behind the lower edge: no thread, no
 // socket. A write runs the test's handler at once, which answers with a
-// verdict and may queue replies, as the kernel would.
+// verdict and may queue replies, as the kernel would. Its descriptor is an
+// eventfd, readable exactly while the queue holds a message, so an event
+// loop can watch it; a test that fills `queue` by hand calls sync().
 #pragma once
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -20,7 +26,7 @@ struct FakePeer {
   using Msg = std::vector<uint8_t>;
   static inline FakePeer *cur = nullptr;
 
-  static constexpr int kFd = 42;
+  int fd = -1;
   int open_errno = 0;
   bool is_open = false;
   Msg versions;
@@ -36,13 +42,32 @@ struct FakePeer {
     versions.push_back(RTS_TYPE_COUNT - 1);
     versions.push_back(RTS_IFACE_VERSION);
     for (unsigned t = 1; t <= RTS_TYPE_LAST; t++) versions.push_back(rts_type_table[t].version);
+    fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     cur = this;
     rts_lower_set(&kOps);
   }
   ~FakePeer() {
     rts_lower_set(nullptr);
     cur = nullptr;
+    close(fd);
   }
+
+  // Makes the descriptor readable exactly while a message waits.
+  void sync() {
+    uint64_t v;
+    if (queue.empty() && readable) {
+      if (::read(fd, &v, sizeof v) == sizeof v) readable = false;
+    } else if (!queue.empty() && !readable) {
+      v = 1;
+      if (::write(fd, &v, sizeof v) == sizeof v) readable = true;
+    }
+  }
+  void push(Msg m) {
+    queue.push_back(std::move(m));
+    sync();
+  }
+  // True while the descriptor is in blocking mode (the task kernel sets it).
+  bool blocking() const { return !(fcntl(fd, F_GETFL) & O_NONBLOCK); }
 
   // Queues a reply in either encoding.
   void reply(uint32_t type, const void *record, bool tlv = false) {
@@ -51,7 +76,7 @@ struct FakePeer {
     Msg m(static_cast<size_t>(n));
     if (tlv) rts_tlv_encode(&pair, nullptr, m.data(), n);
     else rts_idr_encode(&pair, m.data(), n);
-    queue.push_back(std::move(m));
+    push(std::move(m));
   }
 
   // Decodes what the client wrote last (an envelope).
@@ -68,6 +93,7 @@ struct FakePeer {
   }
 
  private:
+  bool readable = false;
   static int fail(int e) {
     errno = e;
     return -1;
@@ -75,7 +101,7 @@ struct FakePeer {
   static int op_open(void *) {
     if (cur->open_errno) return fail(cur->open_errno);
     cur->is_open = true;
-    return kFd;
+    return cur->fd;
   }
   static int op_close(void *, int) {
     cur->is_open = false;
@@ -115,12 +141,15 @@ struct FakePeer {
     auto *b = static_cast<const uint8_t *>(buf);
     cur->written.emplace_back(b, b + len);
     int err = cur->on_write(cur->written.back());
+    cur->sync();
     return err ? fail(err) : static_cast<ssize_t>(len);
   }
   static ssize_t op_read(void *, int, void *buf, size_t len) {
     if (cur->queue.empty()) return fail(EAGAIN);
     Msg m = std::move(cur->queue.front());
     cur->queue.pop_front();
+    cur->sync();
+    if (m.size() > len) return fail(EMSGSIZE);
     size_t n = m.size() < len ? m.size() : len;
     memcpy(buf, m.data(), n);
     return static_cast<ssize_t>(n);

@@ -1,0 +1,215 @@
+// The write queue with a test database: priorities, the errno rules of a
+// send, retry times, deferral, drained hooks.
+#include <gtest/gtest.h>
+
+#include "krt_peer.h"
+#include "task/timer.h"
+
+using namespace kt;
+
+namespace {
+
+struct Obj {
+  krt_db_ent ent;  // first
+  uint32_t id;
+  bool in_kernel;
+  bool freed;
+};
+
+// Raw records of a type the peer does not know: the test scripts the verdicts.
+constexpr uint8_t kMsgType = 40;
+std::map<std::pair<uint32_t, uint8_t>, std::vector<int>> verdicts;  // (id, op): next verdicts
+std::vector<std::pair<uint32_t, uint8_t>> sent;
+int drained;
+std::vector<uint32_t> freed;
+
+uint32_t encode(krt_queue_entry *kq, uint8_t op, void *buf, uint32_t room) {
+  auto *o = reinterpret_cast<Obj *>(kq->kq_owner);
+  FakePeer::Msg m = raw(kMsgType, {o->id, op});
+  if (m.size() <= room) memcpy(buf, m.data(), m.size());
+  return static_cast<uint32_t>(m.size());
+}
+int build(krt_queue_entry *kq, krt_db_ent *e) {
+  kq->kq_op = reinterpret_cast<Obj *>(e)->in_kernel ? KQ_CHANGE : KQ_ADD;
+  return reinterpret_cast<Obj *>(e)->id == 999 ? 2 : 1;
+}
+bool in_kernel(krt_db_ent *e) { return reinterpret_cast<Obj *>(e)->in_kernel; }
+void free_obj(krt_db_entry *, krt_db_ent *e) {
+  reinterpret_cast<Obj *>(e)->freed = true;
+  freed.push_back(reinterpret_cast<Obj *>(e)->id);
+}
+void drained_hook(krt_db_entry *) { drained++; }
+
+const krt_queue_type kTypeA = {5, 1, 8, nullptr, in_kernel, build, nullptr, nullptr, encode, 1, 0, free_obj,
+                               drained_hook};
+const krt_queue_type kTypeB = {7, 0, 8, nullptr, in_kernel, build, nullptr, nullptr, encode, 0, 0, free_obj,
+                               nullptr};
+
+class Queue : public Krt {
+ protected:
+  krt_db_entry dba{}, dbb{};
+  void SetUp() override {
+    Krt::SetUp();
+    verdicts.clear();
+    sent.clear();
+    freed.clear();
+    drained = 0;
+    raw_verdict = [](const FakePeer::Msg &m) {
+      uint32_t id, op;
+      memcpy(&id, m.data() + sizeof(rts_raw_hdr), 4);
+      memcpy(&op, m.data() + sizeof(rts_raw_hdr) + 4, 4);
+      auto key = std::make_pair(id, static_cast<uint8_t>(op));
+      sent.push_back(key);
+      auto &v = verdicts[key];
+      if (v.empty()) return 0;
+      int e = v.front();
+      v.erase(v.begin());
+      return e;
+    };
+    krt_start(&cfg);
+    dba.k_db_handle = 1;
+    dba.kde_type = &kTypeA;
+    dbb.k_db_handle = 2;
+    dbb.kde_type = &kTypeB;
+    krt_db_register(&dba);
+    krt_db_register(&dbb);
+  }
+  static bool idle() { return krt_queue_job() == nullptr; }
+  static uint32_t now() { return task_now.ut_sec; }
+};
+
+TEST_F(Queue, EntriesGoOutByPriorityAndTheDrainedHookRuns) {
+  Obj a1{{}, 1, false, false}, a2{{}, 2, true, false}, b1{{}, 3, false, false};
+  krt_db_notify(1, &a1.ent);
+  krt_db_notify(1, &a2.ent);
+  krt_db_notify(2, &b1.ent);
+  krt_db_notify(1, &a1.ent);  // twice: still one entry
+  EXPECT_EQ(krt_queue_count(), 3u);
+  EXPECT_EQ(krt_queue_length(0), 1u);
+  EXPECT_EQ(krt_queue_length(1), 2u);
+  ASSERT_NE(krt_queue_job(), nullptr);
+  EXPECT_STREQ(task_job_get_name(krt_queue_job()), "krt queue");
+  ASSERT_TRUE(until(idle));
+  using P = std::pair<uint32_t, uint8_t>;
+  EXPECT_EQ(sent, (std::vector<P>{{3, KQ_ADD}, {1, KQ_ADD}, {2, KQ_CHANGE}}));
+  EXPECT_EQ(krt_queue_count(), 0u);
+  EXPECT_EQ(a1.ent.kde_q_ent, nullptr);
+  EXPECT_EQ(drained, 1);
+  EXPECT_EQ(krt_queue_stats[5][KQ_ADD].sent, 1u);
+  EXPECT_EQ(krt_queue_stats[5][KQ_CHANGE].sent, 1u);
+}
+
+TEST_F(Queue, NothingToDoAndDeletesNeverSentAreDroppedAtOnce) {
+  Obj x{{}, 999, false, false}, gone{{}, 4, false, false};
+  krt_db_notify(1, &x.ent);
+  EXPECT_EQ(krt_queue_count(), 0u);
+  gone.ent.kde_deleted = 1;
+  krt_db_notify(1, &gone.ent);
+  EXPECT_TRUE(gone.freed);
+  EXPECT_EQ(krt_queue_count(), 0u);
+  EXPECT_EQ(krt_queue_job(), nullptr);
+}
+
+TEST_F(Queue, RefusedMessagesAreRetriedAfterFiveSecondsThroughTheDeferTimer) {
+  Obj a{{}, 1, false, false}, b{{}, 2, true, false}, c{{}, 3, false, false};
+  verdicts[{1, KQ_ADD}] = {ENOENT};  // the type allows it: done
+  verdicts[{2, KQ_DELETE}] = {ENOENT, 0};  // not for a delete: retried
+  verdicts[{3, KQ_ADD}] = {EIO, 0};
+  b.ent.kde_deleted = 1;
+  krt_db_notify(1, &a.ent);
+  krt_db_notify(1, &b.ent);
+  krt_db_notify(1, &c.ent);
+  uint32_t t0 = now();
+  ASSERT_TRUE(until(idle));
+  EXPECT_EQ(krt_queue_count(), 2u);
+  EXPECT_EQ(krt_queue_length(KRT_PRIO_COUNT), 2u);
+  EXPECT_EQ(b.ent.kde_q_ent->kq_retry, t0 + KRT_RETRY_SECONDS);
+  EXPECT_EQ(c.ent.kde_q_ent->kq_errno, EIO);
+  EXPECT_EQ(krt_queue_stats[5][KQ_ADD].failed, 2u);
+  EXPECT_EQ(krt_queue_stats[5][KQ_ADD].last_errno, EIO);
+  ASSERT_NE(krt_queue_defer_timer(), nullptr);
+  EXPECT_EQ(drained, 0);
+  size_t before = sent.size();
+  tt::advance(4);
+  passes(4);
+  EXPECT_EQ(sent.size(), before);  // not yet
+  tt::advance(1.5);
+  ASSERT_TRUE(until([] { return krt_queue_count() == 0; }));
+  EXPECT_EQ(sent.size(), before + 2);
+  EXPECT_TRUE(b.freed);  // a delete done gives the entry back
+  EXPECT_EQ(drained, 1);
+}
+
+TEST_F(Queue, WhileTerminatingRetryIsOneSecondAndEpermOnADeleteIsDone) {
+  Obj a{{}, 1, true, false}, c{{}, 3, false, false};
+  verdicts[{1, KQ_DELETE}] = {EPERM};
+  verdicts[{3, KQ_ADD}] = {EIO};
+  a.ent.kde_deleted = 1;
+  krt_db_notify(1, &a.ent);
+  krt_db_notify(1, &c.ent);
+  task_state |= TASKS_TERMINATE;
+  uint32_t t0 = now();
+  ASSERT_TRUE(until(idle));
+  task_state &= ~TASKS_TERMINATE;
+  EXPECT_TRUE(a.freed);
+  ASSERT_NE(c.ent.kde_q_ent, nullptr);
+  EXPECT_EQ(c.ent.kde_q_ent->kq_retry, t0 + KRT_RETRY_TERMINATING);
+}
+
+TEST_F(Queue, AFullSocketStopsTheWalkAndWaitsForTheReader) {
+  Obj a{{}, 1, false, false}, b{{}, 2, false, false};
+  verdicts[{1, KQ_ADD}] = {EAGAIN};
+  krt_db_notify(1, &a.ent);
+  krt_db_notify(1, &b.ent);
+  task_job_force(krt_queue_job());  // one run
+  EXPECT_EQ(sent.size(), 1u);  // b was not tried
+  EXPECT_EQ(krt_queue_count(), 2u);
+  EXPECT_EQ(krt_queue_length(1), 2u);  // nothing moved to the retry list
+  EXPECT_EQ(krt_queue_defer_timer(), nullptr);
+  // The reader is started; write selection will bring the job back.
+  EXPECT_EQ(krt_queue_job(), nullptr);
+  EXPECT_NE(krt_read_job(), nullptr);
+  EXPECT_FALSE(task_flag_test(krt_task(), TASK_FLAG_WRITEDISABLE));
+  ASSERT_TRUE(until([] { return krt_queue_count() == 0; }));
+  EXPECT_EQ(sent.size(), 3u);
+}
+
+TEST_F(Queue, ADeferredChannelSendsNothingUntilUnblocked) {
+  Obj a{{}, 1, false, false};
+  krt_block();
+  krt_db_notify(1, &a.ent);
+  EXPECT_EQ(krt_queue_job(), nullptr);
+  passes(4);
+  EXPECT_TRUE(sent.empty());
+  krt_unblock();
+  ASSERT_NE(krt_queue_job(), nullptr);
+  ASSERT_TRUE(until(idle));
+  EXPECT_EQ(sent.size(), 1u);
+}
+
+TEST_F(Queue, PurgeAndDatabaseDeleteDropQueuedEntries) {
+  Obj a{{}, 1, false, false}, b{{}, 2, false, false};
+  krt_block();
+  krt_db_notify(1, &a.ent);
+  krt_db_notify(2, &b.ent);
+  krt_db_purge(1, &a.ent);
+  EXPECT_EQ(a.ent.kde_q_ent, nullptr);
+  EXPECT_EQ(krt_queue_count(), 1u);
+  krt_db_delete(2);
+  EXPECT_EQ(krt_queue_count(), 0u);
+  krt_db_notify(2, &b.ent);  // no longer registered
+  EXPECT_EQ(krt_queue_count(), 0u);
+  krt_unblock();
+  EXPECT_EQ(krt_queue_job(), nullptr);
+}
+
+TEST_F(Queue, TableNames) {
+  EXPECT_STREQ(krt_db_table_names[0], "INVALID");
+  EXPECT_STREQ(krt_db_table_names[8], "Composite NH");
+  EXPECT_STREQ(krt_db_table_names[19], "");
+  EXPECT_STREQ(krt_db_table_names[27], "fc nexthop");
+  EXPECT_STREQ(krt_db_table_names[40], "DHCPV6SNOOP");
+  EXPECT_STREQ(krt_db_table_names[44], "Satellite route");
+}
+
+}  // namespace
