@@ -8,6 +8,7 @@
 
 #include "config/ddl.h"
 #include "platform/path.h"
+#include "sockaddr/families.h"
 #include "trace/trace.h"
 
 namespace {
@@ -25,6 +26,12 @@ void Tunechod::SetUp() {
   actx.progname = "tunechod";
   trace_init(&actx);
   tunechod_schema_register();
+  zsock_hooks h = zsock_hooks_libc();
+  zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
+  zsock_register_inet(GF_INET);
+  zsock_register_inet6(GF_INET6);
+  zsock_register_unix(GF_UNIX);
+  zsock_register_i802(GF_I802);
   ddl_access_config_error_clear_flags(DDL_ERR_STDERR);
   const std::string conf = root_ + "/tunechod.conf";
   std::ofstream(conf) << "protocols { overlay { traceoptions { file tunechod no-stamp size 10m; flag all; } } }\n";

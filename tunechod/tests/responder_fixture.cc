@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,6 +37,7 @@ bool lo_up() {
 pid_t spawn(std::vector<std::string> argv, const std::string &root) {
   pid_t pid = fork();
   if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);  // a killed test leaves no peer behind
     setenv("TAVOX_ROOT", root.c_str(), 1);
     std::vector<char *> args;
     for (auto &a : argv) args.push_back(a.data());
