@@ -101,7 +101,7 @@ void Responder::start_fdblearnd(const std::string &state) {
 std::vector<uint8_t> Responder::next_packet() {
   pollfd p = {sniff_, POLLIN, 0};
   std::vector<uint8_t> buf(2048);
-  if (poll(&p, 1, 1000) != 1) return {};
+  if (poll(&p, 1, 5000) != 1) return {};  // a reply comes at once; the bound is for a loaded machine
   ssize_t n = recv(sniff_, buf.data(), buf.size(), 0);
   buf.resize(n > 0 ? static_cast<size_t>(n) : 0);
   return buf;
