@@ -56,6 +56,19 @@ void cleanup_run_dir(const char *pattern) {
   regfree(&re);
 }
 
+// Gone, or a zombie its parent has not reaped yet: either way its lock is free.
+bool gone(pid_t pid) {
+  if (kill(pid, 0) < 0 && errno == ESRCH) return true;
+  char path[64], stat[256] = {};
+  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  FILE *f = fopen(path, "r");
+  if (!f) return false;
+  size_t n = fread(stat, 1, sizeof stat - 1, f);
+  fclose(f);
+  const char *close_paren = strrchr(stat, ')');  // the name may hold anything
+  return n && close_paren && close_paren[1] == ' ' && close_paren[2] == 'Z';
+}
+
 }  // namespace
 
 void (*task_daemon_nap)(void) = default_nap;
@@ -181,7 +194,7 @@ int task_replace_predecessor(pid_t pid) {
     task_time_update();
     task_utime until = task_utime_add(task_now, task_utime{3, 0});
     while (task_utime_lt(task_now, until)) {
-      if (kill(pid, 0) < 0 && errno == ESRCH) return 0;
+      if (gone(pid)) return 0;
       task_daemon_nap();
       task_time_update();
     }

@@ -199,6 +199,7 @@ void task_init(int argc, char **argv, task_app_ctx_t *ctx) {
       version = 2;
     }
   }
+  if (ctx->app_name) tvx_set_product(ctx->app_name);
   if (version) {
     show_daemon_version(nullptr, version, xml && xml_on_board());
     exit(0);
