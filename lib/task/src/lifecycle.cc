@@ -334,14 +334,22 @@ void task_reinit(void) {
   }
 }
 
-void task_reconfigure_complete(void *vctx, void *arg) {
-  auto *ctx = static_cast<task_app_ctx_t *>(vctx);
-  if (task_state & TASKS_TERMINATE_REQUEST) return;
+namespace {
+// The first steps of both forms: false when a termination was asked for.
+bool reconfigure_begin(task_accounting_cumulative *acc) {
+  if (task_state & TASKS_TERMINATE_REQUEST) return false;
   logging_event(LOG_INFO, "ZTASK_TASK_REINIT", "ZTASK_TASK_REINIT: Reinitializing");
-  task_accounting_cumulative acc;
-  task_accounting_report_start(&acc);
+  task_accounting_report_start(acc);
   task_newstate(TASKS_RECONFIG, 0);
   config_var.tcv_reconfigs++;
+  return true;
+}
+}  // namespace
+
+void task_reconfigure_complete(void *vctx, void *arg) {
+  auto *ctx = static_cast<task_app_ctx_t *>(vctx);
+  task_accounting_cumulative acc;
+  if (!reconfigure_begin(&acc)) return;
   if (!open_for_read(ctx)) {
     int err = errno;
     // A file that does not read or check is refused whole by the store, and
@@ -363,12 +371,8 @@ void task_reconfigure_complete(void *vctx, void *arg) {
 
 void task_reconfigure_short(void *vctx, void *arg) {
   auto *ctx = static_cast<task_app_ctx_t *>(vctx);
-  if (task_state & TASKS_TERMINATE_REQUEST) return;
-  logging_event(LOG_INFO, "ZTASK_TASK_REINIT", "ZTASK_TASK_REINIT: Reinitializing");
   task_accounting_cumulative acc;
-  task_accounting_report_start(&acc);
-  task_newstate(TASKS_RECONFIG, 0);
-  config_var.tcv_reconfigs++;
+  if (!reconfigure_begin(&acc)) return;
   reconfigure_body(ctx, arg, false, &acc);
 }
 

@@ -200,6 +200,36 @@ TEST_F(Start, SighupRereadsChangedUnchangedAndBrokenFiles) {
   evlog_capture_stop();
 }
 
+TEST_F(Start, ShortFormLeavesTheDataBaseAlone) {
+  write("greeting \"one\";\n");
+  start({});
+  write("greeting \"two\"\n");  // broken, and never opened
+  task_reconfigure_short(&app, nullptr);
+  EXPECT_EQ(greeting, "one");
+  EXPECT_EQ(cleanups, 1);
+  EXPECT_EQ(var_inits, 2);
+  EXPECT_EQ(inits, 2);
+  EXPECT_EQ(task_module_state(1), TASK_MODULE_VAR_INIT);
+  EXPECT_EQ(task_module_state(0), TASK_MODULE_VAR_INIT);  // no configuration pass
+}
+
+TEST_F(Start, SighupDuringAReadIsHeldAndResentOnClose) {
+  write("greeting \"one\";\n");
+  start({});
+  app.app_hup_deferred = 1;
+  ASSERT_TRUE(task_open_configuration(conf.c_str(), TASK_CONFIG_MAGIC, 0));
+  task_signal_event(SIGHUP);
+  EXPECT_EQ(task_var_config()->tcv_reconfigs, 0u);
+  EXPECT_TRUE(task_state & TASKS_HUP_PENDING);
+  sigset_t pending;
+  sigpending(&pending);
+  ASSERT_FALSE(sigismember(&pending, SIGHUP));
+  task_close_configuration();
+  EXPECT_FALSE(task_state & (TASKS_HUP_PENDING | TASKS_PARSECONFIG));
+  sigpending(&pending);
+  EXPECT_TRUE(sigismember(&pending, SIGHUP));  // blocked, waiting for the next pass
+}
+
 TEST_F(Start, SigtermExitsAndRemovesThePidFile) {
   write("greeting \"hi\";\n");
   EXPECT_EXIT(
