@@ -58,6 +58,25 @@ void open_log(void) {
   logging_register_logfunc(event_send_vsyslog);
 }
 
+// -t and the trace file of the command line, on the kernel's own handle (the
+// scheduler task's): "t" its task lines, "i" its timer lines, no letter all.
+// A trace file without -t traces nothing until flags are configured.
+void commit_command_line_trace(void) {
+  if (!task_options.tc_trace_set && !task_options.tc_trace_file) return;
+  uint32_t letters = task_options.tc_trace_flags;
+  uint64_t flags = letters == TASK_TRACE_FLAG_ALL ? ~uint64_t{0}
+                                                   : ((letters & TASK_TRACE_FLAG_TASK) ? TR_TASK : 0) |
+                                                         ((letters & TASK_TRACE_FLAG_TIMER) ? TR_TIMER : 0);
+  tvx_mkdirs(path_solvane_log_dir(), 0755);  // where a relative name goes
+  trace_file *f = task_options.tc_trace_file
+                      ? trace_file_locate(task_options.tc_trace_file, 1u << 20, 0, 3, TRF_WORLD_READABLE, nullptr, false)
+                      : trace_file_locate(nullptr, 0, 0, 0, 0, nullptr, false);
+  if (!f) return;
+  task *st = task_scheduler_task();
+  ztrace_store(&st->task_trace, static_cast<uint32_t>(flags), static_cast<uint32_t>(flags >> 32), 0, f, nullptr);
+  if (task_options.tc_trace_file) trace_on(f);
+}
+
 void run_cleanup_methods(task_accounting_cumulative *acc) {
   task *head = task_get_head();
   for (task *tp = head->task_forw; tp != head; tp = tp->task_forw) {
@@ -224,6 +243,12 @@ void task_daemon_init(task_app_ctx_t *ctx, int argc, char **argv) {
   task_set_daemon_name(argv[0]);
   if (ctx->app_name) tvx_set_product(ctx->app_name);
   task_kernel_init_early();
+  // The trace context, unless the daemon set one up itself: the built-in one
+  // with whatever hooks the daemon gave it.
+  if (!ztrace_global) {
+    ztrace_set_progname(task_daemon_name());
+    trace_init(nullptr);
+  }
   gethostname(host_name, sizeof host_name - 1);
   task_process_ids_init();
   task_newstate(TASKS_INIT | TASKS_FOREGROUND, 0);
@@ -309,6 +334,7 @@ void task_post_read_config(task_app_ctx_t *ctx) {
   task_sched_var *sp = task_var_scheduler(nullptr);
   task_process_times(&sp->sched_last_user, &sp->sched_last_sys);
   task_utime started = task_now;
+  commit_command_line_trace();
   if (ctx->app_version_hook) ctx->app_version_hook();
   task_module_inits(ctx);
   if (!(task_state & TASKS_NODETACH) && chdir(path_solvane_run_dir()) != 0)

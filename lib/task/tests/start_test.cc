@@ -243,6 +243,17 @@ TEST_F(Start, SigtermExitsAndRemovesThePidFile) {
   EXPECT_TRUE(exists("/var/run/exampled.version"));
 }
 
+TEST_F(Start, TraceOptionsReachTheKernelsTraceFile) {
+  write("greeting \"hi\";\n");
+  start({"-tt", "kernel.trace"});
+  write("greeting \"ho\";\n");
+  task_signal_event(SIGHUP);
+  std::string text = read("/var/log/kernel.trace");
+  EXPECT_NE(text.find("task_post_read_config: configuration read"), std::string::npos) << text;
+  EXPECT_NE(text.find("task_module_config(1): reading configuration for Config"), std::string::npos) << text;
+  EXPECT_NE(text.find("Received SIGHUP"), std::string::npos) << text;
+}
+
 TEST_F(Start, BadOptionsQuitBeforeAnything) {
   EXPECT_EXIT(start({"-n", "-n"}), ::testing::ExitedWithCode(0), "ZTASK_PARSE_CMD_DUPLICATE");
   EXPECT_FALSE(exists("/var/run/exampled.pid"));
