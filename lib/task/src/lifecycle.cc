@@ -23,8 +23,6 @@ task_config_var config_var;
 uint32_t config_magic;
 bool parsing;
 char host_name[256];
-// The debugger clears it to let a start held by -G go on.
-volatile int debugger_hold;
 
 const char *name_of_task(const void *tp) { return task_name(static_cast<task *>(const_cast<void *>(tp))); }
 
@@ -37,10 +35,10 @@ void set_core_limit(void) {
 
 void hold_for_debugger(void) {
   if (!task_options.tc_debug_wait) return;
-  debugger_hold = task_options.tc_debug_wait;
+  task_debugger_hold = task_options.tc_debug_wait;
   task_time_update();
   task_utime until = task_utime_add(task_now, task_utime{30, 0});
-  while (debugger_hold && task_utime_lt(task_now, until)) {
+  while (task_debugger_hold && task_utime_lt(task_now, until)) {
     task_daemon_nap();
     task_time_update();
   }
@@ -133,6 +131,8 @@ void reconfigure_body(task_app_ctx_t *ctx, void *arg, bool complete, task_accoun
 }
 
 }  // namespace
+
+volatile int task_debugger_hold;
 
 task_config_var *task_var_config(void) { return &config_var; }
 

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -372,6 +373,41 @@ TEST_F(Process, DetachingForksIntoANewSessionWithNullStdio) {
   while ((n = read(p[0], buf, sizeof buf)) > 0) got.append(buf, n);
   // New session, stdin on /dev/null, umask 022, inherited descriptors below 64 closed.
   EXPECT_EQ(got, "1 1 /dev/null 22 1\n");
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(Process, SwitchModeReexecutesWithTheSameArguments) {
+  char sh[] = "/bin/sh", c[] = "-c", cmd[] = "exit 7";
+  char *av[] = {sh, c, cmd, nullptr};
+  task_set_argv(3, av);
+  EXPECT_EXIT(
+      {
+        task_switch_mode(32, "/bin/sh");         // nothing to switch to
+        task_switch_mode(64, "/nonexistent/x");  // not executable: nothing
+        task_switch_mode(64, "/bin/sh");
+      },
+      ::testing::ExitedWithCode(7), "ZTASK_MODE_SWITCH: Switching to 64-bit mode");
+}
+
+task *first_task;
+TEST_F(Process, SwitchoverRunsTheNamedTaskFirstThenTheOthers) {
+  auto mastership = [](task *tp) { order.push_back(task_name(tp)); };
+  for (const char *n : {"a", "b", "c"}) {
+    task *tp = task_alloc(n, 10, nullptr);
+    task_set_mastership(tp, mastership);
+    task_create(tp);
+    if (!strcmp(n, "b")) first_task = tp;
+  }
+  app.app_mastership_task = [] { return first_task; };
+  app.app_switchover_begin = [](int starting) { order.push_back("begin " + std::to_string(starting)); };
+  app.app_mastership_done = [] { order.push_back("done"); };
+  task_re_switchover();
+  // Equal priorities: the newest first in the list.
+  EXPECT_EQ(order, (std::vector<std::string>{"begin 1", "b", "c", "a", "done"}));
+  EXPECT_EQ(app.app_is_master, 1u);
 }
 
 }  // namespace

@@ -254,6 +254,29 @@ TEST_F(Start, TraceOptionsReachTheKernelsTraceFile) {
   EXPECT_NE(text.find("Received SIGHUP"), std::string::npos) << text;
 }
 
+task_utime fake_now{5000, 0};
+int naps;
+
+TEST_F(Start, DebuggerHoldWaitsUntilReleasedOrThirtySeconds) {
+  write("greeting \"hi\";\n");
+  task_set_time_hook([](task_utime *now) { *now = fake_now; });
+  task_daemon_nap = [] {
+    naps++;
+    fake_now.ut_sec++;
+    if (naps == 5 && task_debugger_hold == 'D') task_debugger_hold = 0;  // the debugger lets go
+  };
+  EXPECT_EXIT(
+      {
+        naps = 100;  // never released
+        start({"-Gc"});
+        fprintf(stderr, "held %d\n", naps - 100);
+        exit(0);
+      },
+      ::testing::ExitedWithCode(0), "held 30\n");
+  start({"-Gd"});
+  EXPECT_EQ(naps, 5);
+}
+
 TEST_F(Start, BadOptionsQuitBeforeAnything) {
   EXPECT_EXIT(start({"-n", "-n"}), ::testing::ExitedWithCode(0), "ZTASK_PARSE_CMD_DUPLICATE");
   EXPECT_FALSE(exists("/var/run/exampled.pid"));

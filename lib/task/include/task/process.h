@@ -38,6 +38,9 @@ int task_version_file_write(void);
 int task_replace_predecessor(pid_t pid);
 // How a wait of -p or -G passes its time; the default sleeps a little.
 extern void (*task_daemon_nap)(void);
+// 'D' or 'C' while -Gd or -Gc holds the start (at most 30 seconds); a
+// debugger sets it to 0 to let the start go on.
+extern volatile int task_debugger_hold;
 
 // ---- Signals -----------------------------------------------------------------------------
 typedef void (*task_signal_handler)(int signo);
