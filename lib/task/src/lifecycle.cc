@@ -133,6 +133,7 @@ void reconfigure_body(task_app_ctx_t *ctx, void *arg, bool complete, task_accoun
 }  // namespace
 
 volatile int task_debugger_hold;
+bool task_backup_for_test;
 
 task_config_var *task_var_config(void) { return &config_var; }
 
@@ -274,8 +275,9 @@ void task_daemon_init(task_app_ctx_t *ctx, int argc, char **argv) {
   task_milestone("libRoleAgent Init");
   if (ctx->app_role_wait) ctx->app_role_wait();
   task_milestone("Got Role from the agent");
-  ctx->app_is_master = 1;  // one routing engine, always master
-  task_milestone("PATHD task_re_mode_master = MASTER");
+  // One routing engine, always master, unless a test asks for a backup.
+  ctx->app_is_master = task_backup_for_test ? 0 : 1;
+  task_milestone(ctx->app_is_master ? "PATHD task_re_mode_master = MASTER" : "PATHD task_re_mode_master = BACKUP");
   if (ctx->app_role_hook) ctx->app_role_hook();
   if (ctx->app_init_end) ctx->app_init_end();
   if (task_options.tc_replace_pid) task_replace_predecessor(task_options.tc_replace_pid);
@@ -320,12 +322,18 @@ int task_read_config(task_app_ctx_t *ctx, uint32_t magic, bool is_check) {
     }
     __task_quit__(0);
   }
-  if (is_check || checking) {
-    if (checking) {
-      if (task_options.tc_verbose) fprintf(stderr, "%s: configuration check succeeded\n", task_daemon_name());
-      exit(ctx->app_has_no_config || !ctx->app_check_config ? 0 : ctx->app_check_config());
-    }
+  if (checking) {
+    if (task_options.tc_verbose) fprintf(stderr, "%s: configuration check succeeded\n", task_daemon_name());
+    exit(ctx->app_has_no_config || !ctx->app_check_config ? 0 : ctx->app_check_config());
   }
+  // Neither non-stop routing nor warm standby exists here: a backup that needs them cannot run.
+  if (ctx->app_check_backup && !ctx->app_is_master) {
+    logging_event(LOG_ERR, "ZTASK_NSR_OR_WARM_STANDBY_CONFIG_ERROR",
+                  "ZTASK_NSR_OR_WARM_STANDBY_CONFIG_ERROR: Neither NSR nor warm-standby config is present.Exiting in "
+                  "backup re");
+    __task_quit__(0);
+  }
+  (void)is_check;
   return ok;
 }
 

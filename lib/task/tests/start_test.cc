@@ -277,6 +277,19 @@ TEST_F(Start, DebuggerHoldWaitsUntilReleasedOrThirtySeconds) {
   EXPECT_EQ(naps, 5);
 }
 
+TEST_F(Start, BackupWithoutStandbyConfigurationQuits) {
+  write("greeting \"hi\";\n");
+  task_backup_for_test = true;
+  app.app_check_backup = 1;
+  EXPECT_EXIT(start({}), ::testing::ExitedWithCode(0),
+              "ZTASK_NSR_OR_WARM_STANDBY_CONFIG_ERROR: Neither NSR nor warm-standby config is present.Exiting in "
+              "backup re(.|\n)*ZTASK_EXIT");
+  app.app_check_backup = 0;
+  start({});
+  EXPECT_EQ(app.app_is_master, 0u);
+  EXPECT_EQ(greeting, "hi");  // the backup table is the same table here
+}
+
 TEST_F(Start, BadOptionsQuitBeforeAnything) {
   EXPECT_EXIT(start({"-n", "-n"}), ::testing::ExitedWithCode(0), "ZTASK_PARSE_CMD_DUPLICATE");
   EXPECT_FALSE(exists("/var/run/exampled.pid"));

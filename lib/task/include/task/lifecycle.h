@@ -72,8 +72,9 @@ constexpr uint32_t TASK_CONFIG_MAGIC = 0xcf06eee5;
 
 void task_init(int argc, char **argv, task_app_ctx_t *ctx);
 void task_daemon_init(task_app_ctx_t *ctx, int argc, char **argv);
-// Reads the configuration; with is_check (the "Test" state) the process ends
-// here: exit 0 or 1 by the result. Returns the result otherwise.
+// Reads the configuration. In the "Test" state (-c, -C; is_check says the
+// same) the process ends here: exit 0 or 1 by the result. Outside it a failure
+// ends the process with __task_quit__(0); the result (1) is returned.
 int task_read_config(task_app_ctx_t *ctx, uint32_t magic, bool is_check);
 void task_post_read_config(task_app_ctx_t *ctx);
 
@@ -140,6 +141,10 @@ enum : uint32_t {
   TASK_TRACE_FLAG_ROUTE = 0x10, // r
   TASK_TRACE_FLAG_ALL = 0x1f,
 };
+
+// The engine's role is always master here; a test sets this before task_init
+// to reach the backup paths (the backup module table, app_check_backup).
+extern bool task_backup_for_test;
 
 // Milestones go to app_milestone and the trace.
 void task_milestone(const char *text);
