@@ -232,6 +232,8 @@ const Object *Store::match(uint32_t type, const void *request) const {
   return nullptr;
 }
 
+constexpr uint8_t kAfBridge = 63;
+
 const Object *Store::lookup(uint8_t op, uint32_t type, const void *request) const {
   if (op == RTS_OP_GETNEXT) return find_next(type, key_of(type, request));
   if (op != RTS_OP_GET) return nullptr;
@@ -252,6 +254,22 @@ const Object *Store::lookup(uint8_t op, uint32_t type, const void *request) cons
     case RTS_T_IFADDR:
     case RTS_T_RTMATCH:
       return match(type, request);
+    case RTS_T_ROUTE: {
+      // A bridge MAC route asked for in table 0 is resolved as the kernel
+      // does: in the table of the bridge domain that the key's first two
+      // bytes name.
+      auto *q = static_cast<const rts_rt_msg *>(request);
+      if (q->rtm_table != 0 || q->rtm_af != kAfBridge || !q->rtm_prefix || q->rtm_prefix_bits < 16) break;
+      const uint16_t bd = static_cast<uint16_t>(q->rtm_prefix[0] << 8 | q->rtm_prefix[1]);
+      for (auto &[key, obj] : table(RTS_T_BRIDGE_DOMAIN)) {
+        auto *m = static_cast<const rts_bd_msg *>(obj->rec());
+        if (m->bdm_index != bd) continue;
+        rts_rt_msg in_table = *q;
+        in_table.rtm_table = m->rtb_id;
+        return find_exact(type, key_of(type, &in_table));
+      }
+      break;
+    }
     default:
       break;
   }

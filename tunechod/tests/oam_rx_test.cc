@@ -16,6 +16,7 @@ const char kState[] =
     "ifl index=71 ifd_index=2 unit=0 name=ge-0/0/0 snmp_index=502\n"
     "ifa ifl_index=70 af=2 local=10.255.0.1/32\n"
     "ifa ifl_index=71 af=2 local=192.0.2.1/32 dest=127.0.0.0/8\n"
+    "bd index=5 rtb_id=7 name=bd5 vnid=100 cfg_flags=0x800\n"
     "mac rtb=7 bd=5 addr=00:11:22:33:44:55 nh_index=1001\n";
 const uint8_t kMac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 const uint8_t kOtherMac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x56};
@@ -150,9 +151,15 @@ TEST_F(OamRx, InnerIpv6AndTheShortIpv6Request) {
 }
 
 TEST_F(OamRx, TablesByIdByWalkAndNoInformation) {
-  // Table 0 walks every table after 0.
-  ASSERT_EQ(handle(request(100, true), "10.255.0.1", 0), 0);
-  EXPECT_EQ(next_packet()[80], 4);
+  // Table 0 walks every table after 0, and the MAC is asked for in table 0,
+  // which the peer resolves through the bridge domain in the key.
+  ASSERT_EQ(handle(request(100, true, kMac), "10.255.0.1", 0), 0);
+  std::vector<uint8_t> p = next_packet();
+  EXPECT_EQ(p[80], 4);
+  EXPECT_EQ(get16(&p[106 + 22]), 1);
+  EXPECT_TRUE(traced("lookup for vni 100 to get mac found bd_data with bd_id:5 for rtb_idx: 7"));
+  ASSERT_EQ(handle(request(100, true, kOtherMac), "10.255.0.1", 0), 0);
+  EXPECT_EQ(get16(&next_packet()[106 + 22]), 2);
   // A VNI filed only under table 0 is unknown to the walk.
   rts_bd_msg m = bd(RTS_OP_ADD, 0, 9, 400);
   ASSERT_EQ(tunechod_rtsock_decode_bd(&m), 1);

@@ -9,6 +9,7 @@
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,8 +49,20 @@ pid_t spawn(std::vector<std::string> argv, const std::string &root) {
   return pid;
 }
 
-void wait_for(const std::string &path) {
-  for (int i = 0; i < 3000 && access(path.c_str(), F_OK) != 0; i++) usleep(1000);
+// Ready once a connection to the socket is accepted (the file appears at
+// bind, before listen).
+bool connectable(const std::string &path, int type) {
+  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  sockaddr_un sun{};
+  sun.sun_family = AF_UNIX;
+  snprintf(sun.sun_path, sizeof sun.sun_path, "%s", path.c_str());
+  bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sun), sizeof sun) == 0;
+  close(fd);
+  return ok;
+}
+
+void wait_for(const std::string &path, int type) {
+  for (int i = 0; i < 5000 && !connectable(path, type); i++) usleep(1000);
 }
 
 }  // namespace
@@ -85,7 +98,7 @@ void Responder::start_rtsockd(const std::string &state) {
   const std::string file = root_ + "/rtsockd.state", sock = root_ + "/rtsock";
   std::ofstream(file) << state;
   children_.push_back(spawn({RTSOCKD_BIN, "-f", file, "-s", sock}, root_));
-  wait_for(sock);
+  wait_for(sock, SOCK_SEQPACKET);
   setenv("RTSOCK_PATH", sock.c_str(), 1);
   tunechod_app.rts_sync_cookie = rtslib_open(TUNECHOD_SENDER_ID);
   ASSERT_NE(tunechod_app.rts_sync_cookie, nullptr);
@@ -95,7 +108,7 @@ void Responder::start_fdblearnd(const std::string &state) {
   const std::string file = root_ + "/fdblearnd.state";
   std::ofstream(file) << state;
   children_.push_back(spawn({FDBLEARND_BIN, "-f", file}, root_));
-  wait_for(tvx_path(FDBLEARND_PATH));
+  wait_for(tvx_path(FDBLEARND_PATH), SOCK_STREAM);
 }
 
 std::vector<uint8_t> Responder::next_packet() {
