@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all setup configure build check asan bench fuzz clean
+.PHONY: all setup configure build check run asan bench fuzz clean
 
 all: build
 
@@ -23,6 +23,11 @@ build: configure
 # Every test, unit and system, in its own process.
 check: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The responder in a lab of two network namespaces, probed every second until
+# Ctrl-C (root; see scripts/lab.py).
+run: build
+	/usr/bin/python3 scripts/lab.py --build $(BUILD)
 
 # Unit tests under AddressSanitizer and UndefinedBehaviorSanitizer; system tests
 # run the real programs and stay in the plain build.
