@@ -147,6 +147,8 @@ int delete_bd(const rts_bd_msg *m) {
 
 }  // namespace
 
+uint8_t tunechod_scan_complete;
+
 void tunechod_tables_init(void) {
   tunechod_app.rtb_tbl = sparse_table16_create(table_alloc, table_free, nullptr);
 }
@@ -200,6 +202,11 @@ namespace {
 
 void bd_handler(task *, void *message, uint32_t) { tunechod_rtsock_decode_bd(message); }
 
+void bd_scan_done(void) {
+  tunechod_scan_complete = 1;
+  TUNECHOD_TRACE(DAEMON_TRACE_KERNEL, "start-up scan of bridge domains complete");
+}
+
 krt_handler_fn handlers[KRT_HANDLER_COUNT];
 
 const krt_scan bd_scans[] = {{
@@ -212,7 +219,7 @@ const krt_scan bd_scans[] = {{
     .on_end = nullptr,
     .request = tunechod_bd_scan_request,
     .reply = tunechod_bd_scan_reply,
-    .done = nullptr,
+    .done = bd_scan_done,
 }};
 
 krt_config tunechod_krt_config = {

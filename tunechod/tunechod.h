@@ -105,6 +105,8 @@ struct krt_scan_state;
 void tunechod_bd_scan_init(krt_scan_state *state);
 void tunechod_bd_scan_request(void *message, uint32_t *length, krt_scan_state *state);
 int tunechod_bd_scan_reply(void *message, uint32_t length, krt_scan_state *state);
+// Set once the start-up scan has walked the kernel's whole table.
+extern uint8_t tunechod_scan_complete;
 // The routing-table entry of rtb_id, null when none.
 rtb_entry *tunechod_rtb_find(uint32_t rtb_id);
 
