@@ -132,6 +132,16 @@ def test_bridge_domains_follow_the_kernel(lab):
     assert r["rc"] == overlay.RC_VNI_UNKNOWN
 
 
+def test_a_silent_route_socket_peer_makes_lookups_fail_not_hang(lab):
+    assert lab.admin("fault silent route").endswith("ok\n")
+    r, _ = lab.ping(100, "00:11:22:33:44:55")
+    assert (r["rc"], r["mac_status"]) == (overlay.RC_VNI_KNOWN, overlay.MAC_ABSENT)
+    assert "rtslib_rtm_get failed: MAC is not present, lookup failed" in lab.trace()
+    assert lab.admin("fault clear").endswith("ok\n")
+    r, _ = lab.ping(100, "00:11:22:33:44:55")
+    assert r["mac_status"] == overlay.MAC_PRESENT
+
+
 def test_a_flood_of_bad_datagrams_changes_nothing(lab):
     rnd = random.Random(20261123)
     good = overlay.request(100, "00:11:22:33:44:55")
