@@ -490,16 +490,18 @@ void assemble(sink &o, const char *fmt, va_box &a, int saved_errno) {
   char scratch[TASK_FMT_SCRATCH];
   const char *lit = fmt;
   int nrec = 0;
-  int stars = -1;  // whether "*" is read: found out at the first one
+  int ext = -1;  // whether the format has the framework's directives: found out when it matters
   const char *p;
   while (*(p = next_directive(lit)) != '\0') {
     put_literal(o, lit, p);
     tf_spec s;
     tf_parse(p, s);
-    task_assert(nrec < TASK_FMT_MAX_RECORDS);
+    if (nrec >= TASK_FMT_MAX_RECORDS || s.stars) {
+      if (ext < 0) ext = has_ext(fmt);
+      if (ext) task_assert(nrec < TASK_FMT_MAX_RECORDS);
+    }
     nrec++;
-    if (s.stars && stars < 0) stars = !has_ext(fmt);
-    emit(o, s, a, saved_errno, scratch, stars > 0);
+    emit(o, s, a, saved_errno, scratch, ext == 0);
     lit = s.end;
   }
   put_literal(o, lit, p);

@@ -354,4 +354,20 @@ TEST(Agree, EncodingErrorsDropTheirDirectiveOnly) {
   free(text);
 }
 
+// The cap of 64 directives holds for formats with the framework's
+// directives; a plain format that is walked (here for "%5-d") has none.
+TEST(Agree, PlainFormatsWalkedHaveNoDirectiveCap) {
+  std::string f;
+  for (int i = 0; i < 100; i++) f += "%5-d";
+  char buf[1024];
+  EXPECT_EQ(task_fmt_snprintf(buf, sizeof buf, f.c_str(), 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17,
+                              18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 38, 39,
+                              40, 41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 61,
+                              62, 63, 64, 65, 66, 67, 68, 69, 70, 71, 72, 73, 74, 75, 76, 77, 78, 79, 80, 81, 82, 83,
+                              84, 85, 86, 87, 88, 89, 90, 91, 92, 93, 94, 95, 96, 97, 98, 99, 100),
+            500);
+  EXPECT_EQ(std::string(buf, 10), "1    2    ");
+  EXPECT_EQ(std::string(buf + 495), "100  ");
+}
+
 }  // namespace
