@@ -47,6 +47,7 @@ constexpr bool is_digit(unsigned char c) { return c >= '0' && c <= '9'; }
 // a directive in C's own order that the C library may take as it stands;
 // false when the format must be walked. Stops at the terminator.
 inline bool c_direct(const unsigned char *&p) {
+  if (direct.ok[LEN_NONE][*p]) return true;  // "%d", "%s": most directives
   while (direct.flag[*p]) p++;
   int n = 0;
   while (is_digit(*p)) p++, n++;
