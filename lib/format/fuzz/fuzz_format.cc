@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "../tests/daemon_families.h"
 #include "format/task_fmt.h"
 #include "sockaddr/families.h"
 
@@ -34,9 +35,6 @@
 namespace {
 
 using namespace task_fmt_lang;
-
-void *t_alloc(unsigned, size_t size) { return calloc(1, size); }
-void t_free(void *p, unsigned) { free(p); }
 
 struct bytes {
   const uint8_t *p;
@@ -97,7 +95,7 @@ struct objects {
   }
 };
 
-const unsigned kFamilies[] = {GF_INET, GF_INET6, GF_UNIX, GF_I802, 20 /* no printer */, 0};
+const unsigned kFamilies[] = {GF_INET, GF_INET6, GF_UNIX, GF_I802, kNoPrinterFamily, 0};
 
 zsockaddr_t *make_addr(bytes &in, objects &obj, bool inet_only) {
   uint8_t sel = in.take<uint8_t>();
@@ -244,17 +242,7 @@ char whole[1 << 20];
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  task_fmt_init(GF_MAX_DAEMON);
-  static zsock_hooks h{};
-  h.alloc = t_alloc;
-  h.free = t_free;
-  task_fmt_zsock_hooks(&h);
-  zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
-  zsock_register_inet(GF_INET);
-  zsock_register_inet6(GF_INET6);
-  zsock_register_unix(GF_UNIX);
-  zsock_register_i802(GF_I802);
-  zsock_init_family(100, 20, 2, 100, nullptr, 0, "noprinter", nullptr);
+  wire_daemon_families();
   return 0;
 }
 
