@@ -118,18 +118,6 @@ bool needs_walk(const char *fmt) {
 }
 #endif
 
-// True when the format has a directive of the framework's own (then "*" is
-// not read).
-bool has_ext(const char *fmt) {
-  for (const char *p = tf_next(fmt); p;) {
-    tf_spec s;
-    tf_parse(p, s);
-    if (s.flags & TFF_EXT) return true;
-    p = tf_next(s.end);
-  }
-  return false;
-}
-
 // Where the text goes. In buffer mode buf is the caller's, cap its size - 1;
 // in stream mode buf is a stack chunk written out when full.
 struct sink {
@@ -498,7 +486,7 @@ void assemble(sink &o, const char *fmt, va_box &a, int saved_errno) {
     tf_spec s;
     tf_parse(p, s);
     if (nrec >= TASK_FMT_MAX_RECORDS || s.stars) {
-      if (ext < 0) ext = has_ext(fmt);
+      if (ext < 0) ext = tf_has_ext(fmt);
       if (ext) task_assert(nrec < TASK_FMT_MAX_RECORDS);
     }
     nrec++;

@@ -163,13 +163,7 @@ struct verdict {
 // behaviour against the checker's verdict at run time.
 constexpr verdict check_format(const char *fmt, const unsigned *masks, size_t nargs) {
   using namespace task_fmt_lang;
-  bool ext = false;
-  for (const char *p = tf_next(fmt); p; ) {
-    tf_spec s;
-    tf_parse(p, s);
-    if (s.flags & TFF_EXT) ext = true;
-    p = tf_next(s.end);
-  }
+  const bool ext = tf_has_ext(fmt);
   verdict v;
   size_t ai = 0;
   auto want = [&](int n) {

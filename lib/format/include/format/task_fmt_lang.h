@@ -261,4 +261,16 @@ constexpr const char *tf_next(const char *p) {
   return nullptr;
 }
 
+// True when the format has a directive of the framework's own; then "*" is
+// not read.
+constexpr bool tf_has_ext(const char *fmt) {
+  for (const char *p = tf_next(fmt); p;) {
+    tf_spec s;
+    tf_parse(p, s);
+    if (s.flags & TFF_EXT) return true;
+    p = tf_next(s.end);
+  }
+  return false;
+}
+
 }  // namespace task_fmt_lang
