@@ -1,4 +1,5 @@
 // The timer tree: set-and-carry, relink, stop, attach, spread.
+#include <assert.h>
 #include <time.h>
 
 #include <boost/intrusive/rbtree_algorithms.hpp>
@@ -8,8 +9,6 @@
 
 #include "htimer/htimer.h"
 
-extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *file, unsigned int line,
-                                           const char *function) noexcept;
 #define HT_ASSERT(cond) ((cond) ? (void)0 : __assert_fail(#cond, "hier_timers.cc", __LINE__, __func__))
 
 namespace {
