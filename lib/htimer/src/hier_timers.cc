@@ -1,5 +1,4 @@
 // The timer tree: set-and-carry, relink, stop, attach, spread.
-#include <assert.h>
 #include <time.h>
 
 #include <boost/intrusive/rbtree_algorithms.hpp>
@@ -8,6 +7,11 @@
 #include <initializer_list>
 
 #include "htimer/htimer.h"
+
+// Declared as glibc's assert.h does (which skips it under NDEBUG), so that
+// either compiler takes the two declarations as one.
+extern "C" void __assert_fail(const char *assertion, const char *file, unsigned int line,
+                              const char *function) noexcept __attribute__((__noreturn__));
 
 #define HT_ASSERT(cond) ((cond) ? (void)0 : __assert_fail(#cond, "hier_timers.cc", __LINE__, __func__))
 
