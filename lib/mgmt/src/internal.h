@@ -39,5 +39,7 @@ void mgmt_generator_end(mgmtPeer *mp, int aborted);
 // walk.cc
 int mgmt_walk(mgmt_cmd_ctx *ctx, const mgmt_cmd *const *tables, uint32_t ntables, char *rest);
 extern const mgmt_cmd mgmt_session_cmds[];
+// 200 rows: the first words of every root.
+int mgmt_list_roots(mgmtPeer *mp);
 // listen.cc: a full line arrived; the idle timer starts again.
 void mgmt_peer_touched(mgmtPeer *mp);

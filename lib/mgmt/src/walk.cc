@@ -144,6 +144,13 @@ int mgmt_walk(mgmt_cmd_ctx *ctx, const mgmt_cmd *const *tables, uint32_t ntables
   }
 }
 
+int mgmt_list_roots(mgmtPeer *mp) {
+  level lv{{mgmt_session_cmds}, 1};
+  for (uint32_t i = 0; i < mgmt_block.mv_nroots; i++) lv.tables[lv.n++] = mgmt_block.mv_roots[i];
+  list_rows(mp, lv);
+  return MGMT_CMD_DONE;
+}
+
 void mgmt_cmd_register(const mgmt_cmd *root_table) {
   mgmt_block.mv_nroots = 0;
   mgmt_cmd_mount(root_table);

@@ -15,12 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "io_fixture.h"
-#include "mgmt/mgmt.h"
-#include "platform/path.h"
-#include "task/lifecycle.h"
-
-void task_module_state_alloc(task_app_ctx_t *ctx);
+#include "mgmt_fixture.h"
 
 using namespace tt;
 
@@ -79,57 +74,12 @@ const mgmt_cmd root[] = {
 const mgmt_cmd more_show[] = {{"beta", MGMT_MODULE_NONE, nullptr, m_alpha}, {}};
 const mgmt_cmd more_root[] = {{"show", MGMT_MODULE_NONE, more_show, nullptr}, {}};
 
-class Mgmt : public Io {
+class Channel : public Mgmt {
  protected:
-  char dir[64] = "/tmp/mgmt_test_XXXXXX";
-  task_app_ctx_t app{};
-  void SetUp() override {
-    Io::SetUp();
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    tvx_path_set_root(dir);
-    tvx_mkdirs((std::string(dir) + "/var/run").c_str(), 0755);
-    app.modules.count = 4;
-    task_set_task_app_ctx(&app);
-    task_module_state_alloc(&app);
-    mgmt_set_hooks(nullptr);
-    mgmt_set_idle_timeout(0);
-    mgmt_cmd_register(root);
-    mgmt_listen_on("/var/run/test_mgmt");
-  }
-  void TearDown() override {
-    mgmt_shutdown();
-    std::string cmd = std::string("rm -rf ") + dir;
-    EXPECT_EQ(system(cmd.c_str()), 0);
-    Io::TearDown();
-  }
-  int client() {
-    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sun{};
-    sun.sun_family = AF_UNIX;
-    std::string p = tvx_path("/var/run/test_mgmt");
-    strcpy(sun.sun_path, p.c_str());
-    EXPECT_EQ(connect(s, reinterpret_cast<sockaddr *>(&sun), sizeof sun), 0) << strerror(errno);
-    real_passes(1);  // accepted
-    fcntl(s, F_SETFL, O_NONBLOCK);
-    return s;
-  }
-  static void send(int s, const std::string &text) {
-    ASSERT_EQ(write(s, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  static std::string drain(int s) {
-    std::string got;
-    char b[65536];
-    for (ssize_t n; (n = read(s, b, sizeof b)) > 0;) got.append(b, static_cast<size_t>(n));
-    return got;
-  }
-  std::string ask(int s, const std::string &line) {
-    send(s, line + "\n");
-    real_passes(2);
-    return drain(s);
-  }
+  const mgmt_cmd *root_table() override { return root; }
 };
 
-TEST_F(Mgmt, SocketIsPrivateAndGoesAtShutdown) {
+TEST_F(Channel, SocketIsPrivateAndGoesAtShutdown) {
   struct stat st{};
   std::string p = tvx_path("/var/run/test_mgmt");
   ASSERT_EQ(stat(p.c_str(), &st), 0);
@@ -147,7 +97,7 @@ TEST_F(Mgmt, SocketIsPrivateAndGoesAtShutdown) {
   close(s);
 }
 
-TEST_F(Mgmt, LinesSplitAcrossReadsJoinAndPeersKeepTheirOwnHalves) {
+TEST_F(Channel, LinesSplitAcrossReadsJoinAndPeersKeepTheirOwnHalves) {
   int a = client(), b = client();
   send(a, "show th");
   send(b, "SHOW al");
@@ -164,7 +114,7 @@ TEST_F(Mgmt, LinesSplitAcrossReadsJoinAndPeersKeepTheirOwnHalves) {
   EXPECT_EQ(mgmt_peer_count(), 0u);
 }
 
-TEST_F(Mgmt, HelpListsTheNextWordsAndConfirmsAWholeCommand) {
+TEST_F(Channel, HelpListsTheNextWordsAndConfirmsAWholeCommand) {
   mgmt_cmd_mount(more_root);
   int s = client();
   EXPECT_EQ(ask(s, "help show"), "200-thing\r\n200-alpha\r\n200-mod\r\n200 beta\r\n");
@@ -176,7 +126,7 @@ TEST_F(Mgmt, HelpListsTheNextWordsAndConfirmsAWholeCommand) {
   close(s);
 }
 
-TEST_F(Mgmt, RowOfAModuleNotRunningFails) {
+TEST_F(Channel, RowOfAModuleNotRunningFails) {
   int s = client();
   EXPECT_EQ(ask(s, "show mod"), "500 Module not running\r\n");
   task_set_module_state(kModule, TASK_MODULE_CONFIGURED);
@@ -184,7 +134,7 @@ TEST_F(Mgmt, RowOfAModuleNotRunningFails) {
   close(s);
 }
 
-TEST_F(Mgmt, CatchAllGetsTheWordAndTheRestWithTheCutSpaceRestored) {
+TEST_F(Channel, CatchAllGetsTheWordAndTheRestWithTheCutSpaceRestored) {
   int s = client();
   EXPECT_EQ(ask(s, "  frob the  thing\tnow "), "100 caught frob the  thing\tnow\r\n");
   EXPECT_EQ(ask(s, "frob"), "100 caught frob\r\n");
@@ -200,7 +150,7 @@ int m_deep(mgmt_cmd_ctx *ctx, char *) {
   return MGMT_CMD_DONE;
 }
 
-TEST_F(Mgmt, DepthPastTwentyNineStillRunsWithoutSavingIds) {
+TEST_F(Channel, DepthPastTwentyNineStillRunsWithoutSavingIds) {
   for (int i = 0; i < 35; i++)
     deep[i][0] = {"d", MGMT_MODULE_NONE, i < 34 ? deep[i + 1] : nullptr, i < 34 ? nullptr : m_deep};
   deep[28][0].cmd_module_id = 1;  // entered at depth 29, the last saved
@@ -224,7 +174,7 @@ TEST_F(Mgmt, DepthPastTwentyNineStillRunsWithoutSavingIds) {
 
 void count_done(mgmtPeer *) { outputs_done++; }
 
-TEST_F(Mgmt, AbortDuringAGeneratorResynchronises) {
+TEST_F(Channel, AbortDuringAGeneratorResynchronises) {
   gen_closes = gen_aborted = outputs_done = 0;
   mgmt_hooks h{};
   h.mh_output_done = count_done;
@@ -253,7 +203,7 @@ TEST_F(Mgmt, AbortDuringAGeneratorResynchronises) {
   close(s);
 }
 
-TEST_F(Mgmt, QuitAnswersThenCloses) {
+TEST_F(Channel, QuitAnswersThenCloses) {
   int s = client();
   EXPECT_EQ(ask(s, "quit"), "101 Current output aborted\r\n");
   EXPECT_EQ(mgmt_peer_count(), 0u);
@@ -265,7 +215,7 @@ TEST_F(Mgmt, QuitAnswersThenCloses) {
 int idle_answer;
 int idle_hook(mgmtPeer *) { return idle_answer; }
 
-TEST_F(Mgmt, IdlePeerIsClosedUnlessTheHookKeepsIt) {
+TEST_F(Channel, IdlePeerIsClosedUnlessTheHookKeepsIt) {
   evlog_capture &cap = evlog_capture_start();
   mgmt_set_idle_timeout(30);
   mgmt_hooks h{};
@@ -295,7 +245,7 @@ TEST_F(Mgmt, IdlePeerIsClosedUnlessTheHookKeepsIt) {
   close(s);
 }
 
-TEST_F(Mgmt, LineTooLargeGets510AndThePeerStays) {
+TEST_F(Channel, LineTooLargeGets510AndThePeerStays) {
   int s = client();
   send(s, std::string(20000, 'x'));
   real_passes(3);
@@ -310,7 +260,7 @@ int refuse(mgmtPeer *) { return 0; }
 int closed_event;
 void closing(mgmtPeer *, int event) { closed_event = event; }
 
-TEST_F(Mgmt, AcceptHookMayRefuse) {
+TEST_F(Channel, AcceptHookMayRefuse) {
   mgmt_hooks h{};
   h.mh_accepted = refuse;
   h.mh_closing = closing;
@@ -332,7 +282,7 @@ void tick(task_timer *, uint32_t) {
   if (reader_done) task_scheduler_stop();
 }
 
-TEST_F(Mgmt, TenMegabyteAnswerToASlowReaderWhileTimersFire) {
+TEST_F(Channel, TenMegabyteAnswerToASlowReaderWhileTimersFire) {
   std::string text;
   for (int i = 0; text.size() < (10u << 20); i++) text += "row " + std::to_string(i) + " of the bulk answer\n";
   bulk_text = &text;
@@ -389,7 +339,7 @@ TEST_F(Mgmt, TenMegabyteAnswerToASlowReaderWhileTimersFire) {
   close(s);
 }
 
-TEST_F(Mgmt, AThousandIdlePeers) {
+TEST_F(Channel, AThousandIdlePeers) {
   std::vector<int> peers;
   for (int i = 0; i < 1000; i++) {
     int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
