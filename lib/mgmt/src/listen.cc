@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "evlog/evlog.h"
@@ -128,7 +129,7 @@ void close_listener(bool remove_file) {
   if (!mv.mv_listen_task) return;
   task_delete(mv.mv_listen_task);
   mv.mv_listen_task = nullptr;
-  if (remove_file) unlink(tvx_path(mv.mv_path).c_str());
+  if (remove_file && !(task_state & TASKS_TEST)) unlink(tvx_path(mv.mv_path).c_str());
 }
 
 void listen_start(void) {
@@ -144,10 +145,11 @@ void listen_start(void) {
   int s = task_get_socket(tp, AF_UNIX, SOCK_STREAM, 0);
   if (s < 0) listen_failed("create", real.c_str());
   task_set_socket(tp, s);
-  if (unlink(real.c_str()) < 0 && errno != ENOENT) listen_failed("remove", real.c_str());
   if (task_set_option(tp, TASKOPTION_NONBLOCKING, 1) || task_set_option(tp, TASKOPTION_REUSEADDR, 1))
     listen_failed("set options of", real.c_str());
+  // A configuration check beside the running daemon must leave its socket alone.
   if (!(task_state & TASKS_TEST)) {
+    if (unlink(real.c_str()) < 0 && errno != ENOENT) listen_failed("remove", real.c_str());
     mode_t old = umask(077);
     int rc = bind(s, reinterpret_cast<sockaddr *>(&sun), sizeof sun);
     umask(old);
@@ -170,6 +172,13 @@ void listen_start(void) {
   mv.mv_listen_task = tp;
 }
 
+// A daemon that quits without running terminate methods still leaves no
+// socket behind; a forked child's exit must not take its parent's.
+pid_t listen_pid;
+void remove_at_exit(void) {
+  if (mv.mv_listen_task && getpid() == listen_pid && !(task_state & TASKS_TEST)) unlink(tvx_path(mv.mv_path).c_str());
+}
+
 }  // namespace
 
 void mgmt_init(void) {
@@ -181,6 +190,8 @@ void mgmt_init(void) {
 
 void mgmt_listen_on(const char *path) {
   mgmt_init();
+  if (!listen_pid) atexit(remove_at_exit);
+  listen_pid = getpid();
   if (mv.mv_listen_task) {
     close_peers();
     close_listener(strcmp(path, mv.mv_path) != 0);
