@@ -96,6 +96,9 @@ int main(int argc, char **argv) {
   families_init();
   tunechod_schema_register();
   task_init(argc, argv, &app);
+  // The management channel lives from here to the end; a configuration check
+  // leaves a running daemon's socket alone.
+  if (!(task_state & TASKS_TEST)) tunechod_mgmt_init(app.app_mgmt_path);
   task_read_config(&app, TUNECHOD_SCHEMA, (task_state & TASKS_TEST) != 0);
   task_post_read_config(&app);
   logging_event(LOG_DEBUG, "TUNECHOD_TASK_SCHEDULER",

@@ -128,6 +128,11 @@ void tunechod_local_read(task *tp);
 int tunechod_read_line(int fd, char *buffer, uint16_t size);
 int tunechod_write_line(int fd, const char *text);
 
+// ---- Management commands (mgmt.cc) -----------------------------------------------------
+// Mounts "show vni", "show bridge-domain", "show statistics" and "clear
+// statistics" beside the framework's commands and listens on path.
+void tunechod_mgmt_init(const char *path);
+
 }  // extern "C"
 
 // Every trace line of the daemon: "C(pid-function): ..." under a class.

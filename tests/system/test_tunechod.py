@@ -188,6 +188,49 @@ def rss(pid):
     return 0
 
 
+def mgmt(lab, *lines):
+    """Each command's answer lines, without their codes' separators."""
+    s = socket.socket(socket.AF_UNIX)
+    s.connect(lab.vtep.path("/var/run/tunechod_mgmt"))
+    f = s.makefile("rwb")
+    answers = []
+    for line in lines:
+        f.write(line.encode() + b"\n")
+        f.flush()
+        out = []
+        while True:
+            l = f.readline().decode().rstrip("\r\n")
+            out.append(l)
+            if len(l) < 4 or l[3] == " ":
+                break
+        answers.append(out)
+    s.close()
+    return answers
+
+
+def test_management_commands(lab):
+    assert oct(os.stat(lab.vtep.path("/var/run/tunechod_mgmt")).st_mode & 0o777) == "0o600"
+    lab.ping(100, "00:11:22:33:44:55")
+    lab.ping(999)
+    vni, one, missing, bad, bds, stats, cleared, again = mgmt(
+        lab, "show vni", "SHOW VNI 200", "show vni 999", "show vni x", "show bridge-domain",
+        "show statistics", "clear statistics", "show statistics")
+    assert vni == ["100-VNI        Bridge domain  Routing table  VLAN",
+                   "100-100        5              7              10",
+                   "100 200        6              7              20"]
+    assert one[-1] == "100 200        6              7              20"
+    assert missing == ["500 VNI 999 not found"]
+    assert bad == ["500 invalid VNI 'x'"]
+    assert [l[4:].split()[:2] for l in bds[1:]] == [["100", "5"], ["200", "6"]]
+    counters = {l[4:28].strip(): int(l[28:]) for l in stats}
+    assert counters["replies sent"] == 2 and counters["VNI unknown"] == 1 and counters["MAC present"] == 1
+    assert cleared == ["100 statistics cleared"]
+    assert any(l.startswith("100-replies sent") and l.endswith(" 0") for l in again)
+    helps = mgmt(lab, "help show")[0]
+    words = [h[4:] for h in helps]
+    assert {"vni", "bridge-domain", "statistics", "task", "version"} <= set(words), helps
+
+
 def test_local_channel_and_clean_end(lab):
     def ask(text):
         s = socket.socket(socket.AF_UNIX)
