@@ -354,6 +354,11 @@ void krt_queue_switchover(int state) {
 int krt_queue_master_state(void) { return master_state; }
 
 void krt_queue_reset(void) {
+  for (auto &q : queues)
+    for (krt_queue_entry *kq = q.first, *next; kq; kq = next) {
+      next = kq->kq_next;
+      free(kq);  // owners may be gone already: not touched
+    }
   for (auto &q : queues) q = list_head{};
   krt_db_list = hbt_root{};
   krt_queue_job_p = nullptr;
