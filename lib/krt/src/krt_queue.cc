@@ -114,15 +114,9 @@ int dequeue(krt_queue_entry *kq) {
     KRT_TRACE("%s: type %s op %s encode returned 0", name, tname, oname);
     return kRetry;
   }
-  uint8_t *buf = rtsm_buffer;
-  uint32_t rtsm_buffer_size = KRT_RTSM_BUFFER_SIZE;
-  if (length > rtsm_buffer_size) {
-    rtsm_buffer_size = (length + KRT_BIG_BUFFER_ROUND - 1) / KRT_BIG_BUFFER_ROUND * KRT_BIG_BUFFER_ROUND;
-    uint8_t *big_rtsm_buffer = static_cast<uint8_t *>(malloc(rtsm_buffer_size));
-    task_assert(big_rtsm_buffer);
-    krt_big_buffer_count++;
-    krt_big_buffer_last = rtsm_buffer_size;
-    buf = big_rtsm_buffer;
+  uint32_t rtsm_buffer_size;
+  uint8_t *buf = krt_buffer_for(length, &rtsm_buffer_size);
+  if (buf != rtsm_buffer) {
     length = t->kqt_encode(kq, kq->kq_op, buf, rtsm_buffer_size);
     task_assert(length <= rtsm_buffer_size);
   }
