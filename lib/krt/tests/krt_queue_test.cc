@@ -156,6 +156,29 @@ TEST_F(Queue, WhileTerminatingRetryIsOneSecondAndEpermOnADeleteIsDone) {
   EXPECT_EQ(c.ent.kde_q_ent->kq_retry, t0 + KRT_RETRY_TERMINATING);
 }
 
+TEST_F(Queue, TerminationDeletesTheTaskWhenTheLastEntryIsDone) {
+  Obj a{{}, 1, true, false};
+  verdicts[{1, KQ_DELETE}] = {EIO};
+  a.ent.kde_deleted = 1;
+  krt_block();
+  krt_db_notify(1, &a.ent);
+  task *tp = krt_task();
+  task_state |= TASKS_TERMINATE;
+  krt_terminate(tp);
+  EXPECT_EQ(krt_task(), tp);  // one entry left: the task stays
+  EXPECT_FALSE(task_flag_test(tp, TASK_FLAG_DELETE));
+  krt_unblock();
+  ASSERT_TRUE(until(idle));
+  EXPECT_EQ(krt_task(), tp);  // refused: retried after a second
+  EXPECT_EQ(a.ent.kde_q_ent->kq_retry, now() + KRT_RETRY_TERMINATING);
+  tt::advance(1.5);
+  ASSERT_TRUE(until([] { return krt_queue_count() == 0; }));
+  task_state &= ~TASKS_TERMINATE;
+  EXPECT_EQ(krt_task(), nullptr);
+  EXPECT_TRUE(task_flag_test(tp, TASK_FLAG_DELETE));
+  EXPECT_TRUE(a.freed);
+}
+
 TEST_F(Queue, AFullSocketStopsTheWalkAndWaitsForTheReader) {
   Obj a{{}, 1, false, false}, b{{}, 2, false, false};
   verdicts[{1, KQ_ADD}] = {EAGAIN};

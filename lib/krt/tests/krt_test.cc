@@ -56,6 +56,25 @@ TEST_F(Krt, OptionalOptionsAndTheForegroundMask) {
   EXPECT_TRUE(krt_is_deferred());
 }
 
+TEST_F(Krt, AFailingOptionDoesNotStopTheStart) {
+  peer.option_errno[RTS_OPT_SENDER_ID] = EINVAL;
+  peer.option_errno[RTS_OPT_ASYNC_MODE] = ENOPROTOOPT;
+  krt_start(&cfg);
+  EXPECT_FALSE(peer.options.count(RTS_OPT_SENDER_ID));
+  EXPECT_EQ(peer.options[RTS_OPT_LISTEN_MASK].size(), 8u);
+  EXPECT_EQ(krt_task()->task_socket, peer.fd);
+  notify(bd(1, 1));
+  ASSERT_TRUE(until([] { return !seen.empty(); }));
+}
+
+TEST_F(Krt, TerminateWaitsForTheQueueBeforeDeletingTheTask) {
+  krt_start(&cfg);
+  task *tp = krt_task();
+  krt_terminate(tp);
+  EXPECT_EQ(krt_task(), nullptr);  // nothing queued: gone at once
+  EXPECT_TRUE(task_flag_test(tp, TASK_FLAG_DELETE));
+}
+
 TEST_F(Krt, ElevenQueuedMessagesTakeTwoRunsWithReadSelectionOffBetween) {
   krt_start(&cfg);
   for (uint16_t i = 1; i <= 11; i++) notify(bd(i, 100 + i));
