@@ -128,9 +128,8 @@ struct FakePeer {
   static ssize_t op_peek(void *, int, void *buf, size_t len) {
     if (cur->queue.empty()) return fail(EAGAIN);
     const Msg &m = cur->queue.front();
-    size_t n = m.size() < len ? m.size() : len;
-    memcpy(buf, m.data(), n);
-    return static_cast<ssize_t>(n);
+    memcpy(buf, m.data(), m.size() < len ? m.size() : len);
+    return static_cast<ssize_t>(m.size());  // the whole record, as the edge reports it
   }
   static constexpr rts_lower_ops kOps = {op_open, op_close, op_setopt, op_getopt,
                                         op_write, op_read, op_peek, nullptr};

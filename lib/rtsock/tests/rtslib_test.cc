@@ -132,6 +132,7 @@ TEST_F(Rtslib, RouteGetFindsMissesOrGetsNoAnswer) {
   int verdict = 0;
   bool answers = true;
   peer.on_write = [&](const FakePeer::Msg &) {
+    answer.hdr.seq = c->seq - 1;  // the answer carries the request's number
     if (answers && !verdict) peer.reply(RTS_T_ROUTE, &answer, true);
     return verdict;
   };
@@ -398,6 +399,7 @@ TEST_F(Rtslib, BulkModeBatchesAndResumesBehindAFailure) {
       ans.bdm_index = bd->bdm_index;
       ans.vnid = 1000u + bd->bdm_index;
       ans.hdr.seq = bd->hdr.seq;
+      ans.hdr.operation = bd->hdr.operation;
       peer.reply(RTS_T_BRIDGE_DOMAIN, &ans, true);
       answers.insert(answers.end(), peer.queue.back().begin(), peer.queue.back().end());
       peer.queue.pop_back();
