@@ -1,0 +1,96 @@
+// Writes the seed corpus of the route-socket fuzz targets: a real encoded
+// message of every type with a codec, in IDR, in TLV, and in TLV with part of
+// its fields; with per-operation errors and an attribute list where the type
+// has them; an envelope of a type without a codec and one above the table;
+// and a raw statistics record. Usage: rtsock_fuzz_seeds FOLDER...
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "samples.h"
+
+namespace {
+
+struct Sample {
+  const char *name;
+  uint32_t type;
+  const void *record;
+};
+
+void write(const std::vector<std::string> &dirs, const std::string &name, const std::vector<uint8_t> &b) {
+  for (const std::string &d : dirs) {
+    std::string path = d + "/seed-" + name;
+    FILE *f = fopen(path.c_str(), "wb");
+    if (!f || fwrite(b.data(), 1, b.size(), f) != b.size()) {
+      perror(path.c_str());
+      exit(1);
+    }
+    fclose(f);
+  }
+}
+
+std::vector<uint8_t> encode(uint32_t type, const void *record, bool tlv, const uint8_t *mask) {
+  rts_msg_pair pair{type, const_cast<void *>(record)};
+  int n = tlv ? rts_tlv_encode(&pair, mask, nullptr, 0) : rts_idr_encode(&pair, nullptr, 0);
+  std::vector<uint8_t> out(static_cast<size_t>(n));
+  if (tlv) rts_tlv_encode(&pair, mask, out.data(), static_cast<uint32_t>(n));
+  else rts_idr_encode(&pair, out.data(), static_cast<uint32_t>(n));
+  return out;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  std::vector<std::string> dirs(argv + 1, argv + argc);
+  if (dirs.empty()) {
+    fprintf(stderr, "usage: rtsock_fuzz_seeds FOLDER...\n");
+    return 2;
+  }
+  samples::Store st;
+  rts_err_rec err{RTS_T_ROUTE, RTS_OP_ADD, 17, 3, "route exists"};
+  rts_msg_hdr nop{};
+  samples::header(nop, RTS_T_NOP, RTS_OP_GET);
+  nop.errors = &err;
+  nop.error_count = 1;
+  auto bd = samples::bd(st);
+  auto rt = samples::route(st);
+  rt.hdr.errors = &err;
+  rt.hdr.error_count = 1;
+  auto rtm = samples::rtmatch(st);
+  auto rtb = samples::rtb(st);
+  auto ifd = samples::ifd(st);
+  auto ifl = samples::ifl(st);
+  auto iff = samples::iff(st);
+  auto ifa = samples::ifa(st);
+  auto gen = samples::gencfg(st);
+  const Sample all[] = {{"nop", RTS_T_NOP, &nop},           {"rttable", RTS_T_RTTABLE, &rtb},
+                        {"route", RTS_T_ROUTE, &rt},        {"ifdev", RTS_T_IFDEV, &ifd},
+                        {"iflogical", RTS_T_IFLOGICAL, &ifl}, {"iffamily", RTS_T_IFFAMILY, &iff},
+                        {"ifaddr", RTS_T_IFADDR, &ifa},     {"rtmatch", RTS_T_RTMATCH, &rtm},
+                        {"gencfg", RTS_T_GENCFG, &gen},     {"bridge-domain", RTS_T_BRIDGE_DOMAIN, &bd}};
+  for (const Sample &s : all) {
+    const rts_struct *st_ = rts_type_struct(s.type);
+    write(dirs, std::string(s.name) + "-idr", encode(s.type, s.record, false, nullptr));
+    write(dirs, std::string(s.name) + "-tlv", encode(s.type, s.record, true, nullptr));
+    // Every other field, the header among them.
+    std::vector<uint8_t> mask(st_->rs_mask_size, 0);
+    rts_mask_set_all(st_, mask.data());
+    uint64_t top;
+    memcpy(&top, mask.data(), 8);
+    top &= 0x5555555555555555ull;
+    memcpy(mask.data(), &top, 8);
+    write(dirs, std::string(s.name) + "-tlv-part", encode(s.type, s.record, true, mask.data()));
+  }
+  // Types the codecs do not know, and a raw record.
+  write(dirs, "ifdstats-envelope", encode(RTS_T_IFDSTATS, &nop, false, nullptr));
+  write(dirs, "type-109-envelope", encode(109, &nop, true, nullptr));
+  rts_ifstats_msg raw{};
+  raw.hdr.type = RTS_T_IFDSTATS;
+  raw.hdr.operation = RTS_OP_GET;
+  raw.hdr.length = sizeof raw;
+  raw.hdr.seq = 9;
+  raw.ifsm_index = 3;
+  auto *b = reinterpret_cast<const uint8_t *>(&raw);
+  write(dirs, "ifdstats-raw", std::vector<uint8_t>(b, b + sizeof raw));
+  return 0;
+}
