@@ -2,7 +2,9 @@
 // message of every type with a codec, in IDR, in TLV, and in TLV with part of
 // its fields; with per-operation errors and an attribute list where the type
 // has them; an envelope of a type without a codec and one above the table;
-// and a raw statistics record. Usage: rtsock_fuzz_seeds FOLDER...
+// and a raw statistics record. For the read target, the same messages as
+// the queue of a peer: answers to its requests, stale ones, a batch refused.
+// Usage: rtsock_fuzz_seeds messages FOLDER... | rtsock_fuzz_seeds records FOLDER...
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -38,12 +40,57 @@ std::vector<uint8_t> encode(uint32_t type, const void *record, bool tlv, const u
   return out;
 }
 
+// A verdict byte, an accepted count, then records as 16-bit length and bytes.
+struct Queue {
+  std::vector<uint8_t> b;
+  Queue(uint8_t verdict, uint8_t accepted) : b{verdict, accepted} {}
+  Queue &add(const std::vector<uint8_t> &m) {
+    b.push_back(static_cast<uint8_t>(m.size()));
+    b.push_back(static_cast<uint8_t>(m.size() >> 8));
+    b.insert(b.end(), m.begin(), m.end());
+    return *this;
+  }
+};
+
+// The fuzz target's requests carry numbers 1 (route get), 2 (raw statistics)
+// and 3 to 5 (a batch of bridge-domain gets).
+int records(const std::vector<std::string> &dirs, rts_rt_msg rt, rts_bd_msg bd) {
+  rt.hdr.operation = bd.hdr.operation = RTS_OP_GET;
+  rt.hdr.errors = nullptr;
+  rt.hdr.error_count = 0;
+  auto route = [&](uint32_t seq, bool tlv) {
+    rt.hdr.seq = seq;
+    return encode(RTS_T_ROUTE, &rt, tlv, nullptr);
+  };
+  std::vector<uint8_t> batch;
+  for (uint32_t seq = 3; seq <= 5; seq++) {
+    bd.hdr.seq = seq;
+    bd.bdm_index = static_cast<uint16_t>(seq - 2);
+    auto m = encode(RTS_T_BRIDGE_DOMAIN, &bd, seq != 4, nullptr);
+    batch.insert(batch.end(), m.begin(), m.end());
+  }
+  rts_ifstats_msg raw{};
+  raw.hdr.type = RTS_T_IFDSTATS;
+  raw.hdr.operation = RTS_OP_GET;
+  raw.hdr.length = sizeof raw;
+  raw.hdr.seq = 2;
+  raw.ifsm_index = 3;
+  auto *rb = reinterpret_cast<const uint8_t *>(&raw);
+  std::vector<uint8_t> stats(rb, rb + sizeof raw);
+  write(dirs, "answers", Queue(0, 0).add(route(1, true)).add(stats).add(batch).b);
+  write(dirs, "stale-first", Queue(0, 0).add(route(0, false)).add(route(1, false)).add(batch).add(stats).b);
+  write(dirs, "batch-refused-all-accepted", Queue(3, 3).add(batch).b);
+  write(dirs, "batch-refused-after-one", Queue(1, 1).add(batch).b);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-  std::vector<std::string> dirs(argv + 1, argv + argc);
-  if (dirs.empty()) {
-    fprintf(stderr, "usage: rtsock_fuzz_seeds FOLDER...\n");
+  std::string mode = argc > 1 ? argv[1] : "";
+  std::vector<std::string> dirs(argv + (argc > 1 ? 2 : 1), argv + argc);
+  if ((mode != "messages" && mode != "records") || dirs.empty()) {
+    fprintf(stderr, "usage: rtsock_fuzz_seeds messages|records FOLDER...\n");
     return 2;
   }
   samples::Store st;
@@ -68,6 +115,7 @@ int main(int argc, char **argv) {
                         {"iflogical", RTS_T_IFLOGICAL, &ifl}, {"iffamily", RTS_T_IFFAMILY, &iff},
                         {"ifaddr", RTS_T_IFADDR, &ifa},     {"rtmatch", RTS_T_RTMATCH, &rtm},
                         {"gencfg", RTS_T_GENCFG, &gen},     {"bridge-domain", RTS_T_BRIDGE_DOMAIN, &bd}};
+  if (mode == "records") return records(dirs, rt, bd);
   for (const Sample &s : all) {
     const rts_struct *st_ = rts_type_struct(s.type);
     write(dirs, std::string(s.name) + "-idr", encode(s.type, s.record, false, nullptr));
