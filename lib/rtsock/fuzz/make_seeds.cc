@@ -13,12 +13,6 @@
 
 namespace {
 
-struct Sample {
-  const char *name;
-  uint32_t type;
-  const void *record;
-};
-
 void write(const std::vector<std::string> &dirs, const std::string &name, const std::vector<uint8_t> &b) {
   for (const std::string &d : dirs) {
     std::string path = d + "/seed-" + name;
@@ -31,13 +25,18 @@ void write(const std::vector<std::string> &dirs, const std::string &name, const 
   }
 }
 
-std::vector<uint8_t> encode(uint32_t type, const void *record, bool tlv, const uint8_t *mask) {
-  rts_msg_pair pair{type, const_cast<void *>(record)};
-  int n = tlv ? rts_tlv_encode(&pair, mask, nullptr, 0) : rts_idr_encode(&pair, nullptr, 0);
-  std::vector<uint8_t> out(static_cast<size_t>(n));
-  if (tlv) rts_tlv_encode(&pair, mask, out.data(), static_cast<uint32_t>(n));
-  else rts_idr_encode(&pair, out.data(), static_cast<uint32_t>(n));
-  return out;
+using samples::wire;
+
+// A raw statistics record, as the peer answers one.
+std::vector<uint8_t> raw_stats(uint32_t seq) {
+  rts_ifstats_msg raw{};
+  raw.hdr.type = RTS_T_IFDSTATS;
+  raw.hdr.operation = RTS_OP_GET;
+  raw.hdr.length = sizeof raw;
+  raw.hdr.seq = seq;
+  raw.ifsm_index = 3;
+  auto *b = reinterpret_cast<const uint8_t *>(&raw);
+  return std::vector<uint8_t>(b, b + sizeof raw);
 }
 
 // A verdict byte, an accepted count, then records as 16-bit length and bytes.
@@ -60,23 +59,16 @@ int records(const std::vector<std::string> &dirs, rts_rt_msg rt, rts_bd_msg bd) 
   rt.hdr.error_count = 0;
   auto route = [&](uint32_t seq, bool tlv) {
     rt.hdr.seq = seq;
-    return encode(RTS_T_ROUTE, &rt, tlv, nullptr);
+    return wire(RTS_T_ROUTE, &rt, tlv, nullptr);
   };
   std::vector<uint8_t> batch;
   for (uint32_t seq = 3; seq <= 5; seq++) {
     bd.hdr.seq = seq;
     bd.bdm_index = static_cast<uint16_t>(seq - 2);
-    auto m = encode(RTS_T_BRIDGE_DOMAIN, &bd, seq != 4, nullptr);
+    auto m = wire(RTS_T_BRIDGE_DOMAIN, &bd, seq != 4, nullptr);
     batch.insert(batch.end(), m.begin(), m.end());
   }
-  rts_ifstats_msg raw{};
-  raw.hdr.type = RTS_T_IFDSTATS;
-  raw.hdr.operation = RTS_OP_GET;
-  raw.hdr.length = sizeof raw;
-  raw.hdr.seq = 2;
-  raw.ifsm_index = 3;
-  auto *rb = reinterpret_cast<const uint8_t *>(&raw);
-  std::vector<uint8_t> stats(rb, rb + sizeof raw);
+  std::vector<uint8_t> stats = raw_stats(2);
   write(dirs, "answers", Queue(0, 0).add(route(1, true)).add(stats).add(batch).b);
   write(dirs, "stale-first", Queue(0, 0).add(route(0, false)).add(route(1, false)).add(batch).add(stats).b);
   write(dirs, "batch-refused-all-accepted", Queue(3, 3).add(batch).b);
@@ -93,52 +85,29 @@ int main(int argc, char **argv) {
     fprintf(stderr, "usage: rtsock_fuzz_seeds messages|records FOLDER...\n");
     return 2;
   }
-  samples::Store st;
+  samples::AllSamples all;
   rts_err_rec err{RTS_T_ROUTE, RTS_OP_ADD, 17, 3, "route exists"};
-  rts_msg_hdr nop{};
-  samples::header(nop, RTS_T_NOP, RTS_OP_GET);
-  nop.errors = &err;
-  nop.error_count = 1;
-  auto bd = samples::bd(st);
-  auto rt = samples::route(st);
-  rt.hdr.errors = &err;
-  rt.hdr.error_count = 1;
-  auto rtm = samples::rtmatch(st);
-  auto rtb = samples::rtb(st);
-  auto ifd = samples::ifd(st);
-  auto ifl = samples::ifl(st);
-  auto iff = samples::iff(st);
-  auto ifa = samples::ifa(st);
-  auto gen = samples::gencfg(st);
-  const Sample all[] = {{"nop", RTS_T_NOP, &nop},           {"rttable", RTS_T_RTTABLE, &rtb},
-                        {"route", RTS_T_ROUTE, &rt},        {"ifdev", RTS_T_IFDEV, &ifd},
-                        {"iflogical", RTS_T_IFLOGICAL, &ifl}, {"iffamily", RTS_T_IFFAMILY, &iff},
-                        {"ifaddr", RTS_T_IFADDR, &ifa},     {"rtmatch", RTS_T_RTMATCH, &rtm},
-                        {"gencfg", RTS_T_GENCFG, &gen},     {"bridge-domain", RTS_T_BRIDGE_DOMAIN, &bd}};
-  if (mode == "records") return records(dirs, rt, bd);
-  for (const Sample &s : all) {
-    const rts_struct *st_ = rts_type_struct(s.type);
-    write(dirs, std::string(s.name) + "-idr", encode(s.type, s.record, false, nullptr));
-    write(dirs, std::string(s.name) + "-tlv", encode(s.type, s.record, true, nullptr));
+  std::vector<samples::Sample> list = all.list();
+  all.nop.errors = all.rt.hdr.errors = &err;
+  all.nop.error_count = all.rt.hdr.error_count = 1;
+  rts_msg_hdr &nop = all.nop;
+  if (mode == "records") return records(dirs, all.rt, all.bd);
+  for (const samples::Sample &s : list) {
+    const rts_struct *layout = rts_type_struct(s.type);
+    write(dirs, std::string(s.name) + "-idr", wire(s.type, s.record, false, nullptr));
+    write(dirs, std::string(s.name) + "-tlv", wire(s.type, s.record, true, nullptr));
     // Every other field, the header among them.
-    std::vector<uint8_t> mask(st_->rs_mask_size, 0);
-    rts_mask_set_all(st_, mask.data());
+    std::vector<uint8_t> mask(layout->rs_mask_size, 0);
+    rts_mask_set_all(layout, mask.data());
     uint64_t top;
     memcpy(&top, mask.data(), 8);
     top &= 0x5555555555555555ull;
     memcpy(mask.data(), &top, 8);
-    write(dirs, std::string(s.name) + "-tlv-part", encode(s.type, s.record, true, mask.data()));
+    write(dirs, std::string(s.name) + "-tlv-part", wire(s.type, s.record, true, mask.data()));
   }
   // Types the codecs do not know, and a raw record.
-  write(dirs, "ifdstats-envelope", encode(RTS_T_IFDSTATS, &nop, false, nullptr));
-  write(dirs, "type-109-envelope", encode(109, &nop, true, nullptr));
-  rts_ifstats_msg raw{};
-  raw.hdr.type = RTS_T_IFDSTATS;
-  raw.hdr.operation = RTS_OP_GET;
-  raw.hdr.length = sizeof raw;
-  raw.hdr.seq = 9;
-  raw.ifsm_index = 3;
-  auto *b = reinterpret_cast<const uint8_t *>(&raw);
-  write(dirs, "ifdstats-raw", std::vector<uint8_t>(b, b + sizeof raw));
+  write(dirs, "ifdstats-envelope", wire(RTS_T_IFDSTATS, &nop, false, nullptr));
+  write(dirs, "type-109-envelope", wire(109, &nop, true, nullptr));
+  write(dirs, "ifdstats-raw", raw_stats(9));
   return 0;
 }

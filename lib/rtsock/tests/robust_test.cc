@@ -9,16 +9,7 @@ namespace {
 
 using samples::Arena;
 
-struct Robust : ::testing::Test {
-  FakePeer peer;
-  LogCapture log;
-  rtslib_cookie *c = nullptr;
-  void SetUp() override {
-    c = rtslib_open(131);
-    ASSERT_NE(c, nullptr);
-  }
-  void TearDown() override { rtslib_close(c); }
-};
+using Robust = RtslibTest;
 
 // The largest block asked of the hooks; anything over 1 MiB is refused.
 size_t largest;

@@ -8,16 +8,7 @@ namespace {
 
 using samples::Arena;
 
-struct Rtslib : ::testing::Test {
-  FakePeer peer;
-  LogCapture log;
-  rtslib_cookie *c = nullptr;
-  void SetUp() override {
-    c = rtslib_open(131);
-    ASSERT_NE(c, nullptr);
-  }
-  void TearDown() override { rtslib_close(c); }
-};
+using Rtslib = RtslibTest;
 
 // ---- Open and the handshake ----------------------------------------------------------------
 
