@@ -11,7 +11,8 @@
 // A get hands out only the answer to its request: a reply of the request's
 // type, sequence number and operation. Whatever is queued in front of it (the
 // late reply to a request that timed out, a notification) is dropped, and a
-// get that finds no answer fails with EAGAIN. Bulk reads match the same way.
+// get that finds no answer fails with EAGAIN. Bulk reads match the same way;
+// raw statistics replies by type and number.
 // Blocks are sized by the bytes that arrived, never by a length a header
 // claims; a reply is decoded and handed out as the type its envelope names.
 //
