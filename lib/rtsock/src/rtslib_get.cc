@@ -48,6 +48,10 @@ void fill_header(rtslib_cookie *c, rts_msg_hdr &h, uint8_t type, uint8_t op) {
 
 bool wants_reply(uint8_t op) { return op == RTS_OP_GET || op == RTS_OP_GETNEXT; }
 
+// Errors of a record that was taken off the socket and thrown away (too
+// short, no block for it): the answer may still be behind it.
+bool dropped(int err) { return err == EIO || err == ENOMEM; }
+
 // Reads until the answer to `request` comes: records that answer something
 // else are dropped (see answers()). A record that does not decode may have
 // been anything; its error is the result only when no answer follows.
@@ -58,10 +62,12 @@ int read_answer(rtslib_cookie *c, const rts_msg_hdr &request, void **answer) {
     uint8_t *buf;
     uint32_t len;
     int err = take_record(c, &buf, &len);
-    if (err) return err == EAGAIN && bad ? bad : err;
+    if (err && !dropped(err)) return err == EAGAIN && bad ? bad : err;
     void *msg = nullptr;
-    err = rtslib_msg_decode(c, buf, len, &msg);
-    release(RTSLIB_MEM_MSG, buf);
+    if (!err) {
+      err = rtslib_msg_decode(c, buf, len, &msg);
+      release(RTSLIB_MEM_MSG, buf);
+    }
     if (err) {
       if (!bad) bad = err;
       continue;
@@ -120,11 +126,16 @@ int raw_stats(rtslib_cookie *c, uint8_t type, uint32_t index, rts_ifstats_msg **
   if (edge().lo_write(edge().lo_ctx, c->fd, &req, sizeof req) < 0) return errno;
   // Raw replies are dropped when they answer an earlier request (an older
   // number) or are of another type; any other number is a mismatch.
+  int bad = 0;
   for (;;) {
     uint8_t *buf;
     uint32_t len;
     int err = take_record(c, &buf, &len);
-    if (err) return err;
+    if (err && !dropped(err)) return err == EAGAIN && bad ? bad : err;
+    if (err) {
+      if (!bad) bad = err;
+      continue;
+    }
     rts_raw_hdr h{};
     if (len >= sizeof(rts_ifstats_msg)) memcpy(&h, buf, sizeof h);
     if (len >= sizeof(rts_ifstats_msg) && h.word0 == 0 && h.type == type) {

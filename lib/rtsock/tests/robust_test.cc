@@ -158,6 +158,29 @@ TEST_F(Robust, GetNeverReturnsTheReplyOfAnEarlierRequest) {
   EXPECT_TRUE(peer.queue.empty());
 }
 
+TEST_F(Robust, BrokenRecordsInFrontOfTheAnswerDoNotHideIt) {
+  samples::Store st;
+  rts_rt_msg answer = samples::route(st);
+  FakePeer::Msg garbled = {0x22, 0x50, 0, 0, 16, 0, 0, 0, 2, 0, 0, 0};
+  garbled.resize(28, 0xff);
+  bool with_answer = true;
+  peer.on_write = [&](const FakePeer::Msg &) {
+    peer.queue.push_back({1, 2, 3, 4, 5});  // shorter than any header
+    peer.queue.push_back(garbled);
+    answer.hdr.seq = c->seq - 1;
+    if (with_answer) peer.reply(RTS_T_ROUTE, &answer, false);
+    return 0;
+  };
+  rts_rt_msg *rt = nullptr;
+  ASSERT_EQ(rtslib_rtm_get(c, 0, RTS_AF_INET, nullptr, 0, 0, 0, 0, 0, RTS_OP_GET, &rt, 0), 0);
+  EXPECT_EQ(rt->rtm_nh_index, 1234u);
+  rtslib_msg_idl_release(c, rt);
+  // With no answer behind them, the first error is the get's.
+  with_answer = false;
+  EXPECT_EQ(rtslib_rtm_get(c, 0, RTS_AF_INET, nullptr, 0, 0, 0, 0, 0, RTS_OP_GET, &rt, 0), EIO);
+  EXPECT_TRUE(peer.queue.empty());
+}
+
 TEST_F(Robust, RawStatisticsSkipStaleReplies) {
   rts_ifstats_msg answer{};
   answer.hdr.type = RTS_T_IFDSTATS;
