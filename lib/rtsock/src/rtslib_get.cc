@@ -48,9 +48,21 @@ void fill_header(rtslib_cookie *c, rts_msg_hdr &h, uint8_t type, uint8_t op) {
 
 bool wants_reply(uint8_t op) { return op == RTS_OP_GET || op == RTS_OP_GETNEXT; }
 
-// Errors of a record that was taken off the socket and thrown away (too
-// short, no block for it): the answer may still be behind it.
-bool dropped(int err) { return err == EIO || err == ENOMEM; }
+// The next record of a get's wait. A record thrown away for being broken
+// (too short, no block for it) may hide the answer behind it: its error is
+// kept in *bad and the wait goes on (*err 0, *buf null). The wait ends with
+// *err set; EAGAIN after a broken record gives that record's error.
+bool next_record(rtslib_cookie *c, uint8_t **buf, uint32_t *len, int *bad, int *err) {
+  *err = take_record(c, buf, len);
+  if (*err == EIO || *err == ENOMEM) {
+    if (!*bad) *bad = *err;
+    *err = 0;
+    *buf = nullptr;
+    return true;
+  }
+  if (*err == EAGAIN && *bad) *err = *bad;
+  return *err == 0;
+}
 
 // Reads until the answer to `request` comes: records that answer something
 // else are dropped (see answers()). A record that does not decode may have
@@ -61,13 +73,12 @@ int read_answer(rtslib_cookie *c, const rts_msg_hdr &request, void **answer) {
   for (;;) {
     uint8_t *buf;
     uint32_t len;
-    int err = take_record(c, &buf, &len);
-    if (err && !dropped(err)) return err == EAGAIN && bad ? bad : err;
+    int err;
+    if (!next_record(c, &buf, &len, &bad, &err)) return err;
+    if (!buf) continue;
     void *msg = nullptr;
-    if (!err) {
-      err = rtslib_msg_decode(c, buf, len, &msg);
-      release(RTSLIB_MEM_MSG, buf);
-    }
+    err = rtslib_msg_decode(c, buf, len, &msg);
+    release(RTSLIB_MEM_MSG, buf);
     if (err) {
       if (!bad) bad = err;
       continue;
@@ -130,12 +141,9 @@ int raw_stats(rtslib_cookie *c, uint8_t type, uint32_t index, rts_ifstats_msg **
   for (;;) {
     uint8_t *buf;
     uint32_t len;
-    int err = take_record(c, &buf, &len);
-    if (err && !dropped(err)) return err == EAGAIN && bad ? bad : err;
-    if (err) {
-      if (!bad) bad = err;
-      continue;
-    }
+    int err;
+    if (!next_record(c, &buf, &len, &bad, &err)) return err;
+    if (!buf) continue;
     rts_raw_hdr h{};
     if (len >= sizeof(rts_ifstats_msg)) memcpy(&h, buf, sizeof h);
     if (len >= sizeof(rts_ifstats_msg) && h.word0 == 0 && h.type == type) {
