@@ -7,6 +7,7 @@
 
 #include "internal.h"
 #include "live_core.h"
+#include "task/process.h"
 #include "platform/path.h"
 
 namespace {
@@ -32,31 +33,37 @@ void gcore_done(task *tp) { task_delete(tp); }
   task_live_core_child(run_dir);
 }
 
+// What the child of a live core needs, set before the fork.
+std::string core_helper, core_run_dir;
+char core_file[512], core_pid_text[16];
+bool core_use_helper;
+
+[[noreturn]] void live_core_child(void) {
+  char *argv[] = {const_cast<char *>("getcore"), core_file, core_pid_text, nullptr};
+  if (core_use_helper) getcore_child(core_helper.c_str(), argv, core_run_dir.c_str());
+  task_live_core_child(core_run_dir.c_str());
+}
+
 void take_live_core(bool process) {
-  const char *run_dir = path_solvane_run_dir();
-  std::string helper = tvx_path("/usr/sbin/getcore");
-  bool use_helper = process && access(helper.c_str(), X_OK) == 0;
-  char core_file[512], pid_text[16];
+  core_run_dir = path_solvane_run_dir();
+  core_helper = tvx_path("/usr/sbin/getcore");
+  core_use_helper = process && access(core_helper.c_str(), X_OK) == 0;
   snprintf(core_file, sizeof core_file, "%s/%s.live.core", path_solvane_live_dump(), task_daemon_name());
-  snprintf(pid_text, sizeof pid_text, "%d", static_cast<int>(getpid()));
-  char *argv[] = {const_cast<char *>("getcore"), core_file, pid_text, nullptr};
-  pid_t pid = _Fork();
-  if (pid == 0) {
-    if (use_helper) getcore_child(helper.c_str(), argv, run_dir);
-    task_live_core_child(run_dir);
+  snprintf(core_pid_text, sizeof core_pid_text, "%d", static_cast<int>(getpid()));
+  // With the kernel up the child is a task's, so that SIGCHLD reaps it.
+  if (task_var_main_context.tvcfull_initialized) {
+    task *tp = task_alloc("gcore", 10, nullptr);
+    pid_t pid = task_fork(tp, [](task *) { live_core_child(); }, gcore_done);
+    if (pid > 0) last_core_child = pid;
+    return;
   }
+  pid_t pid = _Fork();
+  if (pid == 0) live_core_child();
   if (pid < 0) {
     logging_event(LOG_ERR, "ZTASK_TASK_FORK", "ZTASK_TASK_FORK: Unable to fork %s: %m", "gcore");
     return;
   }
   last_core_child = pid;
-  // With the kernel up, the child is a task's, so that SIGCHLD reaps it.
-  if (task_var_main_context.tvcfull_initialized) {
-    task *tp = task_alloc("gcore", 10, nullptr);
-    task_set_pid(tp, pid);
-    task_set_child(tp, gcore_done);
-    task_create(tp);
-  }
 }
 
 }  // namespace

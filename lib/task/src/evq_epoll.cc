@@ -85,9 +85,17 @@ int default_wait(int level, task_kevent *out, int max, const task_utime *timeout
       continue;
     }
     if (ud == &signal_tag) {
-      signalfd_siginfo si;
-      while (k < max && read(io->task_signal_fd, &si, sizeof si) == static_cast<ssize_t>(sizeof si))
-        out[k++] = task_kevent{si.ssi_signo, TASK_EVFILT_SIGNAL, 0, 0, 1, ud};
+      // One read takes every pending signal that fits; another only when it was full.
+      signalfd_siginfo si[8];
+      for (;;) {
+        int room_left = max - k < 8 ? max - k : 8;
+        if (room_left <= 0) break;
+        ssize_t got = read(io->task_signal_fd, si, room_left * sizeof si[0]);
+        if (got <= 0) break;
+        int m = static_cast<int>(got / static_cast<ssize_t>(sizeof si[0]));
+        for (int j = 0; j < m; j++) out[k++] = task_kevent{si[j].ssi_signo, TASK_EVFILT_SIGNAL, 0, 0, 1, ud};
+        if (m < room_left) break;
+      }
       continue;
     }
     uintptr_t fd = 0;

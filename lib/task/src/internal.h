@@ -47,7 +47,22 @@ void task_jobs_init(task_jobs_var *jv);
 
 // signal.cc
 void task_signal_init(void);
-void task_terminate(void);
+void task_lowmem_forget(task *tp);
+
+// module.cc
+void task_module_state_alloc(task_app_ctx_t *ctx);
+void task_module_state_reset(void);
+
+// fork.cc: the start pid, taken again after detaching.
+void task_process_ids_init(void);
+
+// daemon.cc: the daemon's PID lock, taken at start and released by the exit
+// path of the process that took it.
+bool task_lock_take(const char *logical_path);
+void task_lock_release(void);
+
+// lifecycle.cc
+const char *task_host_name(void);
 
 // The block of records kept by the kernel, made on first use.
 struct task_block;

@@ -170,6 +170,7 @@ void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
     start = task_now;
     add_marker(jp);
   }
+  jp->task_job_run_start = task_now;
   jp->task_job_flags |= TASK_JOB_ACTIVE;
   jp->task_job_runs++;
   if (sub) sub->tjc_flags |= 0x1;
@@ -493,4 +494,11 @@ void task_job_bg_dispatch(void) {
   }
   task_sched_stat(SCHED_STAT_BG_DISPATCH);
   bg_run(jp, "background dispatch");
+}
+
+bool task_job_slice_over(task_job *jp) {
+  if (!jp || jp->task_job_priority == TASK_JOB_FOREGROUND) return false;
+  task_time_update();
+  task_utime quantum = ms(jp->task_job_max_quantum ? jp->task_job_max_quantum : 10);
+  return !task_utime_lt(task_utime_sub(task_now, jp->task_job_run_start), quantum);
 }

@@ -35,6 +35,7 @@ extern "C" [[noreturn]] void __task_quit__(int status) {
     st->task_socket = -1;
   }
   task_time_update();
+  task_lock_release();
   TASK_TRACE(nullptr, TR_TASK, "__task_quit__: exiting with status %d", status);
   const char *name = task_daemon_name();
   int pid = static_cast<int>(getpid());

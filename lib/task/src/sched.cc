@@ -16,7 +16,7 @@ namespace {
 task_base_var main_base;
 task_jobs_var main_jobs;
 task_io_var main_io;
-bool kernel_up;
+bool kernel_up, kernel_early;
 task_utime last_wait;
 
 constexpr task_utime kMaxWait{4, 0};
@@ -92,8 +92,13 @@ void task_set_time_hook(task_time_hook_fn hook) {
 }
 
 void task_kernel_init(void) {
-  if (kernel_up) return;
-  kernel_up = true;
+  task_kernel_init_early();
+  task_kernel_init_late();
+}
+
+void task_kernel_init_early(void) {
+  if (kernel_early) return;
+  kernel_early = true;
   if (!task_memory_is_up()) task_memory_init(nullptr);
   tvcfull *full = &task_var_main_context;
   full->tvcfull_tasks = &main_base;
@@ -110,6 +115,13 @@ void task_kernel_init(void) {
   st->task_context = task_main_context;
   strcpy(st->task_name, "Scheduler");
   task_main_sched.tasksched_current = st;
+}
+
+void task_kernel_init_late(void) {
+  if (kernel_up) return;
+  task_kernel_init_early();
+  kernel_up = true;
+  tvcfull *full = &task_var_main_context;
   task_jobs_init(&main_jobs);
   task_timer_init();
   task_time_update();

@@ -228,6 +228,7 @@ void task_delete(task *tp) {
   tp->task_addr = nullptr;
   if (tp->task_delete_hook) tp->task_delete_hook(tp);
   task_io_hook_remove_all(tp);
+  task_lowmem_forget(tp);
   bool was_linked = tp->task_forw != nullptr;
   if (!on_any_list(tp)) {
     give_up(tp);

@@ -132,4 +132,31 @@ TEST_F(Kernel, SubJobDeletingItselfAndTheTasksJobs) {
 }
 
 }  // namespace
+int slices;
+TEST_F(Kernel, SliceIsOverAfterTheQuantumOrTenMilliseconds) {
+  auto loop = [](task_job *jp) {
+    slices = 0;
+    while (!task_job_slice_over(jp)) {
+      slices++;
+      advance(0.001);
+    }
+    task_job_delete(jp);
+  };
+  task_job_create_background(keeper, 3, "plain", loop, nullptr);
+  task_job_bg_dispatch();
+  EXPECT_EQ(slices, 10);
+  task_job_create_background_subjob(keeper, 3, "sliced", "sub", loop, 25, 0, nullptr);
+  task_job_bg_dispatch();
+  EXPECT_EQ(slices, 25);
+  task_job *fg = task_job_create_foreground(keeper, "fg", [](task_job *jp) {
+    advance(1);
+    EXPECT_FALSE(task_job_slice_over(jp));
+    slices = -1;
+    task_job_delete(jp);
+  }, nullptr);
+  (void)fg;
+  task_job_fg_dispatch();
+  EXPECT_EQ(slices, -1);
+}
+
 }  // namespace tt

@@ -63,6 +63,7 @@ struct task_job {
   task_utime task_job_quantum_left, task_job_loop_left;
   task_job_ctx *task_job_subjob_marker;
   task_job_list task_job_starving;
+  task_utime task_job_run_start;  // the kernel's time when the current run began
 };
 
 struct task_jobs_var {
@@ -88,6 +89,10 @@ task_job_ctx *task_job_create_background_subjob(task *tp, int priority, const ch
                                                 const char *subjob_name, task_job_method method,
                                                 uint32_t max_quantum, uint32_t loop_quantum, void *data);
 void task_job_delete(task_job *jp);
+// For a job that loops over work: true once the current run has used the
+// job's largest quantum, or 10 ms when it has none (the kernel's time, read
+// afresh); never for a foreground job.
+bool task_job_slice_over(task_job *jp);
 void task_job_subjob_delete(task_job_ctx *jctx);
 void task_job_delete_task(task *tp);
 void task_job_force(task_job *jp);

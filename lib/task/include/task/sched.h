@@ -64,6 +64,12 @@ void task_set_time_hook(task_time_hook_fn hook);
 // Sets up the main context's kernel state: task list, scheduler record, jobs,
 // timers, time and the event queues with the signal table. Idempotent.
 void task_kernel_init(void);
+// The two halves: the task list and the scheduler task (no descriptors), then
+// jobs, timers, time and the queues with the signalfd. A daemon detaches
+// between them (task_daemon_init), so that the sweep of inherited
+// descriptors comes before the kernel opens its own.
+void task_kernel_init_early(void);
+void task_kernel_init_late(void);
 void task_scheduler_init(task_var_context *context);
 
 // ---- The loop --------------------------------------------------------------------------

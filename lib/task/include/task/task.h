@@ -33,6 +33,7 @@ struct task_timer;
 struct task_job;
 struct task_mem_cookie;
 struct task_io_hook;
+struct task_module;
 
 extern "C" {
 
@@ -169,11 +170,11 @@ struct task_app_ctx_t {
   trace_handle *app_trace;
   struct {
     uint32_t count;
-    const void *backup;
-    const void *master;
-    const void *third;
+    const task_module *backup;  // also the table of the "Test" state
+    const task_module *master;
+    const task_module *third;
   } modules;
-  int (*app_module_filter)(int id, const char *tag, int phase);
+  int (*app_module_filter)(uint32_t id, uintptr_t tag, int phase);  // non-zero skips the row
   uint8_t app_no_flush;
   void (*app_flush)(void);
   uint8_t app_needs_terminate_wait;
@@ -186,7 +187,9 @@ struct task_app_ctx_t {
   void (*app_packet_hook)(void);
   const int *app_quit_flag;
   void (*app_post_config)(void);
-  void (*app_mastership_task)(void), (*app_mastership_done)(void), (*app_switchover_begin)(void);
+  task *(*app_mastership_task)(void);  // the task whose mastership method goes first
+  void (*app_mastership_done)(void);
+  void (*app_switchover_begin)(int starting);
   uint8_t app_has_no_config;
   uint8_t app_db_per_thread, app_keep_db, app_hup_deferred;
   void (*app_reconfigure_done)(void *ctx, void *arg);
@@ -208,9 +211,11 @@ struct task_app_ctx_t {
   int (*app_setclass)(void *), *app_class_name, *app_class_arg;
   void (*app_sock_hook_a)(void), (*app_sock_hook_b)(void);
   void (*app_db_opened)(void);
+  void (*app_db_after_open)(void);
   uintptr_t app_db_handle;
   void (*app_task_deleted)(task *tp);
-  void (*app_pre_read)(void), (*app_pre_init)(void), (*app_after_reread)(void);
+  int (*app_pre_read)(void);  // 0 stops the read
+  void (*app_pre_init)(void), (*app_after_reread)(void);
   void *app_open_file, *app_read_file, *app_close_file;
   void (*app_switch_mode)(void);
   uint32_t app_recv_buf_size, app_send_buf_size;
@@ -242,7 +247,11 @@ struct task_base_var {
   task_job *taskbase_collect_job;
   task_timer *taskbase_shutdown_timer;
   uint32_t taskbase_term_count;  // SIGTERMs seen
-  task_timer *taskbase_term_timer;
+  task_timer *taskbase_term_timer;  // "Task Terminate"
+  uint32_t taskbase_term_remaining; // app_term_remaining at the last SIGTERM
+  uint32_t taskbase_term_repeats;   // SIGTERMs that found it unchanged
+  uint8_t taskbase_rebooting;       // "hw.re.tvx_rebooting"
+  hbt_root task_lowmem_list;        // tasks with a low-memory method, by priority
 };
 
 // The kernel state of tp's context (the current one for null or a task
