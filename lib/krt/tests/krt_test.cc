@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "evlog/evlog.h"
+#include "mem/pool.h"
 #include "krt_peer.h"
 #include "task/domain.h"
 
@@ -141,10 +142,17 @@ TEST_F(Krt, NothingIsHandledWhileTerminating) {
 TEST_F(Krt, EnvelopesThatDoNotDecodeAreDroppedWithoutALine) {
   krt_start(&cfg);
   evlog_capture &cap = evlog_capture_start();
-  // A TLV envelope whose attribute runs past its end, an IDR envelope cut
-  // short, a record of 3 bytes, and a first word of no known magic.
-  FakePeer::Msg tlv = {0x11, 0x50, 0, 0, 12, 0, 0, 0, 89, 0, 0, 0, 1, 0, 0, 0, 0xff, 0, 0, 0, 0, 0, 0, 0};
+  // A TLV envelope with its header twice, an IDR envelope cut short, a
+  // record of 3 bytes, and a first word of no known magic.
+  FakePeer::Msg tlv = {0x11, 0x50, 0, 0, 16, 0, 0, 0, 89, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
   FakePeer::Msg idr = {0x22, 0x50, 0, 0, 40, 0, 0, 0, 89, 0, 0, 0, 1, 2};
+  alignas(16) uint8_t mem[4096];
+  for (auto *m : {&tlv, &idr}) {
+    mem_temp arena;
+    mem_temp_init(&arena, mem, sizeof mem, false);
+    rts_msg_pair out{};
+    ASSERT_LE(krt_decode(m->data(), static_cast<uint32_t>(m->size()), &out, &arena), 0);
+  }
   for (auto &m : {tlv, idr, FakePeer::Msg{1, 2, 3}, FakePeer::Msg{9, 9, 9, 9, 9, 9}}) peer.push(m);
   notify(bd(4, 44));
   ASSERT_TRUE(until([] { return !seen.empty(); }));
