@@ -2,6 +2,8 @@
 // sends them, retries through "krt defer", and the errno rules of a send.
 #include "krt/krt_queue.h"
 
+#include <poll.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -208,9 +210,16 @@ void krt_dequeue_job(task_job *jp) {
   task_job_delete(jp);
   krt_queue_job_p = nullptr;
   if (r == kFull) {
-    // The peer's backlog: let the read job drain it, then try again.
-    if (krt_g.tp) {
+    if (!krt_g.tp) return;
+    // A socket with room said EAGAIN for the peer: our receive backlog is
+    // full. Drain it with the read job and come back by the defer timer.
+    // Write selection is for a socket that is full itself.
+    pollfd pf{krt_g.tp->task_socket, POLLOUT, 0};
+    if (poll(&pf, 1, 0) == 1 && (pf.revents & POLLOUT)) {
       krt_read_ready(krt_g.tp);
+      defer_timer = task_timer_create(krt_g.tp, "krt defer", TIMERF_DELETE, 0, KRT_RETRY_BACKLOG, 0, defer_fired,
+                                      nullptr);
+    } else {
       task_write_enable(krt_g.tp);
     }
     return;
