@@ -2,6 +2,10 @@
 // resynchronisation mode, the send side.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <csignal>
+
 #include "evlog/evlog.h"
 #include "mem/pool.h"
 #include "krt_peer.h"
@@ -55,6 +59,33 @@ TEST_F(Krt, OptionalOptionsAndTheForegroundMask) {
   EXPECT_EQ(u32(peer.options[RTS_OPT_ROUTE_VETO]), 1u);
   EXPECT_EQ(peer.options[RTS_OPT_LISTEN_MASK], FakePeer::Msg({0x20, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_TRUE(krt_is_deferred());
+}
+
+TEST_F(Krt, TheFilterTextTravelsInlineInTheFilterRecord) {
+  static std::string released;
+  cfg.filter_build = [] { return static_cast<const char *>("match type 89"); };
+  cfg.filter_release = [](const char *t) { released = t; };
+  krt_start(&cfg);
+  EXPECT_EQ(released, "match type 89");
+  const FakePeer::Msg &rec = peer.options[RTS_OPT_FILTER];
+  ASSERT_EQ(rec.size(), KRT_FILTER_RECORD);
+  uint32_t mask[2], flag;
+  memcpy(mask, rec.data(), 8);
+  memcpy(&flag, rec.data() + 8, 4);
+  EXPECT_EQ(mask[0], 0u);
+  EXPECT_EQ(mask[1], 0x1001u);  // the listen mask with bit 0 of its second word
+  EXPECT_EQ(flag, 1u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(rec.data() + KRT_FILTER_PROGRAM_OFF)), "match type 89");
+  // The file is gone.
+  char path[64];
+  snprintf(path, sizeof path, "/tmp/libztask_krt_gencfg_filter_%d.txt", static_cast<int>(getpid()));
+  EXPECT_NE(access(path, F_OK), 0);
+}
+
+TEST_F(Krt, AFilterThatCannotBeSetIsFatal) {
+  cfg.filter_build = [] { return static_cast<const char *>("x"); };
+  peer.option_errno[RTS_OPT_FILTER] = EINVAL;
+  EXPECT_EXIT(krt_start(&cfg), testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST_F(Krt, AFailingOptionDoesNotStopTheStart) {
