@@ -230,6 +230,17 @@ TEST_F(Queue, PurgeAndDatabaseDeleteDropQueuedEntries) {
   EXPECT_EQ(krt_queue_job(), nullptr);
 }
 
+TEST_F(Queue, TheMultiThreadQueueIsAForegroundJob) {
+  cfg.multi_thread_queue = 1;
+  Obj a{{}, 1, false, false};
+  krt_db_notify(1, &a.ent);
+  ASSERT_NE(krt_queue_job(), nullptr);
+  EXPECT_STREQ(task_job_get_name(krt_queue_job()), "krt foreground queue");
+  EXPECT_EQ(krt_queue_job()->task_job_priority, TASK_JOB_FOREGROUND);
+  ASSERT_TRUE(until(idle));
+  EXPECT_EQ(sent.size(), 1u);
+}
+
 TEST_F(Queue, TableNames) {
   EXPECT_STREQ(krt_db_table_names[0], "INVALID");
   EXPECT_STREQ(krt_db_table_names[8], "Composite NH");
