@@ -99,8 +99,9 @@ std::string Server::command(const std::string &line) {
   if (verb == "show") return admin_show(rest);
   if (verb == "clients") return admin_clients();
   if (verb == "fault") return admin_fault(rest);
+  if (verb == "flood") return admin_flood(rest);
   if (verb == "help")
-    return "add|change|delete KIND field=value ...\nshow [KIND]\nclients\n"
+    return "add|change|delete KIND field=value ...\nshow [KIND]\nclients\nflood COUNT KIND key=value ...\n"
            "fault fail KIND|TYPE ERRNO | fault silent KIND|TYPE | fault raw all|CLIENT HEX\n"
            "fault version iface N | fault version count N | fault version type TYPE N | fault clear\nok\n";
   return error("unknown command " + verb);
@@ -146,6 +147,45 @@ std::string Server::admin_clients() {
     out += line;
   }
   return out + "ok\n";
+}
+
+// COUNT change notifications of one stored object (the same bytes each time)
+// to every client that listens for its type, sent as fast as each client
+// reads them: a flood is not bound by the backlog of a slow reader.
+std::string Server::admin_flood(const std::string &rest) {
+  std::istringstream in(rest);
+  std::string count_text;
+  in >> count_text;
+  std::string obj_text;
+  std::getline(in, obj_text);
+  char *end;
+  unsigned long long count = strtoull(count_text.c_str(), &end, 0);
+  if (count_text.empty() || *end || count == 0) return error("bad count " + count_text);
+  uint32_t type;
+  std::unique_ptr<Object> obj;
+  std::string why;
+  if (!parse_object(obj_text, &type, &obj, &why)) return error(why);
+  const Object *found = store_.find_exact(type, Store::key_of(type, obj->rec()));
+  if (!found) return error(strerror(ENOENT));
+  uint32_t w, bit;
+  if (!rts_listen_bit(type, &w, &bit)) return error("no listen bit for this kind");
+  std::unique_ptr<Object> copy = clone(type, found->rec());
+  copy->hdr().operation = RTS_OP_CHANGE;
+  copy->hdr().sender = 0;
+  copy->hdr().seq = ++notify_seq_;
+  rts_msg_pair pair{type, copy->rec()};
+  int n = rts_tlv_encode(&pair, nullptr, nullptr, 0);
+  std::vector<uint8_t> bytes(static_cast<size_t>(n));
+  rts_tlv_encode(&pair, nullptr, bytes.data(), static_cast<uint32_t>(n));
+  int clients = 0;
+  for (auto &[id, c] : clients_) {
+    if (c.dead || !c.hello || !(c.listen[w] & bit)) continue;
+    c.flood_bytes = bytes;
+    c.flood_left += count;
+    clients++;
+    pump(c);
+  }
+  return "flooding " + std::to_string(count) + " to " + std::to_string(clients) + "\nok\n";
 }
 
 std::string Server::admin_fault(const std::string &rest) {

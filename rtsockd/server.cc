@@ -393,6 +393,21 @@ int Server::send_data(Client &c, const std::vector<uint8_t> &bytes, bool notific
   return 0;
 }
 
+void Server::pump(Client &c) {
+  while (c.flood_left && c.backlog.empty() && !c.dead) {
+    if (send(c.data, c.flood_bytes.data(), c.flood_bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+      if (errno != EAGAIN && errno != ENOBUFS) return drop(c, "cannot be written to");
+      watch(c.data, EPOLLIN | EPOLLOUT, tag(kData, c.id), true);
+      return;
+    }
+    c.flood_left--;
+  }
+  if (!c.flood_left && c.backlog.empty()) {
+    c.flood_bytes.clear();
+    watch(c.data, EPOLLIN, tag(kData, c.id), true);
+  }
+}
+
 void Server::flush(Client &c) {
   while (!c.backlog.empty()) {
     const auto &m = c.backlog.front();
@@ -404,6 +419,7 @@ void Server::flush(Client &c) {
     c.backlog.pop_front();
   }
   watch(c.data, EPOLLIN, tag(kData, c.id), true);
+  if (c.flood_left) pump(c);
   if (c.stalled) {
     log("client %d (sender %u) reads again; %llu notifications were dropped", c.id, c.sender,
         static_cast<unsigned long long>(c.dropped));

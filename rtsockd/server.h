@@ -30,6 +30,10 @@ struct Client {
   size_t backlog_bytes = 0;
   uint64_t dropped = 0;
   bool stalled = false;
+  // A flood (admin "flood"): copies of one notification still to send, paced
+  // by the client's reading rather than its backlog.
+  uint64_t flood_left = 0;
+  std::vector<uint8_t> flood_bytes;
 };
 
 struct Faults {
@@ -64,6 +68,7 @@ class Server {
   void on_ctl(Client &c);
   void on_admin(AdminConn &a);
   void flush(Client &c);
+  void pump(Client &c);
   void drop(Client &c, const char *why);
   bool hello(Client &c, const uint8_t *buf, ssize_t n, int passed_fd);
   int handle(Client &c, const uint8_t *buf, size_t n);
@@ -80,6 +85,7 @@ class Server {
   std::string admin_fault(const std::string &rest);
   std::string admin_show(const std::string &rest);
   std::string admin_clients();
+  std::string admin_flood(const std::string &rest);
 
   Store &store_;
   std::string path_;

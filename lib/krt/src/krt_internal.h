@@ -37,6 +37,9 @@ void krt_read_stop(void);
 // caller frees with krt_big_free. Null when the encoder fails.
 uint8_t *krt_encode(const rts_msg_pair *message, uint32_t *length);
 void krt_big_free(uint8_t *buf);
+// rtsm_buffer, or a big buffer of length rounded up to 1024 ("big_rtsm_buffer"
+// is the fault when it cannot be had); *size is its size.
+uint8_t *krt_buffer_for(uint32_t length, uint32_t *size);
 // Receives until the reply to (type, seq, op) comes; others are dispatched.
 // 0 with *reply (decoded into the arena, or the raw bytes in the receive
 // buffer) and *length, the receive's errno, KRT_REPLY_MAGIC for a record of

@@ -2,6 +2,8 @@
 // sends them, retries through "krt defer", and the errno rules of a send.
 #include "krt/krt_queue.h"
 
+#include <poll.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -114,15 +116,9 @@ int dequeue(krt_queue_entry *kq) {
     KRT_TRACE("%s: type %s op %s encode returned 0", name, tname, oname);
     return kRetry;
   }
-  uint8_t *buf = rtsm_buffer;
-  uint32_t rtsm_buffer_size = KRT_RTSM_BUFFER_SIZE;
-  if (length > rtsm_buffer_size) {
-    rtsm_buffer_size = (length + KRT_BIG_BUFFER_ROUND - 1) / KRT_BIG_BUFFER_ROUND * KRT_BIG_BUFFER_ROUND;
-    uint8_t *big_rtsm_buffer = static_cast<uint8_t *>(malloc(rtsm_buffer_size));
-    task_assert(big_rtsm_buffer);
-    krt_big_buffer_count++;
-    krt_big_buffer_last = rtsm_buffer_size;
-    buf = big_rtsm_buffer;
+  uint32_t rtsm_buffer_size;
+  uint8_t *buf = krt_buffer_for(length, &rtsm_buffer_size);
+  if (buf != rtsm_buffer) {
     length = t->kqt_encode(kq, kq->kq_op, buf, rtsm_buffer_size);
     task_assert(length <= rtsm_buffer_size);
   }
@@ -214,9 +210,16 @@ void krt_dequeue_job(task_job *jp) {
   task_job_delete(jp);
   krt_queue_job_p = nullptr;
   if (r == kFull) {
-    // The peer's backlog: let the read job drain it, then try again.
-    if (krt_g.tp) {
+    if (!krt_g.tp) return;
+    // A socket with room said EAGAIN for the peer: our receive backlog is
+    // full. Drain it with the read job and come back by the defer timer.
+    // Write selection is for a socket that is full itself.
+    pollfd pf{krt_g.tp->task_socket, POLLOUT, 0};
+    if (poll(&pf, 1, 0) == 1 && (pf.revents & POLLOUT)) {
       krt_read_ready(krt_g.tp);
+      defer_timer = task_timer_create(krt_g.tp, "krt defer", TIMERF_DELETE, 0, KRT_RETRY_BACKLOG, 0, defer_fired,
+                                      nullptr);
+    } else {
       task_write_enable(krt_g.tp);
     }
     return;
@@ -354,6 +357,11 @@ void krt_queue_switchover(int state) {
 int krt_queue_master_state(void) { return master_state; }
 
 void krt_queue_reset(void) {
+  for (auto &q : queues)
+    for (krt_queue_entry *kq = q.first, *next; kq; kq = next) {
+      next = kq->kq_next;
+      free(kq);  // owners may be gone already: not touched
+    }
   for (auto &q : queues) q = list_head{};
   krt_db_list = hbt_root{};
   krt_queue_job_p = nullptr;

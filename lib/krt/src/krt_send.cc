@@ -36,16 +36,8 @@ uint8_t *krt_encode(const rts_msg_pair *message, uint32_t *length) {
   int need = rts_idr_encode(message, nullptr, 0);
   if (need <= 0) return nullptr;
   uint32_t msgsize = static_cast<uint32_t>(need);
-  uint8_t *buf = rtsm_buffer;
-  uint32_t rtsm_buffer_size = KRT_RTSM_BUFFER_SIZE;
-  if (msgsize > rtsm_buffer_size) {
-    rtsm_buffer_size = (msgsize + KRT_BIG_BUFFER_ROUND - 1) / KRT_BIG_BUFFER_ROUND * KRT_BIG_BUFFER_ROUND;
-    uint8_t *big_rtsm_buffer = static_cast<uint8_t *>(malloc(rtsm_buffer_size));
-    task_assert(big_rtsm_buffer);
-    krt_big_buffer_count++;
-    krt_big_buffer_last = rtsm_buffer_size;
-    buf = big_rtsm_buffer;
-  }
+  uint32_t rtsm_buffer_size;
+  uint8_t *buf = krt_buffer_for(msgsize, &rtsm_buffer_size);
   task_assert(msgsize <= rtsm_buffer_size);
   int n = rts_idr_encode(message, buf, rtsm_buffer_size);
   if (n <= 0) {
@@ -54,6 +46,18 @@ uint8_t *krt_encode(const rts_msg_pair *message, uint32_t *length) {
   }
   *length = static_cast<uint32_t>(n);
   return buf;
+}
+
+uint8_t *krt_buffer_for(uint32_t length, uint32_t *size) {
+  *size = KRT_RTSM_BUFFER_SIZE;
+  if (length <= KRT_RTSM_BUFFER_SIZE) return rtsm_buffer;
+  uint32_t rtsm_buffer_size = (length + KRT_BIG_BUFFER_ROUND - 1) / KRT_BIG_BUFFER_ROUND * KRT_BIG_BUFFER_ROUND;
+  auto *big_rtsm_buffer = static_cast<uint8_t *>(malloc(rtsm_buffer_size));
+  task_assert(big_rtsm_buffer);
+  krt_big_buffer_count++;
+  krt_big_buffer_last = rtsm_buffer_size;
+  *size = rtsm_buffer_size;
+  return big_rtsm_buffer;
 }
 
 void krt_big_free(uint8_t *buf) {

@@ -156,6 +156,29 @@ TEST_F(Queue, WhileTerminatingRetryIsOneSecondAndEpermOnADeleteIsDone) {
   EXPECT_EQ(c.ent.kde_q_ent->kq_retry, t0 + KRT_RETRY_TERMINATING);
 }
 
+TEST_F(Queue, TerminationDeletesTheTaskWhenTheLastEntryIsDone) {
+  Obj a{{}, 1, true, false};
+  verdicts[{1, KQ_DELETE}] = {EIO};
+  a.ent.kde_deleted = 1;
+  krt_block();
+  krt_db_notify(1, &a.ent);
+  task *tp = krt_task();
+  task_state |= TASKS_TERMINATE;
+  krt_terminate(tp);
+  EXPECT_EQ(krt_task(), tp);  // one entry left: the task stays
+  EXPECT_FALSE(task_flag_test(tp, TASK_FLAG_DELETE));
+  krt_unblock();
+  ASSERT_TRUE(until(idle));
+  EXPECT_EQ(krt_task(), tp);  // refused: retried after a second
+  EXPECT_EQ(a.ent.kde_q_ent->kq_retry, now() + KRT_RETRY_TERMINATING);
+  tt::advance(1.5);
+  ASSERT_TRUE(until([] { return krt_queue_count() == 0; }));
+  task_state &= ~TASKS_TERMINATE;
+  EXPECT_EQ(krt_task(), nullptr);
+  EXPECT_TRUE(task_flag_test(tp, TASK_FLAG_DELETE));
+  EXPECT_TRUE(a.freed);
+}
+
 TEST_F(Queue, AFullSocketStopsTheWalkAndWaitsForTheReader) {
   Obj a{{}, 1, false, false}, b{{}, 2, false, false};
   verdicts[{1, KQ_ADD}] = {EAGAIN};
@@ -165,11 +188,15 @@ TEST_F(Queue, AFullSocketStopsTheWalkAndWaitsForTheReader) {
   EXPECT_EQ(sent.size(), 1u);  // b was not tried
   EXPECT_EQ(krt_queue_count(), 2u);
   EXPECT_EQ(krt_queue_length(1), 2u);  // nothing moved to the retry list
-  EXPECT_EQ(krt_queue_defer_timer(), nullptr);
-  // The reader is started; write selection will bring the job back.
+  // The socket has room: the peer's verdict, our backlog is full. The reader
+  // runs and the defer timer brings the job back, not write selection.
   EXPECT_EQ(krt_queue_job(), nullptr);
   EXPECT_NE(krt_read_job(), nullptr);
-  EXPECT_FALSE(task_flag_test(krt_task(), TASK_FLAG_WRITEDISABLE));
+  EXPECT_TRUE(task_flag_test(krt_task(), TASK_FLAG_WRITEDISABLE));
+  ASSERT_NE(krt_queue_defer_timer(), nullptr);
+  passes(4);
+  EXPECT_EQ(sent.size(), 1u);
+  tt::advance(static_cast<double>(KRT_RETRY_BACKLOG) + 0.5);
   ASSERT_TRUE(until([] { return krt_queue_count() == 0; }));
   EXPECT_EQ(sent.size(), 3u);
 }
@@ -203,6 +230,17 @@ TEST_F(Queue, PurgeAndDatabaseDeleteDropQueuedEntries) {
   EXPECT_EQ(krt_queue_job(), nullptr);
 }
 
+TEST_F(Queue, TheMultiThreadQueueIsAForegroundJob) {
+  cfg.multi_thread_queue = 1;
+  Obj a{{}, 1, false, false};
+  krt_db_notify(1, &a.ent);
+  ASSERT_NE(krt_queue_job(), nullptr);
+  EXPECT_STREQ(task_job_get_name(krt_queue_job()), "krt foreground queue");
+  EXPECT_EQ(krt_queue_job()->task_job_priority, TASK_JOB_FOREGROUND);
+  ASSERT_TRUE(until(idle));
+  EXPECT_EQ(sent.size(), 1u);
+}
+
 TEST_F(Queue, TableNames) {
   EXPECT_STREQ(krt_db_table_names[0], "INVALID");
   EXPECT_STREQ(krt_db_table_names[8], "Composite NH");
@@ -210,6 +248,67 @@ TEST_F(Queue, TableNames) {
   EXPECT_STREQ(krt_db_table_names[27], "fc nexthop");
   EXPECT_STREQ(krt_db_table_names[40], "DHCPV6SNOOP");
   EXPECT_STREQ(krt_db_table_names[44], "Satellite route");
+}
+
+}  // namespace
+
+namespace {
+
+// A socket that fills up itself: the lower edge writes into one end of a
+// socket pair that nobody reads until the test does.
+int pair_fd[2];
+int sp_open(void *) { return pair_fd[0]; }
+int sp_close(void *, int) { return 0; }
+int sp_setopt(void *, int, int, int, const void *, socklen_t) { return 0; }
+int sp_getopt(void *, int, int, int, void *, socklen_t *len) {
+  *len = 0;
+  return 0;
+}
+ssize_t sp_write(void *, int fd, const void *b, size_t n) { return send(fd, b, n, MSG_DONTWAIT); }
+ssize_t sp_read(void *, int fd, void *b, size_t n) { return recv(fd, b, n, MSG_DONTWAIT); }
+const rts_lower_ops kPairEdge = {sp_open, sp_close, sp_setopt, sp_getopt, sp_write, sp_read, sp_read, nullptr};
+
+class FullSocket : public tt::Io {};
+
+TEST_F(FullSocket, ALocalEagainWaitsForWriteSelection) {
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair_fd), 0);
+  rts_lower_set(&kPairEdge);
+  sent.clear();
+  krt_reset();
+  krt_var_init();
+  static krt_handler_fn handlers[KRT_HANDLER_COUNT];
+  static krt_config cfg{};
+  cfg.handlers = handlers;
+  krt_start(&cfg);
+  static krt_db_entry db{};
+  db.k_db_handle = 1;
+  db.kde_type = &kTypeA;
+  krt_db_register(&db);
+  static std::vector<Obj> objs;
+  objs.resize(2000);
+  for (uint32_t i = 0; i < objs.size(); i++) {
+    objs[i] = Obj{{}, 1000 + i, false, false};  // 999 would be "nothing to do"
+    krt_db_notify(1, &objs[i].ent);
+  }
+  task_job_force(krt_queue_job());
+  uint32_t left = krt_queue_count();
+  ASSERT_GT(left, 0u);  // the socket filled before the queue emptied
+  EXPECT_EQ(krt_queue_defer_timer(), nullptr);
+  EXPECT_FALSE(task_flag_test(krt_task(), TASK_FLAG_WRITEDISABLE));
+  // Reading the other end makes room; write selection brings the job back.
+  size_t got = 0;
+  uint8_t buf[256];
+  for (int i = 0; i < 200 && krt_queue_count(); i++) {
+    while (recv(pair_fd[1], buf, sizeof buf, MSG_DONTWAIT) > 0) got++;
+    real_passes(2);
+  }
+  while (recv(pair_fd[1], buf, sizeof buf, MSG_DONTWAIT) > 0) got++;
+  EXPECT_EQ(krt_queue_count(), 0u);
+  EXPECT_EQ(got, objs.size());
+  EXPECT_GT(krt_queue_stats[5][KQ_ADD].failed, 0u);
+  EXPECT_EQ(krt_queue_stats[5][KQ_ADD].sent, objs.size() + krt_queue_stats[5][KQ_ADD].failed);
+  krt_reset();
+  rts_lower_set(nullptr);
 }
 
 }  // namespace

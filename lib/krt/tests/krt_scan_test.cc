@@ -170,6 +170,50 @@ TEST_F(Scan, ForegroundScanAndCompletionHooks) {
   EXPECT_EQ(events.size(), 2u);
 }
 
+// A raw table: statistics records of devices 2 and 4, by index.
+void stats_request(void *m, uint32_t *len, krt_scan_state *st) {
+  rts_ifstats_msg r{};
+  r.hdr.type = RTS_T_IFDSTATS;
+  r.hdr.operation = st->first_request ? RTS_OP_GET : RTS_OP_GETNEXT;
+  r.hdr.seq = krt_seq();
+  r.hdr.length = sizeof r;
+  memcpy(&r.ifsm_index, st->priv, 4);
+  memcpy(m, &r, sizeof r);
+  *len = sizeof r;
+}
+int stats_reply(void *m, uint32_t len, krt_scan_state *st) {
+  rts_ifstats_msg r;
+  EXPECT_EQ(len, sizeof r);
+  memcpy(&r, m, sizeof r);
+  scanned.push_back(static_cast<uint16_t>(r.ifsm_index));
+  memcpy(st->priv, &r.ifsm_index, 4);
+  return 1;
+}
+
+TEST_F(Scan, RawRecordsAreScannedAsTheyCome) {
+  static const krt_scan raw_scan = {15, 0, 4, 1, nullptr, nullptr, nullptr, stats_request, stats_reply, nullptr};
+  raw_verdict = [this](const FakePeer::Msg &m) {
+    rts_ifstats_msg q;
+    memcpy(&q, m.data(), sizeof q);
+    uint32_t next = q.hdr.operation == RTS_OP_GET ? (q.ifsm_index == 2 || q.ifsm_index == 4 ? q.ifsm_index : 0)
+                                                  : (q.ifsm_index < 2 ? 2 : q.ifsm_index < 4 ? 4 : 0);
+    if (!next) return ENOENT;
+    // A notification first, raw too: dispatched, not the reply.
+    peer.push(raw(RTS_T_IFDSTATS, {}, q.hdr.seq + 1000, RTS_OP_CHANGE));
+    rts_ifstats_msg r = q;
+    r.ifsm_index = next;
+    r.ifsm_ipackets = next * 10;
+    peer.push(FakePeer::Msg(reinterpret_cast<uint8_t *>(&r), reinterpret_cast<uint8_t *>(&r) + sizeof r));
+    return 0;
+  };
+  handlers[RTS_T_IFDSTATS] = record;
+  cfg.current_scans = &raw_scan;
+  cfg.current_scan_count = 1;
+  krt_start(&cfg);
+  EXPECT_EQ(scanned, (std::vector<uint16_t>{2, 4}));
+  EXPECT_EQ(seen.size(), 2u);
+}
+
 TEST_F(Scan, RequestBuildersFillHeaderAndCursor) {
   alignas(8) uint8_t st_mem[sizeof(krt_scan_state) + 32] = {};
   auto *st = reinterpret_cast<krt_scan_state *>(st_mem);

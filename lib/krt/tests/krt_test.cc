@@ -2,7 +2,12 @@
 // resynchronisation mode, the send side.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <csignal>
+
 #include "evlog/evlog.h"
+#include "mem/pool.h"
 #include "krt_peer.h"
 #include "task/domain.h"
 
@@ -54,6 +59,52 @@ TEST_F(Krt, OptionalOptionsAndTheForegroundMask) {
   EXPECT_EQ(u32(peer.options[RTS_OPT_ROUTE_VETO]), 1u);
   EXPECT_EQ(peer.options[RTS_OPT_LISTEN_MASK], FakePeer::Msg({0x20, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_TRUE(krt_is_deferred());
+}
+
+TEST_F(Krt, TheFilterTextTravelsInlineInTheFilterRecord) {
+  static std::string released;
+  cfg.filter_build = [] { return static_cast<const char *>("match type 89"); };
+  cfg.filter_release = [](const char *t) { released = t; };
+  krt_start(&cfg);
+  EXPECT_EQ(released, "match type 89");
+  const FakePeer::Msg &rec = peer.options[RTS_OPT_FILTER];
+  ASSERT_EQ(rec.size(), KRT_FILTER_RECORD);
+  uint32_t mask[2], flag;
+  memcpy(mask, rec.data(), 8);
+  memcpy(&flag, rec.data() + 8, 4);
+  EXPECT_EQ(mask[0], 0u);
+  EXPECT_EQ(mask[1], 0x1001u);  // the listen mask with bit 0 of its second word
+  EXPECT_EQ(flag, 1u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char *>(rec.data() + KRT_FILTER_PROGRAM_OFF)), "match type 89");
+  // The file is gone.
+  char path[64];
+  snprintf(path, sizeof path, "/tmp/libztask_krt_gencfg_filter_%d.txt", static_cast<int>(getpid()));
+  EXPECT_NE(access(path, F_OK), 0);
+}
+
+TEST_F(Krt, AFilterThatCannotBeSetIsFatal) {
+  cfg.filter_build = [] { return static_cast<const char *>("x"); };
+  peer.option_errno[RTS_OPT_FILTER] = EINVAL;
+  EXPECT_EXIT(krt_start(&cfg), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(Krt, AFailingOptionDoesNotStopTheStart) {
+  peer.option_errno[RTS_OPT_SENDER_ID] = EINVAL;
+  peer.option_errno[RTS_OPT_ASYNC_MODE] = ENOPROTOOPT;
+  krt_start(&cfg);
+  EXPECT_FALSE(peer.options.count(RTS_OPT_SENDER_ID));
+  EXPECT_EQ(peer.options[RTS_OPT_LISTEN_MASK].size(), 8u);
+  EXPECT_EQ(krt_task()->task_socket, peer.fd);
+  notify(bd(1, 1));
+  ASSERT_TRUE(until([] { return !seen.empty(); }));
+}
+
+TEST_F(Krt, TerminateWaitsForTheQueueBeforeDeletingTheTask) {
+  krt_start(&cfg);
+  task *tp = krt_task();
+  krt_terminate(tp);
+  EXPECT_EQ(krt_task(), nullptr);  // nothing queued: gone at once
+  EXPECT_TRUE(task_flag_test(tp, TASK_FLAG_DELETE));
 }
 
 TEST_F(Krt, ElevenQueuedMessagesTakeTwoRunsWithReadSelectionOffBetween) {
@@ -122,10 +173,17 @@ TEST_F(Krt, NothingIsHandledWhileTerminating) {
 TEST_F(Krt, EnvelopesThatDoNotDecodeAreDroppedWithoutALine) {
   krt_start(&cfg);
   evlog_capture &cap = evlog_capture_start();
-  // A TLV envelope whose attribute runs past its end, an IDR envelope cut
-  // short, a record of 3 bytes, and a first word of no known magic.
-  FakePeer::Msg tlv = {0x11, 0x50, 0, 0, 12, 0, 0, 0, 89, 0, 0, 0, 1, 0, 0, 0, 0xff, 0, 0, 0, 0, 0, 0, 0};
+  // A TLV envelope with its header twice, an IDR envelope cut short, a
+  // record of 3 bytes, and a first word of no known magic.
+  FakePeer::Msg tlv = {0x11, 0x50, 0, 0, 16, 0, 0, 0, 89, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
   FakePeer::Msg idr = {0x22, 0x50, 0, 0, 40, 0, 0, 0, 89, 0, 0, 0, 1, 2};
+  alignas(16) uint8_t mem[4096];
+  for (auto *m : {&tlv, &idr}) {
+    mem_temp arena;
+    mem_temp_init(&arena, mem, sizeof mem, false);
+    rts_msg_pair out{};
+    ASSERT_LE(krt_decode(m->data(), static_cast<uint32_t>(m->size()), &out, &arena), 0);
+  }
   for (auto &m : {tlv, idr, FakePeer::Msg{1, 2, 3}, FakePeer::Msg{9, 9, 9, 9, 9, 9}}) peer.push(m);
   notify(bd(4, 44));
   ASSERT_TRUE(until([] { return !seen.empty(); }));

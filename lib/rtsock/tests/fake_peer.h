@@ -6,6 +6,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -33,6 +34,7 @@ struct FakePeer {
   std::deque<Msg> queue;                 // to the client
   std::vector<Msg> written;              // what the client wrote
   std::map<int, Msg> options;            // route-socket options set
+  std::map<int, int> option_errno;       // route-socket options that fail, with this errno
   std::map<int, int> socket_options;     // SO_SNDBUF, SO_RCVBUF
   uint32_t bulk_status[3] = {};
   // The kernel's side of a write: the verdict (errno or 0).
@@ -71,12 +73,7 @@ struct FakePeer {
 
   // Queues a reply in either encoding.
   void reply(uint32_t type, const void *record, bool tlv = false) {
-    rts_msg_pair pair{type, const_cast<void *>(record)};
-    int n = tlv ? rts_tlv_encode(&pair, nullptr, nullptr, 0) : rts_idr_encode(&pair, nullptr, 0);
-    Msg m(static_cast<size_t>(n));
-    if (tlv) rts_tlv_encode(&pair, nullptr, m.data(), n);
-    else rts_idr_encode(&pair, m.data(), n);
-    push(std::move(m));
+    push(samples::wire(type, record, tlv));
   }
 
   // Decodes what the client wrote last (an envelope).
@@ -114,6 +111,7 @@ struct FakePeer {
       cur->socket_options[name] = x;
       return 0;
     }
+    if (cur->option_errno.count(name)) return fail(cur->option_errno[name]);
     auto *b = static_cast<const uint8_t *>(v);
     cur->options[name] = Msg(b, b + len);
     return 0;
@@ -157,9 +155,8 @@ struct FakePeer {
   static ssize_t op_peek(void *, int, void *buf, size_t len) {
     if (cur->queue.empty()) return fail(EAGAIN);
     const Msg &m = cur->queue.front();
-    size_t n = m.size() < len ? m.size() : len;
-    memcpy(buf, m.data(), n);
-    return static_cast<ssize_t>(n);
+    memcpy(buf, m.data(), m.size() < len ? m.size() : len);
+    return static_cast<ssize_t>(m.size());  // the whole record, as the edge reports it
   }
   static constexpr rts_lower_ops kOps = {op_open, op_close, op_setopt, op_getopt,
                                         op_write, op_read, op_peek, nullptr};
@@ -178,4 +175,16 @@ struct LogCapture {
       if (l.first == level && l.second.find(text) != std::string::npos) return true;
     return false;
   }
+};
+
+// A handle opened over a fresh in-process peer, with what it logs kept.
+struct RtslibTest : ::testing::Test {
+  FakePeer peer;
+  LogCapture log;
+  rtslib_cookie *c = nullptr;
+  void SetUp() override {
+    c = rtslib_open(131);
+    ASSERT_NE(c, nullptr);
+  }
+  void TearDown() override { rtslib_close(c); }
 };

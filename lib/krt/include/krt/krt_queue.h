@@ -8,8 +8,10 @@
 // turns write selection on; deferral (krt_block) stops the job. When every
 // queue is empty each database's drained hook runs.
 //
-// Errno rules of a send: EAGAIN (the socket or the peer's backlog is full)
-// stops the walk; ENOENT, EOPNOTSUPP or EAFNOSUPPORT on an add or change
+// Errno rules of a send: EAGAIN stops the walk: from a socket that is full
+// itself, write selection brings the job back; from the peer (our receive
+// backlog is full), the read job drains it and the timer "krt defer" brings
+// the job back after KRT_RETRY_BACKLOG seconds. ENOENT, EOPNOTSUPP or EAFNOSUPPORT on an add or change
 // counts as done when the type allows it; EPERM on a delete while the
 // process terminates counts as done; every other error is retried.
 #pragma once
@@ -24,7 +26,7 @@ extern "C" {
 enum { KRT_PRIO_COUNT = 4 };
 enum : uint8_t { KQ_NONE = 0, KQ_ADD = 1, KQ_DELETE = 2, KQ_CHANGE = 3 };
 enum : uint8_t { DB_TABLE_INVALID = 0, DB_TABLE_MAX = 45 };
-enum : uint32_t { KRT_RETRY_SECONDS = 5, KRT_RETRY_TERMINATING = 1 };
+enum : uint32_t { KRT_RETRY_SECONDS = 5, KRT_RETRY_TERMINATING = 1, KRT_RETRY_BACKLOG = 1 };
 
 // "INVALID", "INSTANCE", "VLAN", ...; empty between the named ones.
 extern const char *const krt_db_table_names[DB_TABLE_MAX];
