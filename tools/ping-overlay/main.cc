@@ -1,0 +1,244 @@
+// ping-overlay: the overlay ping. Sends VXLAN OAM echo requests built by the
+// OAM library to a remote VTEP and reports its replies, in the manner of ping.
+//
+// One thread, one poll loop over three sockets: the UDP socket on this VTEP's
+// port 4789 (replies), a raw ICMP socket (errors about our probes) and the
+// raw send socket. Sending times and waits come from the monotonic clock.
+#include <arpa/inet.h>
+#include <netinet/ip.h>
+#include <netinet/ip_icmp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "options.h"
+#include "report.h"
+#include "tracker.h"
+
+namespace {
+
+constexpr int kLocalTimeoutMs = 5000;  // the responder answers from its tables at once
+volatile sig_atomic_t stop_requested;
+
+[[noreturn]] void fail(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void fail(const char *fmt, ...) {
+  fflush(stdout);
+  fputs("ping-overlay: ", stderr);
+  va_list ap;
+  va_start(ap, fmt);
+  vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  fputc('\n', stderr);
+  exit(2);
+}
+
+int64_t now_us() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+void on_signal(int) { stop_requested = 1; }
+
+// The library's set-up exits with -2 and a bare message; the usual reason,
+// missing privilege, gets the command's own clear line first.
+void check_privilege() {
+  int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW);
+  if (fd < 0 && (errno == EPERM || errno == EACCES))
+    fail("raw sockets need root (or CAP_NET_RAW): %s", strerror(errno));
+  if (fd >= 0) close(fd);
+}
+
+// The source the kernel would pick toward dst; fails with "no route".
+in_addr route_source(in_addr dst) {
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = htons(OAM_PORT);
+  sin.sin_addr = dst;
+  char d[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &dst, d, sizeof d);
+  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr *>(&sin), sizeof sin) < 0)
+    fail("no route to %s: %s", d, strerror(errno));
+  socklen_t len = sizeof sin;
+  getsockname(fd, reinterpret_cast<sockaddr *>(&sin), &len);
+  close(fd);
+  return sin.sin_addr;
+}
+
+uint32_t ask_local_responder(const po_options &o) {
+  uint32_t bd = 0;
+  int e = oam_local_lookup(o.vni, o.tunnel_dst, kLocalTimeoutMs, &bd);
+  if (e == ENOENT || e == ECONNREFUSED)
+    fail("the local responder tunechod is not running (nothing accepts on %s)", OAM_LOCAL_PATH);
+  if (e == ETIMEDOUT) fail("the local responder tunechod did not answer within %d s", kLocalTimeoutMs / 1000);
+  if (e) fail("cannot ask the local responder tunechod: %s", strerror(e));
+  if (bd == 0 && !o.json) {
+    char d[INET_ADDRSTRLEN];
+    fflush(stdout);
+    fprintf(stderr, "ping-overlay: warning: VNI %u has no bridge domain toward %s on this VTEP; probing anyway\n", o.vni,
+            inet_ntop(AF_INET, &o.tunnel_dst, d, sizeof d));
+  }
+  return bd;
+}
+
+// Replies come to this VTEP's port 4789. Bound to the tunnel source, the
+// socket wins over a local responder bound to the wildcard address.
+int reply_socket(in_addr src) {
+  int fd = ping_recv_socket_v4();
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = htons(OAM_PORT);
+  sin.sin_addr = src;
+  if (bind(fd, reinterpret_cast<sockaddr *>(&sin), sizeof sin) < 0) {
+    char s[INET_ADDRSTRLEN];
+    fail("cannot receive replies on %s port %d: %s", inet_ntop(AF_INET, &src, s, sizeof s), OAM_PORT,
+         strerror(errno));
+  }
+  return fd;
+}
+
+struct session {
+  const po_options &opt;
+  po_report rep;
+  ping_probe &pp;
+  po_tracker tracker;
+  int send_fd, reply_fd, icmp_fd;
+
+  void send_probe() {
+    pp.pp_seq = tracker.sent(now_us());
+    probe_build(&pp, pp.pp_tunnel_dst, opt.ttl, !opt.inner_ipv6);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr = pp.pp_tunnel_dst;
+    ssize_t n = sendto(send_fd, pp.pp_buf, pp.pp_len, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    if (n != pp.pp_len) {
+      char what[160];
+      snprintf(what, sizeof what, "send failed: %s", n < 0 ? strerror(errno) : "short write");
+      tracker.error(pp.pp_seq);
+      po_print_error(rep, pp.pp_seq, pp.pp_tunnel_src, what);
+      return;
+    }
+    po_print_sent(rep, pp);
+  }
+
+  void read_reply() {
+    uint8_t buf[2048];
+    sockaddr_in from{};
+    socklen_t flen = sizeof from;
+    ssize_t n = recvfrom(reply_fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &flen);
+    if (n <= 0) return;
+    ping_reply r;
+    // Requests to this VTEP and other traffic on the port are not ours.
+    if (!ping_reply_parse(buf, static_cast<size_t>(n), &r) || r.pr_type != 2) return;
+    int64_t rtt = -1;
+    po_verdict v = tracker.reply(r.pr_handle, r.pr_seq, r.pr_return_code, now_us(), &rtt);
+    po_print_reply(rep, v, r, from.sin_addr, static_cast<size_t>(n) + 28, rtt);
+  }
+
+  // An ICMP error quotes our probe: the quoted outer header, UDP, and enough
+  // of the rest (Linux quotes up to 576 bytes) to find handle and sequence.
+  void read_icmp() {
+    uint8_t buf[1500];
+    sockaddr_in from{};
+    socklen_t flen = sizeof from;
+    ssize_t n = recvfrom(icmp_fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &flen);
+    if (n < 20) return;
+    size_t ihl = (buf[0] & 0x0F) * 4u, len = static_cast<size_t>(n);
+    if (len < ihl + 8 + 20) return;
+    const uint8_t *icmp = buf + ihl, *q = icmp + 8;
+    uint8_t type = icmp[0], code = icmp[1];
+    if (type != ICMP_DEST_UNREACH && type != ICMP_TIME_EXCEEDED) return;
+    size_t qihl = (q[0] & 0x0F) * 4u;
+    const uint8_t *qudp = q + qihl;
+    if (q[9] != IPPROTO_UDP || memcmp(q + 12, &pp.pp_tunnel_src, 4) != 0 || qudp + 8 > buf + len ||
+        (qudp[2] << 8 | qudp[3]) != OAM_PORT)
+      return;
+    ping_reply r;
+    if (!ping_reply_parse(qudp + 8, static_cast<size_t>(buf + len - (qudp + 8)), &r) || r.pr_handle != tracker.handle())
+      return;
+    if (!tracker.error(r.pr_seq)) return;
+    const char *what = type == ICMP_TIME_EXCEEDED ? "Time to live exceeded"
+                       : code == ICMP_PORT_UNREACH ? "Destination Port Unreachable (no responder)"
+                       : code == ICMP_HOST_UNREACH ? "Destination Host Unreachable"
+                       : code == ICMP_NET_UNREACH  ? "Destination Net Unreachable"
+                                                   : "Destination Unreachable";
+    po_print_error(rep, r.pr_seq, from.sin_addr, what);
+  }
+
+  void run() {
+    const int64_t start = now_us(), interval = opt.interval_ms * 1000;
+    int64_t next_send = start;
+    long sent = 0;
+    while (!stop_requested) {
+      int64_t now = now_us();
+      bool more = opt.count == 0 || sent < opt.count;
+      if (more && now >= next_send) {
+        send_probe();
+        sent++;
+        next_send += interval;
+        continue;
+      }
+      for (uint32_t seq : tracker.expire(now)) po_print_timeout(rep, seq);
+      int64_t deadline = tracker.next_deadline();
+      if (!more && deadline < 0) break;
+      int64_t until = more ? next_send : deadline;
+      if (deadline >= 0 && deadline < until) until = deadline;
+      int timeout = until > now ? static_cast<int>((until - now + 999) / 1000) : 0;
+      pollfd fds[2] = {{reply_fd, POLLIN, 0}, {icmp_fd, POLLIN, 0}};
+      if (poll(fds, 2, timeout) > 0) {
+        if (fds[0].revents & POLLIN) read_reply();
+        if (fds[1].revents & POLLIN) read_icmp();
+      }
+    }
+    po_print_summary(rep, tracker.stats(), now_us() - start);
+  }
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  setvbuf(stdout, nullptr, _IOLBF, 0);  // one line at a time, also into a pipe
+  po_options opt;
+  std::string error;
+  switch (po_parse(argc, argv, &opt, &error)) {
+    case PO_HELP:
+      fputs(po_help_text, stdout);
+      return 0;
+    case PO_USAGE_ERROR:
+      fprintf(stderr, "ping-overlay: %s\nTry 'ping-overlay --help'.\n", error.c_str());
+      return 2;
+    case PO_RUN:
+      break;
+  }
+  check_privilege();
+  in_addr route_src = route_source(opt.tunnel_dst);
+  if (!opt.tunnel_src_set) opt.tunnel_src = route_src;
+  uint32_t bd = ask_local_responder(opt);
+
+  ping_probe pp{};
+  po_fill_probe(opt, &pp);
+  int send_fd = ping_send_socket_v4();
+  int reply_fd = reply_socket(opt.tunnel_src);
+  int icmp_fd = ping_icmp_socket();
+
+  struct sigaction sa{};
+  sa.sa_handler = on_signal;  // no SA_RESTART: the wait ends at once
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+
+  po_report rep{stdout, &opt};
+  if (!opt.json) hash_params_warn(opt.hash_have, HASH_NEEDED, opt.target != PING_TARGET_MAC);
+  pp.pp_len = opt.inner_ipv6 ? 168 : 148;
+  po_print_header(rep, pp, bd);
+  session s{opt, rep, pp, po_tracker(pp.pp_handle, opt.wait_ms * 1000), send_fd, reply_fd, icmp_fd};
+  s.run();
+  return s.tracker.stats().received ? 0 : 1;
+}
