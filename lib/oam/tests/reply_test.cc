@@ -1,0 +1,71 @@
+// The reply reader against replies laid out by hand from the packet tables.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "oam/oam.h"
+
+namespace {
+
+void put32(uint8_t *p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v >> 24);
+  p[1] = static_cast<uint8_t>(v >> 16);
+  p[2] = static_cast<uint8_t>(v >> 8);
+  p[3] = static_cast<uint8_t>(v);
+}
+
+// A reply's UDP payload: 102 bytes for inner IPv4, 122 for inner IPv6.
+std::vector<uint8_t> reply(bool v4) {
+  std::vector<uint8_t> p(v4 ? 102 : 122, 0);
+  p[0] = 0x09;
+  p[22] = v4 ? 0x45 : 0x60;
+  uint8_t *e = p.data() + (v4 ? 50 : 70), *t = e + 28;
+  e[0] = 2;
+  e[2] = 4;
+  put32(e + 4, 0xCAFE);
+  put32(e + 8, 12);
+  put32(e + 12, 1000);
+  put32(e + 16, 250);
+  put32(e + 20, 2000);
+  put32(e + 24, 999);
+  put32(t + 4, 0xABCDEF << 8);
+  t[23] = 1;
+  return p;
+}
+
+TEST(Reply, FieldsAtTheOffsetsOfEitherInnerFamily) {
+  for (bool v4 : {true, false}) {
+    std::vector<uint8_t> p = reply(v4);
+    ping_reply r{};
+    ASSERT_TRUE(ping_reply_parse(p.data(), p.size(), &r));
+    EXPECT_EQ(r.pr_inner_ipv4, v4);
+    EXPECT_EQ(r.pr_type, 2);
+    EXPECT_EQ(r.pr_return_code, PING_RC_VNI_KNOWN);
+    EXPECT_EQ(r.pr_handle, 0xCAFEu);
+    EXPECT_EQ(r.pr_seq, 12u);
+    EXPECT_EQ(r.pr_sent.tv_sec, 1000);
+    EXPECT_EQ(r.pr_sent.tv_usec, 250000);
+    EXPECT_EQ(r.pr_received.tv_usec, 999000) << "milliseconds on the wire";
+    EXPECT_EQ(r.pr_vni, 0xABCDEFu);
+    EXPECT_EQ(r.pr_mac_status, PING_MAC_PRESENT);
+    // One byte short of the MAC status, or no OAM bit: not an echo message.
+    EXPECT_FALSE(ping_reply_parse(p.data(), p.size() - 1, &r));
+    p[0] = 0x08;
+    EXPECT_FALSE(ping_reply_parse(p.data(), p.size(), &r));
+  }
+  EXPECT_FALSE(ping_reply_parse(nullptr, 0, nullptr));
+}
+
+TEST(Reply, CodesInWords) {
+  char b[32];
+  EXPECT_STREQ(ping_return_code_text(4, b, sizeof b), "VNI known");
+  EXPECT_STREQ(ping_return_code_text(2, b, sizeof b), "VNI unknown");
+  EXPECT_STREQ(ping_return_code_text(7, b, sizeof b), "return code 7");
+  EXPECT_STREQ(ping_mac_status_text(0, b, sizeof b), "MAC not checked");
+  EXPECT_STREQ(ping_mac_status_text(1, b, sizeof b), "MAC present");
+  EXPECT_STREQ(ping_mac_status_text(2, b, sizeof b), "MAC absent");
+  EXPECT_STREQ(ping_mac_status_text(300, b, sizeof b), "MAC status 300");
+}
+
+}  // namespace
