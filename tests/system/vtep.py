@@ -76,17 +76,22 @@ class Vtep:
             return ""
 
 
+def join(remote_ns, local_ns):
+    """veth0 (REMOTE, and REMOTE_LO on lo) in remote_ns, veth1 (LOCAL) in local_ns."""
+    remote_ns.call(["ip", "link", "add", "veth0", "type", "veth", "peer", "name", "veth1",
+                    "netns", str(local_ns.holder.pid)])
+    remote_ns.call(["ip", "addr", "add", f"{REMOTE}/24", "dev", "veth0"])
+    remote_ns.call(["ip", "addr", "add", f"{REMOTE_LO}/32", "dev", "lo"])
+    remote_ns.call(["ip", "link", "set", "veth0", "up"])
+    local_ns.call(["ip", "addr", "add", f"{LOCAL}/24", "dev", "veth1"])
+    local_ns.call(["ip", "link", "set", "veth1", "up"])
+    local_ns.call(["ip", "route", "add", f"{REMOTE_LO}/32", "via", REMOTE])
+
+
 class VtepPair:
     def __init__(self, remote_ns, local_ns, build, tmp, start_remote=True, quiet=True):
         self.remote_ns, self.local_ns, self.build = remote_ns, local_ns, str(build)
-        remote_ns.call(["ip", "link", "add", "veth0", "type", "veth", "peer", "name", "veth1",
-                        "netns", str(local_ns.holder.pid)])
-        remote_ns.call(["ip", "addr", "add", f"{REMOTE}/24", "dev", "veth0"])
-        remote_ns.call(["ip", "addr", "add", f"{REMOTE_LO}/32", "dev", "lo"])
-        remote_ns.call(["ip", "link", "set", "veth0", "up"])
-        local_ns.call(["ip", "addr", "add", f"{LOCAL}/24", "dev", "veth1"])
-        local_ns.call(["ip", "link", "set", "veth1", "up"])
-        local_ns.call(["ip", "route", "add", f"{REMOTE_LO}/32", "via", REMOTE])
+        join(remote_ns, local_ns)
         self.conf = os.path.join(str(tmp), "tunechod.conf")
         with open(self.conf, "w") as f:
             f.write(CONF)

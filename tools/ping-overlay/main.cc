@@ -218,6 +218,7 @@ int main(int argc, char **argv) {
     case PO_RUN:
       break;
   }
+  signal(SIGPIPE, SIG_IGN);  // a responder that hangs up early is an error, not death
   check_privilege();
   in_addr route_src = route_source(opt.tunnel_dst);
   if (!opt.tunnel_src_set) opt.tunnel_src = route_src;
