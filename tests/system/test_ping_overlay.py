@@ -3,6 +3,7 @@ a veth pair, each with rtsockd, fdblearnd and tunechod. The probes on the wire
 are read with scapy from the packet tables, never from the command's code."""
 
 import json
+import os
 import signal
 import socket
 import struct
@@ -10,6 +11,7 @@ import subprocess
 
 import pytest
 from scapy.layers.inet import IP, UDP
+from scapy.packet import Raw
 from scapy.layers.inet6 import IPv6
 from scapy.layers.l2 import Ether
 from scapy.layers.vxlan import VXLAN
@@ -90,18 +92,48 @@ def test_foreign_and_duplicate_replies_are_not_counted(pair):
         s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     s.sendto(forged_reply(handle ^ 0xFFFF, 1), ("192.0.2.2", overlay.OAM_PORT))  # another sender's
     s.sendto(forged_reply(handle, 77), ("192.0.2.2", overlay.OAM_PORT))  # a sequence never sent
-    lines = []
-    while "seq=1 time=" not in "".join(lines):
-        lines.append(p.stdout.readline())
+    out = read_until(p, "seq=1 time=")
     s.sendto(forged_reply(handle, 1, rc=overlay.RC_VNI_UNKNOWN), ("192.0.2.2", overlay.OAM_PORT))
     s.close()
-    out = "".join(lines) + p.stdout.read()
+    out += p.stdout.read()
     assert p.wait(timeout=10) == 0
     assert f"seq=1 handle {handle ^ 0xFFFF}: not a reply to this ping, ignored" in out
     assert f"seq=77 handle {handle}: not a reply to this ping, ignored" in out
     assert "seq=1: VNI unknown, MAC not checked (DUP! already answered, not counted)" in out
     assert "3 probes transmitted, 3 received, +1 duplicates, +2 foreign, 0% packet loss" in out
     assert "return codes: VNI known 3" in out
+
+
+def read_until(p, text):
+    lines = []
+    while text not in "".join(lines):
+        line = p.stdout.readline()
+        assert line, "".join(lines)
+        lines.append(line)
+    return "".join(lines)
+
+
+def test_late_replies_are_reported_not_counted(pair):
+    # The remote responder is frozen: probe 1's wait ends, then it answers.
+    os.killpg(pair.remote.tunechod.pid, signal.SIGSTOP)
+    p = pair.start_ping(["--vni", "100", "--mac", MAC, "-c", "3", "-i", "1", "-W", "0.3", "192.0.2.1"])
+    out = read_until(p, "no reply for seq=1 within 0.3 s")
+    os.killpg(pair.remote.tunechod.pid, signal.SIGCONT)
+    out += p.stdout.read()
+    p.wait(timeout=10)
+    assert "seq=1: VNI known, MAC present (late: after its wait, not counted)" in out
+    lost = out.count("no reply for seq=")
+    assert f"3 probes transmitted, {3 - lost} received, +{out.count('(late: ')} late" in out
+    assert out.count("return codes: VNI known ") == 1 and f"VNI known {3 - lost}\n" in out
+
+
+def test_interrupt_ends_with_the_summary(pair):
+    p = pair.start_ping(["--vni", "100", "--mac", MAC, "-i", "0.2", "192.0.2.1"])
+    read_until(p, "seq=2 time=")
+    p.send_signal(signal.SIGINT)
+    out = p.stdout.read()
+    assert p.wait(timeout=10) == 0
+    assert "overlay ping statistics, VNI 100 ---" in out and "0% packet loss" in out
 
 
 def test_responder_stopped_means_no_reply(pair):
@@ -178,6 +210,19 @@ def test_probe_bytes(pair, mode, args, length, inner_v4, tlv):
     assert (mtype, mode_, rc, sub, seq, rs, rms) == (1, 3, 0, 0, 1, 0, 0)
     assert sent_s > 1_700_000_000 and sent_ms < 1000
     assert rest[:len(tlv)] == tlv and rest[len(tlv):] == bytes(len(rest) - len(tlv))
+    # The whole probe, byte for byte, against one scapy builds from the
+    # layout; only what varies from run to run is taken from the wire: the
+    # kernel's IP identification, the hash port, the handle and the sent time.
+    handle = struct.unpack("!I", echo[4:8])[0]
+    end_host = (IP(src="192.0.2.2", dst="127.0.0.1", ttl=255, id=0, flags=0) if inner_v4 else
+                IPv6(src="::ffff:192.0.2.2", dst="::1", hlim=255, nh=17))
+    payload = struct.pack("!BBBBIIIIII", 1, 3, 0, 0, handle, 1, sent_s, sent_ms, 0, 0) + tlv
+    payload += bytes(length - (78 if inner_v4 else 98) - len(payload))
+    golden = (IP(src="192.0.2.2", dst="192.0.2.1", ttl=255, id=ip.id, flags=0, tos=0) /
+              UDP(sport=udp.sport, dport=4789, chksum=0) / VXLAN(flags=0x09, vni=100) /
+              Ether(src="00:00:5e:90:00:ff", dst="00:00:5e:90:00:ff", type=0x0800) / end_host /
+              UDP(sport=4789, dport=4789, chksum=0) / Raw(payload))
+    assert bytes(ip) == bytes(golden)
 
 
 def test_outer_source_port_follows_the_flow(pair):
