@@ -132,6 +132,32 @@ struct parser {
     return true;
   }
 
+  // The end host's numbers: each one given is a stated hash parameter.
+  bool end_host_number(int c, const char *arg) {
+    static const struct {
+      int opt;
+      const char *name;
+      unsigned long max;
+      uint32_t bit;
+      uint32_t po_options::*field;
+    } kNumbers[] = {
+        {OPT_VLAN, "VLAN", 4095, HASH_VLAN, &po_options::vlan},
+        {OPT_INPUT_IFD, "input interface index", UINT32_MAX, HASH_INPUT_IFD, &po_options::input_ifd},
+        {OPT_PROTOCOL, "protocol", 255, HASH_PROTOCOL, &po_options::protocol},
+        {OPT_L4_SRC, "L4 source port", 65535, HASH_L4_SRC_PORT, &po_options::l4_src_port},
+        {OPT_L4_DST, "L4 destination port", 65535, HASH_L4_DST_PORT, &po_options::l4_dst_port},
+    };
+    for (const auto &n : kNumbers) {
+      if (n.opt != c) continue;
+      unsigned long v;
+      if (!number(n.name, arg, n.max, &v)) return false;
+      o->*n.field = static_cast<uint32_t>(v);
+      o->hash_have |= n.bit;
+      return true;
+    }
+    return fail("unknown option");
+  }
+
   bool option(int c, const char *arg) {
     unsigned long v = 0;
     switch (c) {
@@ -172,31 +198,6 @@ struct parser {
         if (inner_family == 4) return fail("inner addresses mix IPv4 and IPv6");
         inner_family = 6;
         return true;
-      case OPT_VLAN:
-        o->hash_have |= HASH_VLAN;
-        if (!number("VLAN", arg, 4095, &v)) return false;
-        o->vlan = static_cast<uint16_t>(v);
-        return true;
-      case OPT_INPUT_IFD:
-        o->hash_have |= HASH_INPUT_IFD;
-        if (!number("input interface index", arg, UINT32_MAX, &v)) return false;
-        o->input_ifd = static_cast<uint32_t>(v);
-        return true;
-      case OPT_PROTOCOL:
-        o->hash_have |= HASH_PROTOCOL;
-        if (!number("protocol", arg, 255, &v)) return false;
-        o->protocol = static_cast<uint8_t>(v);
-        return true;
-      case OPT_L4_SRC:
-        o->hash_have |= HASH_L4_SRC_PORT;
-        if (!number("L4 source port", arg, 65535, &v)) return false;
-        o->l4_src_port = static_cast<uint16_t>(v);
-        return true;
-      case OPT_L4_DST:
-        o->hash_have |= HASH_L4_DST_PORT;
-        if (!number("L4 destination port", arg, 65535, &v)) return false;
-        o->l4_dst_port = static_cast<uint16_t>(v);
-        return true;
       case 'c':
         if (!number("count", arg, 1000000000, &v)) return false;
         if (v == 0) return fail("bad count '0' (1 or more)");
@@ -216,7 +217,7 @@ struct parser {
         o->json = true;
         return true;
     }
-    return fail("unknown option");
+    return end_host_number(c, arg);
   }
 };
 
@@ -287,10 +288,10 @@ void po_fill_probe(const po_options &o, struct ping_probe *pp) {
     pp->pp_inner_dst4 = o.dst4;
     pp->pp_inner_dst6 = o.dst6;
   }
-  if (o.hash_have & HASH_PROTOCOL) pp->pp_protocol = o.protocol;
-  if (o.hash_have & HASH_L4_SRC_PORT) pp->pp_l4_src_port = o.l4_src_port;
-  if (o.hash_have & HASH_L4_DST_PORT) pp->pp_l4_dst_port = o.l4_dst_port;
-  pp->pp_vlan = o.vlan;
+  if (o.hash_have & HASH_PROTOCOL) pp->pp_protocol = static_cast<uint8_t>(o.protocol);
+  if (o.hash_have & HASH_L4_SRC_PORT) pp->pp_l4_src_port = static_cast<uint16_t>(o.l4_src_port);
+  if (o.hash_have & HASH_L4_DST_PORT) pp->pp_l4_dst_port = static_cast<uint16_t>(o.l4_dst_port);
+  pp->pp_vlan = static_cast<uint16_t>(o.vlan);
   pp->pp_hash_have = o.hash_have;
   pp->pp_target = o.target;
   memcpy(pp->pp_target_mac, o.target_mac, 6);

@@ -26,9 +26,8 @@ struct po_options {
   uint8_t smac[6] = {}, dmac[6] = {};
   struct in_addr src4 {}, dst4 {};
   struct in6_addr src6 {}, dst6 {};
-  uint8_t protocol = 17;
-  uint16_t l4_src_port = 0, l4_dst_port = 0, vlan = 0;
-  uint32_t input_ifd = 0;
+  // Range-checked by the parser to the width of their fields.
+  uint32_t protocol = 17, l4_src_port = 0, l4_dst_port = 0, vlan = 0, input_ifd = 0;
   uint32_t hash_have = 0;
 
   long count = 0;            // 0: until interrupted

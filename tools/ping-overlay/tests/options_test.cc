@@ -95,6 +95,8 @@ TEST(Options, HashParametersAreThoseStated) {
   EXPECT_EQ(ip4(pp.pp_inner_dst4), "10.0.0.2");
   EXPECT_EQ(ip4(pp.pp_inner_src4), "192.0.2.2") << "default: the tunnel source";
   EXPECT_EQ(pp.pp_l4_dst_port, 80);
+  EXPECT_EQ(pp.pp_vlan, 10);
+  EXPECT_EQ(pp.pp_protocol, 17) << "default kept";
   EXPECT_EQ(pp.pp_l4_src_port, 4789);
 
   p = parse({"--vni", "1", "--src-ip", "2001:db8::1", "192.0.2.1"});
@@ -120,6 +122,9 @@ TEST(Options, ErrorsSayWhatIsWrong) {
       {{"--vni", "1", "-d", "192.0.2.1", "192.0.2.2"}, "unexpected argument '192.0.2.2'"},
       {{"--vni", "1", "--mac", "00:11:22", "192.0.2.1"}, "bad MAC '00:11:22' (a MAC as 00:11:22:33:44:55)"},
       {{"--vni", "1", "-t", "0", "192.0.2.1"}, "bad TTL '0' (1 to 255)"},
+      {{"--vni", "1", "--vlan", "4096", "192.0.2.1"}, "bad VLAN '4096' (0 to 4095)"},
+      {{"--vni", "1", "--protocol", "256", "192.0.2.1"}, "bad protocol '256' (0 to 255)"},
+      {{"--vni", "1", "--l4-dst-port", "65536", "192.0.2.1"}, "bad L4 destination port '65536' (0 to 65535)"},
       {{"--vni", "1", "-c", "0", "192.0.2.1"}, "bad count '0' (1 or more)"},
       {{"--vni", "1", "-i", "0.001", "192.0.2.1"}, "bad interval '0.001' (0.01 to 3600 seconds)"},
       {{"--vni", "1", "-W", "x", "192.0.2.1"}, "bad wait 'x' (0.01 to 3600 seconds)"},
