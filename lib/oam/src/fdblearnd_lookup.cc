@@ -23,8 +23,8 @@ int fdblearnd_lookup(uint32_t vni, uint32_t rtb_id, uint32_t zero, uint32_t addr
     close(fd);
     ping_exit(-2, "Unable to connect to fdblearnd\n");
   }
-  // The design's wait is unbounded; a learning daemon that accepts and then
-  // hangs would freeze the responder with it, so the wait has a bound.
+  // A learning daemon that accepts and then hangs would freeze the responder
+  // with it, so the wait has a bound.
   oam_set_timeout(fd, fdblearnd_timeout_ms);
 
   char buf[1024];
