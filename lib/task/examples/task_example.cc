@@ -6,7 +6,9 @@
 // It starts as a daemon does (lock and PID file, version file), reads the
 // file, and logs "EXAMPLE_READY: greeting <text>, configuration <n>" each
 // time the modules have been (re)initialised; SIGHUP reloads the file,
-// SIGTERM ends it with ZTASK_EXIT. docs/task.md walks through it.
+// SIGTERM ends it with ZTASK_EXIT. It serves the management channel on
+// /var/run/task_example_mgmt: the framework's commands and "show greeting".
+// docs/task.md walks through it.
 #include <cstdio>
 #include <syslog.h>
 
@@ -14,6 +16,7 @@
 
 #include "config/ddl.h"
 #include "evlog/evlog.h"
+#include "mgmt/mgmt.h"
 #include "task/lifecycle.h"
 #include "task/sched.h"
 #include "task/task.h"
@@ -61,8 +64,20 @@ void example_init(void) {
                 configurations);
 }
 
-// Module 3: once per process.
-void example_startup(void) { logging_event(LOG_NOTICE, "EXAMPLE_STARTUP", "EXAMPLE_STARTUP: modules starting"); }
+// "show greeting": guarded by module 0, so it fails until the file was read.
+int show_greeting(mgmt_cmd_ctx *ctx, char *) {
+  mgmt_reply(ctx->mc_peer, MGMT_CODE_OUTPUT, 0, "greeting %s, configuration %u", greeting, configurations);
+  return MGMT_CMD_DONE;
+}
+const mgmt_cmd show_rows[] = {{"greeting", 0, nullptr, show_greeting}, {}};
+const mgmt_cmd example_cmds[] = {{"show", MGMT_MODULE_NONE, show_rows, nullptr}, {}};
+
+// Module 3: once per process; the management channel lives from here to the end.
+void example_startup(void) {
+  logging_event(LOG_NOTICE, "EXAMPLE_STARTUP", "EXAMPLE_STARTUP: modules starting");
+  mgmt_framework_mount(example_cmds);
+  mgmt_listen_on(app.app_mgmt_path);
+}
 
 const task_module modules[] = {
     {.module_id = 0, .module_config_level = 1, .module_config = example_config, .module_name = "EXAMPLE Config"},
@@ -76,6 +91,7 @@ const task_module modules[] = {
 
 int main(int argc, char **argv) {
   app.app_name = "EXAMPLE";
+  app.app_mgmt_path = "/var/run/task_example_mgmt";
   app.modules.count = 4;
   app.modules.backup = app.modules.master = modules;
   app.app_read_config = task_default_read_config;

@@ -34,6 +34,8 @@ inline trace_handle *task_trace_of(const task *tp) {
 #define TASK_TRACE(tp, flag, fmt, ...) ZTRACE(task_trace_of(tp), (flag), fmt __VA_OPT__(, ) __VA_ARGS__)
 
 // task.cc
+// The words of the state word, blank-separated ("Init Foreground").
+void task_state_text(uint32_t state, char *buf, size_t size);
 void task_base_init(task_base_var *bp);
 void task_collect_job(task_job *jp);
 // The embedded records that are not blocks.

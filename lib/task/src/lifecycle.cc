@@ -256,6 +256,13 @@ void task_daemon_init(task_app_ctx_t *ctx, int argc, char **argv) {
   if (ctx->app_pre_parse) ctx->app_pre_parse();
   if (task_parse_args(argc, argv, ctx->app_parse_arg) != 0) __task_quit__(0);
   parsing = false;
+  // The daemon leaves its starting directory: a relative -f is taken from there.
+  static char config_path[4096];
+  if (task_options.tc_config_file && task_options.tc_config_file[0] != '/' && getcwd(config_path, 2048)) {
+    size_t n = strlen(config_path);
+    snprintf(config_path + n, sizeof config_path - n, "/%s", task_options.tc_config_file);
+    task_options.tc_config_file = config_path;
+  }
   if (!(task_state & TASKS_NODETACH)) {
     const char *run = path_solvane_run_dir();
     tvx_mkdirs(run, 0755);

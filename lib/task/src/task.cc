@@ -23,7 +23,9 @@ const char *const state_words[] = {"Init", "Test", "ReConfig", "Terminate", "NoR
                                    nullptr, "Foreground", nullptr, "NoDump", "ParseConfig", "NoDetach",
                                    "TerminateRequest", "low-memory", "HupPending"};
 
-void state_text(uint32_t s, char *buf, size_t size) {
+}  // namespace
+
+void task_state_text(uint32_t s, char *buf, size_t size) {
   size_t n = 0;
   buf[0] = '\0';
   for (unsigned i = 0; i < 16; i++) {
@@ -32,6 +34,8 @@ void state_text(uint32_t s, char *buf, size_t size) {
     if (n >= size) break;
   }
 }
+
+namespace {
 
 bool on_any_list(const task *tp) {
   if (tp->task_forw) return true;
@@ -309,8 +313,8 @@ void task_newstate(uint32_t set_bits, uint32_t clear_bits) {
   task_state = (task_state & ~clear_bits) | set_bits;
   if (trace_enabled(task_trace_of(nullptr), static_cast<uint32_t>(TR_TASK), 0)) {
     char a[160], b[160];
-    state_text(old, a, sizeof a);
-    state_text(task_state, b, sizeof b);
+    task_state_text(old, a, sizeof a);
+    task_state_text(task_state, b, sizeof b);
     TASK_TRACE(nullptr, TR_TASK, "task_newstate: Task State: %s -> %s", a, b);
   }
 }

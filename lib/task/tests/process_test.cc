@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/syscall.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -235,6 +236,33 @@ TEST_F(Process, ChildLinesForKillAndStop) {
   EXPECT_EQ(cap.records[1].text, "ZTASK_TASK_CHILDKILLED: " + name + " terminated by SIGKILL");
   EXPECT_EQ(cap.records[1].priority, LOG_ERR);
   EXPECT_EQ(exit_seen, 2);  // the child method runs for each change SIGCHLD reports
+}
+
+TEST_F(Process, ChildKilledWithACoreSaysSo) {
+  // The child aborts in a directory of its own; whether a core is written is
+  // the machine's affair, the line must say what happened.
+  static char dir[] = "/tmp/task_core_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  task *tp = task_alloc("aborter", 10, nullptr);
+  pid_t pid = task_fork(tp, [](task *) {
+    rlimit rl;
+    getrlimit(RLIMIT_CORE, &rl);
+    rl.rlim_cur = rl.rlim_max;
+    setrlimit(RLIMIT_CORE, &rl);
+    if (chdir(dir) != 0) _exit(9);
+    abort();
+  }, nullptr);
+  ASSERT_GT(pid, 0);
+  siginfo_t si{};
+  ASSERT_EQ(waitid(P_PID, pid, &si, WEXITED | WNOWAIT), 0);
+  ASSERT_TRUE(si.si_code == CLD_KILLED || si.si_code == CLD_DUMPED);
+  evlog_capture &cap = evlog_capture_start();
+  task_signal_event(SIGCHLD);
+  evlog_capture_stop();
+  ASSERT_EQ(cap.records.size(), 1u);
+  EXPECT_EQ(cap.records[0].text, "ZTASK_TASK_CHILDKILLED: aborter[" + std::to_string(pid) + "] terminated by SIGABRT" +
+                                     (si.si_code == CLD_DUMPED ? " (core dumped)" : ""));
+  std::system((std::string("rm -rf ") + dir).c_str());
 }
 
 TEST_F(Process, ForkedTaskTerminateSignalsTheChild) {

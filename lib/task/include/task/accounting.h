@@ -30,6 +30,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "htimer/utime.h"
 #include "task/task.h"
@@ -101,5 +102,8 @@ struct task_accounting_entry {
 typedef void (*task_accounting_walk_fn)(const task_accounting_entry *entry, void *arg);
 size_t task_accounting_tree_walk(task_accounting_walk_fn fn, void *arg);
 void task_accounting_tree_clear(void);
+
+// The switch, then every task's records that have calls.
+void task_accounting_dump(FILE *fp);
 
 }  // extern "C"

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 
 #include "htimer/utime.h"
 #include "task/task.h"
@@ -113,5 +114,8 @@ bool task_job_fg_queued(void);
 bool task_job_bg_queued(void);
 void task_job_fg_dispatch(void);
 void task_job_bg_dispatch(void);
+
+// The two queues, a line per job: name, task, priority, runs.
+void task_job_dump(FILE *fp);
 
 }  // extern "C"

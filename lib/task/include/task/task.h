@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "containers/hbt.h"
 #include "containers/var_context.h"
@@ -318,5 +319,9 @@ uint32_t task_get_user_word(const task *tp);
 void task_set_user_word(task *tp, uint32_t w);
 uint8_t task_get_app_byte(const task *tp);
 void task_set_app_byte(task *tp, uint8_t b);
+
+// The state word and the live tasks, one line each (the management
+// channel's "show task").
+void task_dump(FILE *fp);
 
 }  // extern "C"

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 
 #include "containers/patricia.h"
 #include "htimer/htimer.h"
@@ -142,5 +143,9 @@ void task_timer_jitter_reduction(const task_utime *interval, uint32_t percent, t
 
 // Creates the class roots and installs the kernel's tree personality.
 void task_timer_init(void);
+
+// Per task, its timers by class (high, normal, low, stopped), indented by
+// depth; "late" for an expired one; then the timers without a task.
+void task_timer_dump(FILE *fp);
 
 }  // extern "C"

@@ -1,0 +1,84 @@
+// The framework's command table, mounted beside a daemon's: help over both,
+// merged "show" rows, the kernel's dumps, trace flags.
+#include <gtest/gtest.h>
+
+#include "mgmt_fixture.h"
+#include "task/timer.h"
+#include "trace/trace.h"
+
+using namespace tt;
+
+namespace {
+
+int show_vni(mgmt_cmd_ctx *ctx, char *args) {
+  mgmt_reply(ctx->mc_peer, MGMT_CODE_OUTPUT, 0, "vni %s", args ? args : "all");
+  return MGMT_CMD_DONE;
+}
+const mgmt_cmd daemon_show[] = {{"vni", MGMT_MODULE_NONE, nullptr, show_vni}, {}};
+const mgmt_cmd daemon_cmds[] = {{"show", MGMT_MODULE_NONE, daemon_show, nullptr}, {}};
+
+class Framework : public Mgmt {
+ protected:
+  const mgmt_cmd *root_table() override { return mgmt_framework_cmds; }
+  void SetUp() override {
+    Mgmt::SetUp();
+    mgmt_framework_mount(daemon_cmds);
+  }
+};
+
+TEST_F(Framework, HelpCoversBothTablesAndShowRowsMerge) {
+  int s = client();
+  EXPECT_EQ(ask(s, "help"), "200-abort\r\n200-quit\r\n200-help\r\n200-show\r\n200 set\r\n");
+  EXPECT_EQ(ask(s, "help show"),
+            "200-version\r\n200-memory\r\n200-task\r\n200-timer\r\n200-jobs\r\n200-accounting\r\n200-trace\r\n"
+            "200 vni\r\n");
+  EXPECT_EQ(ask(s, "show vni 5000"), "100 vni 5000\r\n");
+  EXPECT_EQ(ask(s, "help show vni"), "201 Command syntax correct\r\n");
+  close(s);
+}
+
+TEST_F(Framework, ShowCommandsReportTheKernel) {
+  mgmt_set_idle_timeout(60);
+  int s = client();
+  std::string v = ask(s, "show version");
+  EXPECT_NE(v.find(" release "), std::string::npos) << v;
+  EXPECT_EQ(v.compare(0, 4, "100 "), 0);  // one line, the last
+  std::string t = ask(s, "show task");
+  EXPECT_NE(t.find("100-Task State: "), std::string::npos) << t;
+  EXPECT_NE(t.find("MGMT_Listen"), std::string::npos) << t;
+  EXPECT_NE(t.find("Accept MServer"), std::string::npos) << t;
+  std::string ti = ask(s, "show timer");
+  EXPECT_NE(ti.find("Normal priority timers:"), std::string::npos) << ti;
+  EXPECT_NE(ti.find("| PeerIdleTimeOut"), std::string::npos) << ti;  // under the task's parent
+  EXPECT_NE(ti.find("60.000000"), std::string::npos) << ti;
+  std::string j = ask(s, "show jobs");
+  EXPECT_NE(j.find("100-Jobs queued: "), std::string::npos) << j;
+  EXPECT_NE(ask(s, "show accounting").find("Accounting: off"), std::string::npos);
+  std::string m = ask(s, "show memory");
+  EXPECT_NE(m.find("mgmtPeer"), std::string::npos) << m;  // the peers' block
+  EXPECT_EQ(m.substr(m.size() - 2), "\r\n");
+  close(s);
+}
+
+TEST_F(Framework, TraceFlagsOfTheDaemon) {
+  int s = client();
+  EXPECT_EQ(ask(s, "show trace"), "500 Tracing is not configured\r\n");
+  static const trace_types mine[] = {{0x1, 0, "packets"}, {0x2, 0, "kernel"}, {0, 0, nullptr}};
+  static trace_handle *handle;
+  trace_init(nullptr);
+  char path[128];
+  snprintf(path, sizeof path, "%s/daemon.trace", dir);
+  ztrace_store(&handle, 0, 0, 0, trace_file_locate(path, 1 << 20, 0, 3, 0, nullptr, false), mine);
+  ASSERT_NE(handle, nullptr);
+  mgmt_framework_set_trace(&handle, mine);
+  EXPECT_EQ(ask(s, "set trace packets,kernel"), "100 Tracing flags enabled: packets, kernel\r\n");
+  EXPECT_EQ(handle->tr_flags, 0x3u);
+  EXPECT_EQ(ask(s, "set trace bogus"), "500 Unknown trace flag bogus\r\n");
+  EXPECT_EQ(ask(s, "set trace"), "500 Missing trace flags\r\n");
+  std::string t = ask(s, "show trace");
+  EXPECT_NE(t.find("packets"), std::string::npos) << t;
+  EXPECT_NE(t.find("daemon.trace"), std::string::npos) << t;
+  close(s);
+}
+
+}  // namespace
