@@ -143,7 +143,9 @@ def test_responder_stopped_means_no_reply(pair):
     assert rc == 1
     assert "2 probes transmitted, 0 received" in out and "100% packet loss" in out
     assert "rtt min" not in out
-    # The remote kernel refuses the port; each probe ends once, by error or timeout.
+    # The remote kernel refuses the port (its errors are rate-limited, but not
+    # the first); each probe ends once, by error or timeout.
+    assert "From 192.0.2.1 seq=1 Destination Port Unreachable (no responder)" in out
     assert out.count("Destination Port Unreachable") + out.count("no reply for seq=") == 2
 
 

@@ -5,7 +5,6 @@
 // port 4789 (replies), a raw ICMP socket (errors about our probes) and the
 // raw send socket. Sending times and waits come from the monotonic clock.
 #include <arpa/inet.h>
-#include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -143,28 +142,17 @@ struct session {
     po_print_reply(rep, v, r, from.sin_addr, static_cast<size_t>(n) + 28, rtt);
   }
 
-  // An ICMP error quotes our probe: the quoted outer header, UDP, and enough
-  // of the rest (Linux quotes up to 576 bytes) to find handle and sequence.
+  // An ICMP error quotes our probe (Linux quotes up to 576 bytes, enough
+  // for its handle and sequence).
   void read_icmp() {
-    uint8_t buf[1500];
+    uint8_t buf[1500], type, code;
     sockaddr_in from{};
     socklen_t flen = sizeof from;
     ssize_t n = recvfrom(icmp_fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &flen);
-    if (n < 20) return;
-    size_t ihl = (buf[0] & 0x0F) * 4u, len = static_cast<size_t>(n);
-    if (len < ihl + 8 + 20) return;
-    const uint8_t *icmp = buf + ihl, *q = icmp + 8;
-    uint8_t type = icmp[0], code = icmp[1];
-    if (type != ICMP_DEST_UNREACH && type != ICMP_TIME_EXCEEDED) return;
-    size_t qihl = (q[0] & 0x0F) * 4u;
-    const uint8_t *qudp = q + qihl;
-    if (q[9] != IPPROTO_UDP || memcmp(q + 12, &pp.pp_tunnel_src, 4) != 0 || qudp + 8 > buf + len ||
-        (qudp[2] << 8 | qudp[3]) != OAM_PORT)
-      return;
     ping_reply r;
-    if (!ping_reply_parse(qudp + 8, static_cast<size_t>(buf + len - (qudp + 8)), &r) || r.pr_handle != tracker.handle())
+    if (n <= 0 || !ping_icmp_parse(buf, static_cast<size_t>(n), pp.pp_tunnel_src, &type, &code, &r) ||
+        r.pr_type != 1 || r.pr_handle != tracker.handle() || !tracker.error(r.pr_seq))
       return;
-    if (!tracker.error(r.pr_seq)) return;
     const char *what = type == ICMP_TIME_EXCEEDED ? "Time to live exceeded"
                        : code == ICMP_PORT_UNREACH ? "Destination Port Unreachable (no responder)"
                        : code == ICMP_HOST_UNREACH ? "Destination Host Unreachable"

@@ -1,5 +1,6 @@
 // The echo reply as the ping command reads it, and its codes in words.
 #include <cstdio>
+#include <cstring>
 
 #include "oam/oam.h"
 
@@ -27,6 +28,23 @@ bool ping_reply_parse(const uint8_t *payload, size_t len, struct ping_reply *out
   out->pr_received = {static_cast<time_t>(get32(h + 20)), static_cast<suseconds_t>(get32(h + 24) % 1000 * 1000)};
   out->pr_vni = get32(payload + t + 4) >> 8;
   out->pr_mac_status = static_cast<uint16_t>(payload[t + 22] << 8 | payload[t + 23]);
+  return true;
+}
+
+bool ping_icmp_parse(const uint8_t *packet, size_t len, struct in_addr tunnel_src, uint8_t *type, uint8_t *code,
+                     struct ping_reply *probe) {
+  if (len < 20) return false;
+  const size_t ihl = (packet[0] & 0x0Fu) * 4;
+  if (ihl < 20 || len < ihl + 8 + 20) return false;
+  const uint8_t *icmp = packet + ihl, *quoted = icmp + 8;
+  if (icmp[0] != 3 && icmp[0] != 11) return false;
+  const size_t qihl = (quoted[0] & 0x0Fu) * 4, quoted_len = len - ihl - 8;
+  if (qihl < 20 || quoted_len < qihl + 8 || quoted[9] != IPPROTO_UDP || memcmp(quoted + 12, &tunnel_src, 4) != 0)
+    return false;
+  const uint8_t *udp = quoted + qihl;
+  if ((udp[2] << 8 | udp[3]) != OAM_PORT || !ping_reply_parse(udp + 8, quoted_len - qihl - 8, probe)) return false;
+  *type = icmp[0];
+  *code = icmp[1];
   return true;
 }
 

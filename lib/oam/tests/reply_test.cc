@@ -1,6 +1,8 @@
 // The reply reader against replies laid out by hand from the packet tables.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -55,6 +57,56 @@ TEST(Reply, FieldsAtTheOffsetsOfEitherInnerFamily) {
     EXPECT_FALSE(ping_reply_parse(p.data(), p.size(), &r));
   }
   EXPECT_FALSE(ping_reply_parse(nullptr, 0, nullptr));
+}
+
+// What a raw ICMP socket hands over: an IPv4 header, the ICMP header, then
+// the quoted probe (outer header first), cut to quote bytes.
+std::vector<uint8_t> icmp_error(const ping_probe &pp, uint8_t type, uint8_t code, size_t quote) {
+  quote = std::min<size_t>(quote, pp.pp_len);
+  std::vector<uint8_t> p(28 + quote, 0);
+  p[0] = 0x45;
+  p[9] = 1;
+  p[20] = type;
+  p[21] = code;
+  memcpy(p.data() + 28, pp.pp_buf, quote);
+  return p;
+}
+
+TEST(Reply, IcmpErrorsQuotingAProbe) {
+  ping_probe pp{};
+  pp.pp_tunnel_src.s_addr = htonl(0xC0000202);
+  pp.pp_tunnel_dst.s_addr = htonl(0xC0000201);
+  ping_probe_defaults(&pp);
+  pp.pp_seq = 9;
+  probe_build(&pp, in_addr{}, 64, true);
+  uint8_t type = 0, code = 0;
+  ping_reply r{};
+  std::vector<uint8_t> p = icmp_error(pp, 3, 3, 148);
+  ASSERT_TRUE(ping_icmp_parse(p.data(), p.size(), pp.pp_tunnel_src, &type, &code, &r));
+  EXPECT_EQ(type, 3);
+  EXPECT_EQ(code, 3);
+  EXPECT_EQ(r.pr_type, 1) << "the request itself";
+  EXPECT_EQ(r.pr_seq, 9u);
+  EXPECT_EQ(r.pr_handle, pp.pp_handle);
+  p = icmp_error(pp, 11, 0, 20 + 8 + 50 + 28 + 24);  // just up to the MAC status
+  EXPECT_TRUE(ping_icmp_parse(p.data(), p.size(), pp.pp_tunnel_src, &type, &code, &r));
+  EXPECT_EQ(type, 11);
+
+  EXPECT_FALSE(ping_icmp_parse(p.data(), p.size() - 1, pp.pp_tunnel_src, &type, &code, &r)) << "quote too short";
+  in_addr other;
+  other.s_addr = htonl(0xC0000203);
+  EXPECT_FALSE(ping_icmp_parse(p.data(), p.size(), other, &type, &code, &r)) << "another sender's probe";
+  p = icmp_error(pp, 0, 0, 148);
+  EXPECT_FALSE(ping_icmp_parse(p.data(), p.size(), pp.pp_tunnel_src, &type, &code, &r)) << "an echo reply";
+  p = icmp_error(pp, 3, 3, 148);
+  p[28 + 22] = 0x13;  // quoted UDP destination port 4789 (0x12B5) -> 5045
+  EXPECT_FALSE(ping_icmp_parse(p.data(), p.size(), pp.pp_tunnel_src, &type, &code, &r));
+  p = icmp_error(pp, 3, 3, 148);
+  p[28 + 9] = 6;
+  EXPECT_FALSE(ping_icmp_parse(p.data(), p.size(), pp.pp_tunnel_src, &type, &code, &r)) << "not UDP";
+  p = icmp_error(pp, 3, 3, 148);
+  p[0] = 0x44;
+  EXPECT_FALSE(ping_icmp_parse(p.data(), p.size(), pp.pp_tunnel_src, &type, &code, &r)) << "header below 20 bytes";
 }
 
 TEST(Reply, CodesInWords) {

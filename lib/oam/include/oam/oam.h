@@ -144,6 +144,12 @@ enum : uint8_t { PING_RC_VNI_UNKNOWN = 2, PING_RC_VNI_KNOWN = 4 };
 // it is too short to hold the echo header and the first TLV up to the MAC
 // status, or lacks the OAM bit. The caller checks pr_type.
 bool ping_reply_parse(const uint8_t *payload, size_t len, struct ping_reply *out);
+// An ICMP error as a raw ICMP socket gives it (IPv4 header first) that quotes
+// a probe sent from tunnel_src to UDP port 4789, far enough for its echo
+// header: destination unreachable (3) or time exceeded (11). Sets the ICMP
+// type and code and the quoted probe's fields; false for anything else.
+bool ping_icmp_parse(const uint8_t *packet, size_t len, struct in_addr tunnel_src, uint8_t *type, uint8_t *code,
+                     struct ping_reply *probe);
 // "VNI known", "VNI unknown", else "return code N"; "MAC present", "MAC
 // absent", "MAC not checked", else "MAC status N". buf holds 32 bytes.
 const char *ping_return_code_text(uint8_t rc, char *buf, size_t len);
