@@ -136,6 +136,15 @@ def test_interrupt_ends_with_the_summary(pair):
     assert "overlay ping statistics, VNI 100 ---" in out and "0% packet loss" in out
 
 
+def test_runs_side_by_side_each_get_their_replies(pair):
+    argv = ["--vni", "100", "--mac", MAC, "-c", "5", "-i", "0.1", "-W", "2", "-q", "192.0.2.1"]
+    runs = [pair.start_ping(argv) for _ in range(2)]
+    for p in runs:
+        out, _ = p.communicate(timeout=20)
+        assert p.returncode == 0
+        assert "5 probes transmitted, 5 received, " in out and "0% packet loss" in out
+
+
 def test_responder_stopped_means_no_reply(pair):
     pair.remote.tunechod.send_signal(signal.SIGTERM)
     pair.remote.tunechod.wait(timeout=10)

@@ -1,9 +1,11 @@
 // ping-overlay: the overlay ping. Sends VXLAN OAM echo requests built by the
 // OAM library to a remote VTEP and reports its replies, in the manner of ping.
 //
-// One thread, one poll loop over three sockets: the UDP socket on this VTEP's
-// port 4789 (replies), a raw ICMP socket (errors about our probes) and the
-// raw send socket. Sending times and waits come from the monotonic clock.
+// One thread, one poll loop: replies are read from a raw UDP socket that
+// sees a copy of every datagram to port 4789, so that runs side by side each
+// see their own; the UDP socket bound to this VTEP's port 4789 keeps them
+// from being refused and is only drained. A raw ICMP socket takes errors
+// about our probes. Sending times and waits come from the monotonic clock.
 #include <arpa/inet.h>
 #include <netinet/ip_icmp.h>
 #include <poll.h>
@@ -88,8 +90,9 @@ uint32_t ask_local_responder(const po_options &o) {
   return bd;
 }
 
-// Replies come to this VTEP's port 4789. Bound to the tunnel source, the
-// socket wins over a local responder bound to the wildcard address.
+// Replies come to this VTEP's port 4789. Bound to the tunnel source, this
+// socket wins over a local responder bound to the wildcard address, which
+// would otherwise take them for malformed requests.
 int reply_socket(in_addr src) {
   int fd = ping_recv_socket_v4();
   sockaddr_in sin{};
@@ -109,7 +112,7 @@ struct session {
   po_report rep;
   ping_probe &pp;
   po_tracker tracker;
-  int send_fd, reply_fd, icmp_fd;
+  int send_fd, reply_fd, raw_fd, icmp_fd;
 
   void send_probe() {
     pp.pp_seq = tracker.sent(now_us());
@@ -130,16 +133,23 @@ struct session {
 
   void read_reply() {
     uint8_t buf[2048];
-    sockaddr_in from{};
-    socklen_t flen = sizeof from;
-    ssize_t n = recvfrom(reply_fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &flen);
-    if (n <= 0) return;
+    ssize_t n = recv(raw_fd, buf, sizeof buf, MSG_DONTWAIT);
+    in_addr from;
+    const uint8_t *payload;
+    size_t len;
     ping_reply r;
     // Requests to this VTEP and other traffic on the port are not ours.
-    if (!ping_reply_parse(buf, static_cast<size_t>(n), &r) || r.pr_type != 2) return;
+    if (n <= 0 || !ping_udp_payload(buf, static_cast<size_t>(n), pp.pp_tunnel_src, &from, &payload, &len) ||
+        !ping_reply_parse(payload, len, &r) || r.pr_type != 2)
+      return;
     int64_t rtt = -1;
     po_verdict v = tracker.reply(r.pr_handle, r.pr_seq, r.pr_return_code, now_us(), &rtt);
-    po_print_reply(rep, v, r, from.sin_addr, static_cast<size_t>(n) + 28, rtt);
+    po_print_reply(rep, v, r, from, static_cast<size_t>(n), rtt);
+  }
+
+  void drain() {
+    uint8_t buf[2048];
+    (void)recv(reply_fd, buf, sizeof buf, MSG_DONTWAIT);
   }
 
   // An ICMP error quotes our probe (Linux quotes up to 576 bytes, enough
@@ -180,10 +190,11 @@ struct session {
       int64_t until = more ? next_send : deadline;
       if (deadline >= 0 && deadline < until) until = deadline;
       int timeout = until > now ? static_cast<int>((until - now + 999) / 1000) : 0;
-      pollfd fds[2] = {{reply_fd, POLLIN, 0}, {icmp_fd, POLLIN, 0}};
-      if (poll(fds, 2, timeout) > 0) {
+      pollfd fds[3] = {{raw_fd, POLLIN, 0}, {icmp_fd, POLLIN, 0}, {reply_fd, POLLIN, 0}};
+      if (poll(fds, 3, timeout) > 0) {
         if (fds[0].revents & POLLIN) read_reply();
         if (fds[1].revents & POLLIN) read_icmp();
+        if (fds[2].revents & POLLIN) drain();
       }
     }
     po_print_summary(rep, tracker.stats(), now_us() - start);
@@ -215,6 +226,7 @@ int main(int argc, char **argv) {
   ping_probe pp{};
   po_fill_probe(opt, &pp);
   int send_fd = ping_send_socket_v4();
+  int raw_fd = ping_reply_socket_raw();
   int reply_fd = reply_socket(opt.tunnel_src);
   int icmp_fd = ping_icmp_socket();
 
@@ -227,7 +239,7 @@ int main(int argc, char **argv) {
   if (!opt.json) hash_params_warn(opt.hash_have, HASH_NEEDED, opt.target != PING_TARGET_MAC);
   pp.pp_len = opt.inner_ipv6 ? 168 : 148;
   po_print_header(rep, pp, bd);
-  session s{opt, rep, pp, po_tracker(pp.pp_handle, opt.wait_ms * 1000), send_fd, reply_fd, icmp_fd};
+  session s{opt, rep, pp, po_tracker(pp.pp_handle, opt.wait_ms * 1000), send_fd, reply_fd, raw_fd, icmp_fd};
   s.run();
   return s.tracker.stats().received ? 0 : 1;
 }

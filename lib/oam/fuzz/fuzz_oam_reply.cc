@@ -1,5 +1,6 @@
-// The ping command's readers of what the network sends it: the echo reply on
-// its UDP socket and the ICMP error on its raw socket. Neither may read past
+// The ping command's readers of what the network sends it: the datagram on
+// its raw reply socket, the echo reply in it and the ICMP error on its ICMP
+// socket. Neither may read past
 // the packet, whatever it holds.
 #include <arpa/inet.h>
 
@@ -15,5 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   src.s_addr = htonl(0xC0000202);  // 192.0.2.2, as in the seeds
   uint8_t type, code;
   ping_icmp_parse(data, size, src, &type, &code, &r);
+  in_addr from;
+  const uint8_t *payload;
+  size_t len;
+  if (ping_udp_payload(data, size, src, &from, &payload, &len)) ping_reply_parse(payload, len, &r);
   return 0;
 }

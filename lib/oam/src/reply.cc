@@ -31,6 +31,21 @@ bool ping_reply_parse(const uint8_t *payload, size_t len, struct ping_reply *out
   return true;
 }
 
+bool ping_udp_payload(const uint8_t *packet, size_t len, struct in_addr to, struct in_addr *from,
+                      const uint8_t **payload, size_t *payload_len) {
+  if (len < 20) return false;
+  const size_t ihl = (packet[0] & 0x0Fu) * 4;
+  if (packet[0] >> 4 != 4 || ihl < 20 || len < ihl + 8 || packet[9] != IPPROTO_UDP ||
+      memcmp(packet + 16, &to, 4) != 0)
+    return false;
+  const uint8_t *udp = packet + ihl;
+  if ((udp[2] << 8 | udp[3]) != OAM_PORT) return false;
+  memcpy(from, packet + 12, 4);
+  *payload = udp + 8;
+  *payload_len = len - ihl - 8;
+  return true;
+}
+
 bool ping_icmp_parse(const uint8_t *packet, size_t len, struct in_addr tunnel_src, uint8_t *type, uint8_t *code,
                      struct ping_reply *probe) {
   if (len < 20) return false;

@@ -109,6 +109,33 @@ TEST(Reply, IcmpErrorsQuotingAProbe) {
   EXPECT_FALSE(ping_icmp_parse(p.data(), p.size(), pp.pp_tunnel_src, &type, &code, &r)) << "header below 20 bytes";
 }
 
+TEST(Reply, UdpPayloadOfTheRawReplySocket) {
+  ping_probe pp{};
+  pp.pp_tunnel_src.s_addr = htonl(0xC0000201);  // the probe stands in for a datagram to 192.0.2.9
+  pp.pp_tunnel_dst.s_addr = htonl(0xC0000209);
+  ping_probe_defaults(&pp);
+  probe_build(&pp, in_addr{}, 64, true);
+  in_addr from{}, to = pp.pp_tunnel_dst;
+  const uint8_t *payload = nullptr;
+  size_t len = 0;
+  ASSERT_TRUE(ping_udp_payload(pp.pp_buf, pp.pp_len, to, &from, &payload, &len));
+  EXPECT_EQ(from.s_addr, pp.pp_tunnel_src.s_addr);
+  EXPECT_EQ(payload, pp.pp_buf + 28);
+  EXPECT_EQ(len, 120u);
+  EXPECT_FALSE(ping_udp_payload(pp.pp_buf, pp.pp_len, pp.pp_tunnel_src, &from, &payload, &len)) << "not to us";
+  EXPECT_FALSE(ping_udp_payload(pp.pp_buf, 27, to, &from, &payload, &len)) << "UDP header cut";
+  pp.pp_buf[23] = 0xB6;  // port 4790
+  EXPECT_FALSE(ping_udp_payload(pp.pp_buf, pp.pp_len, to, &from, &payload, &len));
+  pp.pp_buf[23] = 0xB5;
+  pp.pp_buf[9] = 6;
+  EXPECT_FALSE(ping_udp_payload(pp.pp_buf, pp.pp_len, to, &from, &payload, &len)) << "not UDP";
+  pp.pp_buf[9] = 17;
+  pp.pp_buf[0] = 0x46;  // options: the UDP header moves 4 bytes on
+  EXPECT_FALSE(ping_udp_payload(pp.pp_buf, pp.pp_len, to, &from, &payload, &len)) << "port read behind the options";
+  pp.pp_buf[0] = 0x44;
+  EXPECT_FALSE(ping_udp_payload(pp.pp_buf, pp.pp_len, to, &from, &payload, &len)) << "header below 20 bytes";
+}
+
 TEST(Reply, CodesInWords) {
   char b[32];
   EXPECT_STREQ(ping_return_code_text(4, b, sizeof b), "VNI known");

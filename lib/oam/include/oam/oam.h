@@ -69,6 +69,10 @@ int ping_send_socket_v6(const struct in6_addr *tunnel_source);
 int ping_recv_socket_v4(void);
 int ping_recv_socket_v6(void);
 int ping_icmp_socket(void);
+// A raw UDP socket that takes a copy of every datagram to UDP port 4789 (a
+// socket filter drops the rest), so that every ping run on this VTEP sees
+// every reply, whichever socket the kernel delivers the datagram to.
+int ping_reply_socket_raw(void);
 int ping_icmp6_socket(void);
 
 // What a probe carries; ping_probe_defaults fills the defaults.
@@ -144,6 +148,10 @@ enum : uint8_t { PING_RC_VNI_UNKNOWN = 2, PING_RC_VNI_KNOWN = 4 };
 // it is too short to hold the echo header and the first TLV up to the MAC
 // status, or lacks the OAM bit. The caller checks pr_type.
 bool ping_reply_parse(const uint8_t *payload, size_t len, struct ping_reply *out);
+// A datagram as the raw reply socket gives it (IPv4 header first), if it is
+// UDP to address to, port 4789: its source, and its UDP payload in place.
+bool ping_udp_payload(const uint8_t *packet, size_t len, struct in_addr to, struct in_addr *from,
+                      const uint8_t **payload, size_t *payload_len);
 // An ICMP error as a raw ICMP socket gives it (IPv4 header first) that quotes
 // a probe sent from tunnel_src to UDP port 4789, far enough for its echo
 // header: destination unreachable (3) or time exceeded (11). Sets the ICMP
