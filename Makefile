@@ -24,8 +24,8 @@ build: configure
 check: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# The responder in a lab of two network namespaces, probed every second until
-# Ctrl-C (root; see scripts/lab.py).
+# Two VTEPs in network namespaces, the local one probing the remote one with
+# ping-overlay every second until Ctrl-C (root; see scripts/lab.py).
 run: build
 	/usr/bin/python3 scripts/lab.py --build $(BUILD)
 

@@ -13,21 +13,11 @@ import pytest
 
 import overlay
 import tvxns
+import vtep as vteps
+from vtep import listening
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 CONF = "protocols { overlay { traceoptions { file tunechod size 10m; flag all; } } }\n"
-
-
-def listening(path, kind=socket.SOCK_STREAM):
-    """Whether a server accepts on path (its file appears at bind, before listen)."""
-    s = socket.socket(socket.AF_UNIX, kind)
-    try:
-        s.connect(path)
-        return True
-    except OSError:
-        return False
-    finally:
-        s.close()
 
 
 class Lab:
@@ -36,14 +26,7 @@ class Lab:
 
     def __init__(self, vtep, prober, build_dir, tmp_path):
         self.vtep, self.prober, self.build = vtep, prober, build_dir
-        vtep.call(["ip", "link", "add", "veth0", "type", "veth", "peer", "name", "veth1",
-                   "netns", str(prober.holder.pid)])
-        vtep.call(["ip", "addr", "add", "192.0.2.1/24", "dev", "veth0"])
-        vtep.call(["ip", "addr", "add", "10.255.0.1/32", "dev", "lo"])
-        vtep.call(["ip", "link", "set", "veth0", "up"])
-        prober.call(["ip", "addr", "add", "192.0.2.2/24", "dev", "veth1"])
-        prober.call(["ip", "link", "set", "veth1", "up"])
-        prober.call(["ip", "route", "add", "10.255.0.1/32", "via", "192.0.2.1"])
+        vteps.join(vtep, prober)
         conf = tmp_path / "tunechod.conf"
         conf.write_text(CONF)
         self.rtsockd = vtep.start([str(build_dir / "rtsockd/rtsockd"), "-f", f"{ROOT}/rtsockd/sample.state"],

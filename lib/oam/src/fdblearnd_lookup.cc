@@ -8,18 +8,14 @@
 #include <cstring>
 
 #include "oam/oam.h"
-#include "platform/path.h"
+#include "oam_internal.h"
 
 int fdblearnd_timeout_ms = 5000;
 
 int fdblearnd_lookup(uint32_t vni, uint32_t rtb_id, uint32_t zero, uint32_t address, char *name_out,
                      uint32_t *index_out) {
   sockaddr_un sun;
-  memset(&sun, 0, sizeof sun);
-  sun.sun_family = AF_UNIX;
-  char real[sizeof sun.sun_path];
-  if (!tvx_path(FDBLEARND_PATH, real, sizeof real)) real[0] = '\0';
-  memcpy(sun.sun_path, real, strnlen(real, 104));
+  oam_unix_address(FDBLEARND_PATH, &sun);
 
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd == -1) ping_exit(-2, "Local recv socket creation failed\n");
@@ -27,13 +23,9 @@ int fdblearnd_lookup(uint32_t vni, uint32_t rtb_id, uint32_t zero, uint32_t addr
     close(fd);
     ping_exit(-2, "Unable to connect to fdblearnd\n");
   }
-  // The design's wait is unbounded; a learning daemon that accepts and then
-  // hangs would freeze the responder with it, so the wait has a bound.
-  if (fdblearnd_timeout_ms > 0) {
-    timeval tv = {fdblearnd_timeout_ms / 1000, (fdblearnd_timeout_ms % 1000) * 1000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-  }
+  // A learning daemon that accepts and then hangs would freeze the responder
+  // with it, so the wait has a bound.
+  oam_set_timeout(fd, fdblearnd_timeout_ms);
 
   char buf[1024];
   snprintf(buf, sizeof buf, "%u/%u/%u/%u", rtb_id, vni, zero, address);

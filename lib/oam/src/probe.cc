@@ -183,6 +183,10 @@ void probe_build(struct ping_probe *pp, struct in_addr destination, uint8_t ttl,
       put16(t + 14, 18);
       memcpy(t + 16, pp->pp_target_addr, 16);
       break;
+    case PING_TARGET_NONE:
+      // Only the VNI and the VTEP: the responder's MAC step needs more.
+      put16(t + 2, 8);
+      break;
   }
 }
 

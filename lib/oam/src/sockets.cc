@@ -1,4 +1,5 @@
 // The ping command's sockets. Every failure ends the command with -2.
+#include <linux/filter.h>
 #include <netinet/icmp6.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -68,5 +69,23 @@ int ping_icmp6_socket(void) {
   ICMP6_FILTER_SETPASSALL(&filter);
   if (setsockopt(fd, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof filter) < 0)
     ping_exit(-2, "ICMP recv socket creation failed\n");
+  return fd;
+}
+
+int ping_reply_socket_raw(void) {
+  int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+  if (fd <= 0) ping_exit(-2, "Recv socket creation failed\n");
+  // The filter sees the IPv4 header first: X = its length, then the UDP
+  // destination port behind it.
+  sock_filter code[] = {
+      BPF_STMT(BPF_LDX | BPF_B | BPF_MSH, 0),
+      BPF_STMT(BPF_LD | BPF_H | BPF_IND, 2),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, OAM_PORT, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFF),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+  };
+  sock_fprog prog = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog) < 0)
+    ping_exit(-2, "SO_ATTACH_FILTER: %s\n", strerror(errno));
   return fd;
 }

@@ -92,6 +92,16 @@ TEST(Probe, InnerIpv6KeepsEthernetTypeIpv4AndTheLongerLayout) {
   EXPECT_EQ(t + 4 + 38, pp.pp_buf + 168);
 }
 
+TEST(Probe, VniOnlyProbeGivesTheResponderNoMacToCheck) {
+  ping_probe pp = make(PING_TARGET_NONE);
+  probe_build(&pp, in_addr{}, 255, true);
+  const uint8_t *t = pp.pp_buf + 28 + 50 + 28;
+  EXPECT_EQ(pp.pp_len, 148);
+  EXPECT_EQ(get16(t + 2), 8) << "the VNI and the VTEP only";
+  EXPECT_EQ(get32(t + 4) >> 8, 0xABCDEFu);
+  for (const uint8_t *p = t + 12; p < pp.pp_buf + 148; p++) EXPECT_EQ(*p, 0) << "no sub-TLV";
+}
+
 TEST(Probe, HashPortFollowsTheFlowAndStaysInTheRange) {
   ping_probe a = make(PING_TARGET_MAC), b = make(PING_TARGET_MAC);
   EXPECT_EQ(ping_hash_port(&a, true), ping_hash_port(&b, true));

@@ -69,6 +69,10 @@ int ping_send_socket_v6(const struct in6_addr *tunnel_source);
 int ping_recv_socket_v4(void);
 int ping_recv_socket_v6(void);
 int ping_icmp_socket(void);
+// A raw UDP socket that takes a copy of every datagram to UDP port 4789 (a
+// socket filter drops the rest), so that every ping run on this VTEP sees
+// every reply, whichever socket the kernel delivers the datagram to.
+int ping_reply_socket_raw(void);
 int ping_icmp6_socket(void);
 
 // What a probe carries; ping_probe_defaults fills the defaults.
@@ -77,6 +81,7 @@ enum ping_target : uint8_t {
   PING_TARGET_IPV4 = 1,  // sub-TLV 2
   PING_TARGET_IPV6 = 2,  // sub-TLV 3
   PING_TARGET_LONG = 3,  // sub-TLV 5: a 16-byte address
+  PING_TARGET_NONE = 4,  // no sub-TLV (TLV length 8): the VNI alone is asked about
 };
 
 struct ping_probe {
@@ -122,6 +127,50 @@ void probe_build(struct ping_probe *pp, struct in_addr destination, uint8_t ttl,
 
 // One's-complement checksum of an IPv4 header, read byte by byte.
 uint16_t ping_ip_checksum(const uint8_t *header, size_t len);
+
+// The echo reply as the ping command reads it from its UDP socket (the
+// payload: VXLAN header first). Offsets are those of the request.
+struct ping_reply {
+  uint8_t pr_flags;        // VXLAN flags, 0x01 the OAM bit
+  bool pr_inner_ipv4;
+  uint8_t pr_type;         // 2, an echo reply
+  uint8_t pr_return_code;  // 2 VNI unknown, 4 VNI known
+  uint32_t pr_handle;
+  uint32_t pr_seq;
+  struct timeval pr_sent;      // as the request carried it (milliseconds)
+  struct timeval pr_received;  // stamped by the responder (milliseconds)
+  uint32_t pr_vni;             // from the TLV
+  uint16_t pr_mac_status;      // 0 not checked, 1 present, 2 absent
+};
+enum : uint16_t { PING_MAC_NOT_CHECKED = 0, PING_MAC_PRESENT = 1, PING_MAC_ABSENT = 2 };
+enum : uint8_t { PING_RC_VNI_UNKNOWN = 2, PING_RC_VNI_KNOWN = 4 };
+// Reads an echo message (request or reply) from a UDP payload: false when
+// it is too short to hold the echo header and the first TLV up to the MAC
+// status, or lacks the OAM bit. The caller checks pr_type.
+bool ping_reply_parse(const uint8_t *payload, size_t len, struct ping_reply *out);
+// A datagram as the raw reply socket gives it (IPv4 header first), if it is
+// UDP to address to, port 4789: its source, and its UDP payload in place.
+bool ping_udp_payload(const uint8_t *packet, size_t len, struct in_addr to, struct in_addr *from,
+                      const uint8_t **payload, size_t *payload_len);
+// An ICMP error as a raw ICMP socket gives it (IPv4 header first) that quotes
+// a probe sent from tunnel_src to UDP port 4789, far enough for its echo
+// header: destination unreachable (3) or time exceeded (11). Sets the ICMP
+// type and code and the quoted probe's fields; false for anything else.
+bool ping_icmp_parse(const uint8_t *packet, size_t len, struct in_addr tunnel_src, uint8_t *type, uint8_t *code,
+                     struct ping_reply *probe);
+// "VNI known", "VNI unknown", else "return code N"; "MAC present", "MAC
+// absent", "MAC not checked", else "MAC status N". buf holds 32 bytes.
+const char *ping_return_code_text(uint8_t rc, char *buf, size_t len);
+const char *ping_mac_status_text(uint16_t status, char *buf, size_t len);
+
+// Asks the local responder, over OAM_LOCAL_PATH, for the bridge domain that
+// serves vni toward the remote VTEP: the question "VNI/ADDRESS" (the address
+// as the 32-bit number of its bytes in memory) with its NUL, the answer the
+// index in decimal, 0 for unknown. Returns 0 and sets *bd_out, or an errno
+// value: ENOENT or ECONNREFUSED when the responder is not running, ETIMEDOUT
+// when it does not answer within timeout_ms, EPROTO for an answer that is
+// not a number.
+int oam_local_lookup(uint32_t vni, struct in_addr remote, int timeout_ms, uint32_t *bd_out);
 
 // "Nov 23 2026 12:00:00.123 UTC": the time-stamp text of a reply.
 void ping_time_text(const struct timeval *tv, char *buf, size_t len);

@@ -1,10 +1,12 @@
-// The learning-daemon query against a scripted daemon on the real socket path
-// under a temporary root.
+// The library's two local questions, the learning daemon's and the local
+// responder's, against scripted peers on the real socket paths under a
+// temporary root.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -15,7 +17,7 @@
 
 namespace {
 
-class Fdblearnd : public testing::Test {
+class UnixPeer : public testing::Test {
  protected:
   void SetUp() override {
     char tmpl[] = "/tmp/oamtestXXXXXX";
@@ -30,13 +32,13 @@ class Fdblearnd : public testing::Test {
     EXPECT_EQ(system(cmd.c_str()), 0);
   }
 
-  // Listens on the daemon's path and answers one connection with reply
+  // Listens on the peer's path and answers one connection with reply
   // (bytes as given, NULs included); records the query.
-  std::thread serve(std::string reply, bool answer = true) {
+  std::thread serve(std::string reply, bool answer = true, const char *logical = FDBLEARND_PATH) {
     int ls = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un sun{};
     sun.sun_family = AF_UNIX;
-    snprintf(sun.sun_path, sizeof sun.sun_path, "%s", tvx_path(FDBLEARND_PATH).c_str());
+    snprintf(sun.sun_path, sizeof sun.sun_path, "%s", tvx_path(logical).c_str());
     unlink(sun.sun_path);
     EXPECT_EQ(bind(ls, reinterpret_cast<sockaddr *>(&sun), sizeof sun), 0);
     EXPECT_EQ(listen(ls, 1), 0);
@@ -57,6 +59,9 @@ class Fdblearnd : public testing::Test {
   std::string root_;
   std::string query_;
 };
+
+class Fdblearnd : public UnixPeer {};
+class LocalResponder : public UnixPeer {};
 
 TEST_F(Fdblearnd, AnswerGivesNameAndIndex) {
   std::thread t = serve(std::string("bd-blue/17\0", 11));
@@ -109,6 +114,38 @@ TEST_F(Fdblearnd, NoDaemonEndsTheProcessWithMinusTwo) {
   char name[FDBLEARND_NAME_LEN];
   uint32_t index = 0;
   EXPECT_EXIT(fdblearnd_lookup(1, 2, 0, 3, name, &index), testing::ExitedWithCode(254), "");
+}
+
+TEST_F(LocalResponder, AsksVniAndVtepAndReadsTheBridgeDomain) {
+  std::thread t = serve(std::string("5\0", 2), true, OAM_LOCAL_PATH);
+  uint32_t bd = 99;
+  in_addr vtep;
+  vtep.s_addr = 0x0100000A;  // bytes 10.0.0.1 on a little-endian machine
+  EXPECT_EQ(oam_local_lookup(100, vtep, 1000, &bd), 0);
+  t.join();
+  EXPECT_EQ(query_, std::string("100/16777226\0", 13)) << "the address as its bytes in memory, as the daemon reads it";
+  EXPECT_EQ(bd, 5u);
+}
+
+TEST_F(LocalResponder, NotRunningAndOddAnswersAreErrors) {
+  uint32_t bd = 99;
+  EXPECT_EQ(oam_local_lookup(1, in_addr{}, 1000, &bd), ENOENT) << "no socket file";
+  struct {
+    std::string reply;
+    bool answer;
+    int error;
+  } cases[] = {
+      {"", false, EPROTO},                   // closes without a word
+      {std::string("x5\0", 3), true, EPROTO},  // not a number
+      {std::string("5x\0", 3), true, EPROTO},
+      {std::string("0\0", 2), true, 0},       // unknown, but an answer
+  };
+  for (auto &c : cases) {
+    std::thread t = serve(c.reply, c.answer, OAM_LOCAL_PATH);
+    EXPECT_EQ(oam_local_lookup(1, in_addr{}, 1000, &bd), c.error) << c.reply;
+    t.join();
+  }
+  EXPECT_EQ(bd, 0u);
 }
 
 }  // namespace
