@@ -6,7 +6,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
+#include <vector>
 #include <string>
 
 #include "oam/oam.h"
@@ -38,6 +40,21 @@ class Local : public Responder {
     // A stale file of an earlier run must not stop the bind.
     std::ofstream(tvx_path(OAM_LOCAL_PATH)) << "stale";
     tunechod_local_rx_init();
+  }
+  void TearDown() override {
+    // The listener lives as long as the daemon; here the test ends first.
+    if (!IsSkipped()) {
+      std::vector<task *> listeners;
+      task *head = task_get_head();
+      for (task *tp = head; tp; tp = task_next(tp)) {
+        if (!strncmp(tp->task_name, "tunechod-local-rx-task", 22) && (tp->task_flags & TASK_FLAG_ACCEPT))
+          listeners.push_back(tp);
+        if (task_next(tp) == head) break;
+      }
+      for (task *tp : listeners) task_delete(tp);
+      task_scheduler_run();
+    }
+    Responder::TearDown();
   }
   int client() {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
