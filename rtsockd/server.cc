@@ -91,7 +91,6 @@ void Faults::reset() {
 
 Server::Server(Store &store, std::string path) : store_(store), path_(std::move(path)) {
   faults_.reset();
-  rbuf_.resize(kMaxRecord + 1);
 }
 
 Server::~Server() {
@@ -116,6 +115,7 @@ void Server::watch(int fd, uint32_t events, uint64_t t, bool modify) {
 }
 
 bool Server::start() {
+  rbuf_.resize(kMaxRecord + 1);
   signal(SIGPIPE, SIG_IGN);
   sigset_t set;
   sigemptyset(&set);
