@@ -117,7 +117,7 @@ std::string Server::admin_change(uint8_t op, const std::string &rest) {
     obj = clone(type, old->rec());
   }
   int err = store_.apply(op, type, obj->rec());
-  if (err) return error(strerror(err));
+  if (err) return error(err == ENOSPC ? Store::quota_text() : strerror(err));
   notify(type, op, obj->rec(), 0, nullptr);
   return "ok\n";
 }

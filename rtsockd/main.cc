@@ -35,7 +35,8 @@ bool load(const char *file, Store &store) {
       return false;
     }
     if (int err = store.apply(RTS_OP_ADD, type, obj->rec())) {
-      log("%s:%d: %s", file, n, err == EEXIST ? "already given" : strerror(err));
+      log("%s:%d: %s", file, n,
+          err == EEXIST ? "already given" : err == ENOSPC ? Store::quota_text().c_str() : strerror(err));
       return false;
     }
   }
