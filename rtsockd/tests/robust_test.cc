@@ -102,6 +102,15 @@ TEST(RtsockdRobust, SocketsAreOwnerOnlyWhateverTheUmask) {
   EXPECT_NE(h.c, nullptr);
 }
 
+TEST(RtsockdRobust, UsageErrorsEndAtOnce) {
+  for (auto args : std::vector<std::vector<std::string>>{{"-x"}, {"-f"}, {"-f", SAMPLE_STATE, "extra"}, {}}) {
+    auto [status, err] = run(args);
+    EXPECT_EQ(status, 2);
+    EXPECT_NE(err.find("usage: rtsockd -f STATE [-s SOCKET]"), std::string::npos) << err;
+  }
+  EXPECT_EQ(run({"--help"}).first, 0);
+}
+
 TEST(RtsockdRobust, APathThatIsNotASocketIsLeftAlone) {
   StateFile f("");
   std::string path = f.dir + "/file";
