@@ -283,7 +283,11 @@ TEST(RtsockdRobust, ListenersThatNeverReadHoldBoundedMemory) {
   for (int i = 0; i < 1200; i++)
     ASSERT_EQ(peer.admin("add bd index=" + std::to_string(1000 + i) + " name=" + name), "ok\n");
   long after = peak_kib(peer.pid());
+#ifndef __SANITIZE_ADDRESS__  // the sanitizer's quarantine keeps freed memory: only the count says
   EXPECT_LT(after - before, 48 << 10) << "KiB held for the readers that never read";
+#else
+  (void)before, (void)after;
+#endif
   std::string clients = peer.admin("clients");
   size_t at = clients.find("queued in all ");
   ASSERT_NE(at, std::string::npos) << clients;
