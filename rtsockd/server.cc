@@ -279,6 +279,7 @@ void Server::resume_all() {
 
 void Server::out_of_descriptors(Gate &g, int err) {
   pause(g);
+  g.starved = true;
   if (!starved_) {
     log("out of descriptors (%s): not accepting until a connection closes", strerror(err));
     starved_ = true;
@@ -289,10 +290,11 @@ void Server::out_of_descriptors(Gate &g, int err) {
   retry_at_ms_ = now_ms() + backoff_ms_;
 }
 
-// The queue is empty: the shortage is over once both queues were emptied.
+// The queue is empty: the shortage is over once neither gate waits for descriptors.
 void Server::accepted_all(Gate &g) {
   g.at_cap = false;
-  if (starved_ && !listen_.paused && !admin_.paused) {
+  g.starved = false;
+  if (starved_ && !listen_.starved && !admin_.starved) {
     starved_ = false;
     log("accepting again");
   }

@@ -84,7 +84,8 @@ class Server {
     int fd = -1;
     uint64_t tag = 0;
     bool paused = false;
-    bool at_cap = false;    // the cap was reached, logged once
+    bool at_cap = false;   // the cap was reached, logged once
+    bool starved = false;  // paused out of descriptors
   };
   void accept_clients();
   void accept_admins();
