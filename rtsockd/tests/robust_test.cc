@@ -82,6 +82,17 @@ long peak_kib(pid_t pid) {
   return -1;
 }
 
+// A connection attempt that does not wait: it lands in the listening queue,
+// or finds the queue full.
+int knock(const std::string &path) {
+  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  strlcpy(sa.sun_path, path.c_str(), sizeof sa.sun_path);
+  connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+  return fd;
+}
+
 size_t count(const std::string &s, const std::string &what) {
   size_t n = 0;
   for (size_t at = s.find(what); at != std::string::npos; at = s.find(what, at + 1)) n++;
@@ -316,22 +327,14 @@ TEST(RtsockdRobust, AtTheDescriptorLimitItPausesAndComesBack) {
   EXPECT_EQ(peer.admin("clients"), "queued in all 0 bytes of 16777216\nok\n");  // the admin connection, made while there is room
   std::vector<int> idle;
   for (int i = 0; i < 20; i++) {
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    strlcpy(sa.sun_path, peer.sock().c_str(), sizeof sa.sun_path);
-    connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    int fd = knock(peer.sock());
     idle.push_back(fd);
   }
   ASSERT_TRUE(peer.wait_log("out of descriptors")) << peer.log();
   // Connection attempts while it cannot accept cost it next to nothing.
   uint64_t peer0 = cpu_ns(peer.pid()), self0 = self_cpu_ns();
   for (int i = 0; i < 5000; i++) {
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    strlcpy(sa.sun_path, peer.sock().c_str(), sizeof sa.sun_path);
-    connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    int fd = knock(peer.sock());
     close(fd);
   }
   EXPECT_EQ(peer.admin("clients").substr(0, 6), "client");  // it still answers
