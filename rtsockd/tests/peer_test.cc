@@ -266,9 +266,8 @@ TEST(RtsockdProcess, AClientThatStopsReadingBlocksNobody) {
   rtslib_msg_idl_release(good, bd);
   // The stuck client's own get fails as on a full kernel socket.
   EXPECT_EQ(bd_request(stuck, RTS_OP_GET, 5, &bd), EAGAIN);
-  EXPECT_NE(peer.admin("clients").find("client 1 sender 7 listen 0x0 0x1000 backlog 4096 dropped"), (std::string::npos)) << peer.admin("clients");
-  EXPECT_NE(peer.admin("clients").find("client 1 sender 7 listen 0x0 0x1000 backlog 4096 dropped"),
-            std::string::npos);
+  std::string clients = peer.admin("clients");
+  EXPECT_NE(clients.find("client 1 sender 7 listen 0x0 0x1000 backlog 4096 dropped"), std::string::npos) << clients;
 }
 
 }  // namespace
