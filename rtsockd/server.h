@@ -65,6 +65,9 @@ class Server {
 
   // One admin command; the reply's lines, the last "ok" or "error: ...".
   std::string command(const std::string &line);
+  // One record of a client that has said hello, as its data socket gave it:
+  // the verdict; replies go to c.data. (The record fuzzer's entry too.)
+  int record(Client &c, const uint8_t *buf, size_t n) { return handle(c, buf, n); }
 
  private:
   struct AdminConn {
