@@ -34,7 +34,7 @@ bool load(const char *file, Store &store) {
       log("%s:%d: %s", file, n, why.c_str());
       return false;
     }
-    if (int err = store.apply(RTS_OP_ADD, type, obj->rec())) {
+    if (int err = store.apply(RTS_OP_ADD, std::move(obj))) {
       log("%s:%d: %s", file, n,
           err == EEXIST ? "already given" : err == ENOSPC ? Store::quota_text().c_str() : strerror(err));
       return false;

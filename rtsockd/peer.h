@@ -60,6 +60,8 @@ class Store {
   // one), ENOSPC (past the quota), EINVAL (a record that does not encode) or
   // EOPNOTSUPP.
   int apply(uint8_t op, uint32_t type, const void *record);
+  // The same with an object made for it (parse_object's), kept as it is.
+  int apply(uint8_t op, std::unique_ptr<Object> obj);
   // The object that a get (op 4) or getnext (op 5) asks for, or null.
   const Object *lookup(uint8_t op, uint32_t type, const void *request) const;
   // Stored objects of a type in order, for show and tests.
@@ -72,6 +74,7 @@ class Store {
   const Object *find_next(uint32_t type, const std::string &key) const;
   const Object *match(uint32_t type, const void *request) const;
   static size_t cost(const std::string &key, const Object &obj);
+  int apply(uint8_t op, uint32_t type, const void *record, std::unique_ptr<Object> *own);
   std::map<uint32_t, std::map<std::string, std::unique_ptr<Object>>> tables_;
   size_t count_ = 0, bytes_ = 0;
 };

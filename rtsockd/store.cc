@@ -130,7 +130,14 @@ std::string Store::key_of(uint32_t type, const void *r) {
   return k;
 }
 
-int Store::apply(uint8_t op, uint32_t type, const void *record) {
+int Store::apply(uint8_t op, uint32_t type, const void *record) { return apply(op, type, record, nullptr); }
+
+int Store::apply(uint8_t op, std::unique_ptr<Object> obj) {
+  const void *record = obj->rec();
+  return apply(op, obj->type, record, &obj);
+}
+
+int Store::apply(uint8_t op, uint32_t type, const void *record, std::unique_ptr<Object> *own) {
   if (!serves(type) || type == RTS_T_RTMATCH) return EOPNOTSUPP;
   std::string key = key_of(type, record);
   auto &t = tables_[type];
@@ -140,7 +147,7 @@ int Store::apply(uint8_t op, uint32_t type, const void *record) {
     case RTS_OP_CHANGE: {
       if (op == RTS_OP_ADD && it != t.end()) return EEXIST;
       if (op == RTS_OP_CHANGE && it == t.end()) return ENOENT;
-      auto obj = clone(type, record);
+      auto obj = own ? std::move(*own) : clone(type, record);
       if (!obj) return EINVAL;
       size_t old = it == t.end() ? 0 : cost(key, *it->second);
       size_t bytes = bytes_ - old + cost(key, *obj);

@@ -55,7 +55,7 @@ class Peer {
     }
     close(p[1]);
     err_ = p[0];
-    ready_ = wait_log("serving ");
+    ready_ = wait_log("serving ", 60000);  // a large state file under the sanitizer loads slowly
     setenv("RTSOCK_PATH", sock_.c_str(), 1);
   }
   ~Peer() {
@@ -76,12 +76,12 @@ class Peer {
   const std::string &dir() const { return dir_; }
   const std::string &log() const { return log_; }
 
-  // Reads standard error until a line holds `text` (or 10 s pass).
-  bool wait_log(const std::string &text) {
+  // Reads standard error until a line holds `text` (or no line comes for a while: a hang).
+  bool wait_log(const std::string &text, int quiet_ms = 10000) {
     for (;;) {
       if (log_.find(text) != std::string::npos) return true;
       pollfd pf{err_, POLLIN, 0};
-      if (poll(&pf, 1, 10000) <= 0) return false;
+      if (poll(&pf, 1, quiet_ms) <= 0) return false;
       char buf[4096];
       ssize_t n = read(err_, buf, sizeof buf);
       if (n <= 0) return false;
