@@ -321,9 +321,34 @@ int task_connect(task *tp) {
   return err;
 }
 
+namespace {
+
+// One descriptor kept back for accepting at the descriptor limit: a listener
+// that cannot accept stays readable, and its method would run on every pass.
+int accept_reserve = -1;
+bool accept_starved;  // out of descriptors, said once until an accept succeeds
+
+void reserve_take() {
+  if (accept_reserve < 0) accept_reserve = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+// Frees the reserve's slot, takes the waiting connection into it and closes
+// it, so that its peer learns at once; then keeps the slot back again.
+void refuse_one(int listener) {
+  if (accept_reserve < 0) return;
+  close(accept_reserve);
+  accept_reserve = -1;
+  int s = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  if (s >= 0) close(s);
+  reserve_take();
+}
+
+}  // namespace
+
 int task_listen(task *tp, int backlog) {
   if (!tp) return EINVAL;
   if (test_state()) return 0;
+  reserve_take();
   if (listen(tp->task_socket, backlog) < 0) {
     int err = errno;
     addr_text t(tp->task_addr, 0);
@@ -390,10 +415,18 @@ int task_accept(task *tp, zsockaddr_t **peer) {
   while (s < 0 && errno == EINTR);
   if (s < 0) {
     int err = errno;
-    logging_event(LOG_ERR, "ZTASK_TASK_SYSTEM", "ZTASK_TASK_SYSTEM: %s: %s: %m", task_name(tp), "accept");
+    bool starved = err == EMFILE || err == ENFILE;
+    if (!starved || !accept_starved)
+      logging_event(LOG_ERR, "ZTASK_TASK_SYSTEM", "ZTASK_TASK_SYSTEM: %s: %s: %m", task_name(tp), "accept");
+    if (starved) {
+      accept_starved = true;
+      refuse_one(tp->task_socket);
+    }
     errno = err;
     return -1;
   }
+  accept_starved = false;
+  reserve_take();
   task_fd_ring_note(s, TASK_FD_ACCEPT, tp);
   zsockaddr_t *a = create_native(reinterpret_cast<sockaddr *>(&ss), len);
   if (tp->task_addrfamily == AF_INET || tp->task_addrfamily == AF_INET6) read_conn_params(s);

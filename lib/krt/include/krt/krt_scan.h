@@ -57,7 +57,7 @@ void krt_scan_job(task_job *jp);
 // The descriptor's done, the state freed, the next descriptor's state made
 // and attached to the job: false when the list is over.
 bool krt_scan_advance(task_job *jp, krt_scan_state **state);
-// Runs the done hooks held back by a foreground start (see the design of
+// Runs the done hooks held back by a foreground start (see the header note of
 // krt_start_foreground): once, when pending.
 void krt_complete_scan_done(void);
 void krt_scan_set_complete_pending(bool on);
