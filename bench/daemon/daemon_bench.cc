@@ -14,7 +14,7 @@
 //                        its address) from the real rtsockd
 //   OamKnownMac/floor    the same receive and send with one bare Unix-stream
 //                        connection (connect, write, read, close) and three bare
-//                        SEQPACKET round trips, against echo threads on CPU 1
+//                        SEQPACKET round trips, against a peer process on CPU 1
 //   BdLoad/ours          16,000 VXLAN bridge domains learnt by the start-up scan
 //                        from the real rtsockd: wall time per domain, the RSS
 //                        of the tables (kB), reported
@@ -26,6 +26,7 @@
 #include <fcntl.h>
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -264,49 +265,54 @@ void oam_ours(benchmark::State &st, uint32_t vni) {
   task_delete(tp);
 }
 
-// The floor's peers: an echo of one SEQPACKET record, and a stream server
-// that answers one line a connection.
+// The floor's peers, in a child process on CPU 1 as rtsockd and fdblearnd
+// are, so that neither side's figure holds the peers' CPU: an echo of one
+// SEQPACKET record, and a stream server that answers one line a connection.
 struct floor_peers {
   int seq_client = -1;
-  int stream_listener = -1;
   std::string stream_path;
-  std::thread seq_thread, stream_thread;
+  pid_t child = -1;
   floor_peers() {
     int sv[2];
     socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv);
     seq_client = sv[0];
-    seq_thread = std::thread([fd = sv[1]] {
-      pin(1);
-      uint8_t buf[4096];
-      ssize_t n;
-      while ((n = read(fd, buf, sizeof buf)) > 0) write(fd, buf, static_cast<size_t>(n));
-      close(fd);
-    });
     stream_path = root + "/floor.sock";
-    stream_listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un sun{};
     sun.sun_family = AF_UNIX;
     snprintf(sun.sun_path, sizeof sun.sun_path, "%s", stream_path.c_str());
-    bind(stream_listener, reinterpret_cast<sockaddr *>(&sun), sizeof sun);
-    listen(stream_listener, 64);
-    stream_thread = std::thread([this] {
+    unlink(stream_path.c_str());
+    bind(listener, reinterpret_cast<sockaddr *>(&sun), sizeof sun);
+    listen(listener, 64);
+    child = fork();
+    if (child == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       pin(1);
+      close(sv[0]);
+      pollfd fds[2] = {{sv[1], POLLIN, 0}, {listener, POLLIN, 0}};
+      uint8_t buf[4096];
       for (;;) {
-        int c = accept(stream_listener, nullptr, nullptr);
-        if (c < 0) return;
-        char buf[1024];
-        if (read(c, buf, sizeof buf) > 0) write(c, "bd5/80", 7);
-        close(c);
+        if (poll(fds, 2, -1) < 0) continue;
+        if (fds[0].revents & POLLIN) {
+          ssize_t n = read(sv[1], buf, sizeof buf);
+          if (n <= 0) _exit(0);
+          if (write(sv[1], buf, static_cast<size_t>(n)) < 0) _exit(1);
+        }
+        if (fds[1].revents & POLLIN) {
+          int c = accept(listener, nullptr, nullptr);
+          if (c < 0) continue;
+          if (read(c, buf, sizeof buf) > 0 && write(c, "bd5/80", 7) < 0) _exit(1);
+          close(c);
+        }
       }
-    });
+    }
+    close(sv[1]);
+    close(listener);
   }
   ~floor_peers() {
-    shutdown(seq_client, SHUT_RDWR);
     close(seq_client);
-    seq_thread.join();
-    shutdown(stream_listener, SHUT_RDWR);
-    close(stream_listener);
-    stream_thread.join();
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
     unlink(stream_path.c_str());
   }
 };
