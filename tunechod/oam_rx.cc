@@ -22,17 +22,6 @@ namespace {
 
 constexpr uint32_t kOuter = 28;  // outer IPv4 and UDP headers in front of the request
 
-uint16_t get16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
-uint32_t get32(const uint8_t *p) { return static_cast<uint32_t>(get16(p)) << 16 | get16(p + 2); }
-void put16(uint8_t *p, uint32_t v) {
-  p[0] = static_cast<uint8_t>(v >> 8);
-  p[1] = static_cast<uint8_t>(v);
-}
-void put32(uint8_t *p, uint32_t v) {
-  put16(p, v >> 16);
-  put16(p + 2, v);
-}
-
 // The bytes of an IPv4 address in network order, for "%u.%u.%u.%u".
 #define QUAD(p) static_cast<uint32_t>((p)[0]), static_cast<uint32_t>((p)[1]), static_cast<uint32_t>((p)[2]), \
                 static_cast<uint32_t>((p)[3])
@@ -141,14 +130,14 @@ int tunechod_parse_oam_packet(const uint8_t *data, uint32_t length, int raw_sock
   const uint32_t total = v4 ? TUNECHOD_REPLY_V4 : TUNECHOD_REPLY_V6;
   memset(oam_pkt, 0, total);
   oam_pkt[0] = 0x45;
-  put16(oam_pkt + 2, total);
+  oam_put16(oam_pkt + 2, total);
   oam_pkt[8] = 255;
   oam_pkt[9] = 17;
   memcpy(oam_pkt + 12, &local->sin_addr, 4);
   memcpy(oam_pkt + 16, &peer->sin_addr, 4);
-  put16(oam_pkt + 20, TUNECHOD_PORT);
-  put16(oam_pkt + 22, TUNECHOD_PORT);
-  put16(oam_pkt + 24, total - 20);
+  oam_put16(oam_pkt + 20, TUNECHOD_PORT);
+  oam_put16(oam_pkt + 22, TUNECHOD_PORT);
+  oam_put16(oam_pkt + 24, total - 20);
   // The whole request behind the headers; a long one reaches the buffer's end.
   memcpy(oam_pkt + kOuter, data, length);
   if (length + kOuter < total) memset(oam_pkt + kOuter + length, 0, total - kOuter - length);
@@ -164,10 +153,10 @@ int tunechod_parse_oam_packet(const uint8_t *data, uint32_t length, int raw_sock
     return 0;
   }
   e[0] = 2;
-  put32(e + 20, static_cast<uint32_t>(now.tv_sec));
-  put32(e + 24, static_cast<uint32_t>(now.tv_usec / 1000));
+  oam_put32(e + 20, static_cast<uint32_t>(now.tv_sec));
+  oam_put32(e + 24, static_cast<uint32_t>(now.tv_usec / 1000));
 
-  const uint32_t vni = get32(t + 4) >> 8;
+  const uint32_t vni = oam_get32(t + 4) >> 8;
   TUNECHOD_TRACE(DAEMON_TRACE_PACKETS, "Received Oam Packet to parse vni, lookup vni %u with rtb_id %u", vni, rtb_id);
   if (tunechod_get_vni(vni, rtb_id, 0, nullptr) != 0) {
     tunechod_stats.vni_unknown++;
@@ -175,10 +164,10 @@ int tunechod_parse_oam_packet(const uint8_t *data, uint32_t length, int raw_sock
   } else {
     tunechod_stats.vni_known++;
     e[2] = 4;
-    if (get16(t + 2) > 7 && get16(t + 14) > 5) {
+    if (oam_get16(t + 2) > 7 && oam_get16(t + 14) > 5) {
       const int absent = tunechod_get_mac_from_kernel(t + 16, vni, rtb_id);
       absent ? tunechod_stats.mac_absent++ : tunechod_stats.mac_present++;
-      put16(t + 22, absent ? 2 : 1);
+      oam_put16(t + 22, absent ? 2 : 1);
     }
   }
 
@@ -227,7 +216,7 @@ int tunechod_get_mac_from_kernel(const uint8_t *mac, uint32_t vni, uint32_t rtb_
   if (!bd) return 1;
 
   uint8_t key[10] = {};
-  put16(key, bd->bd_id);
+  oam_put16(key, bd->bd_id);
   memcpy(key + 4, mac, 6);
   rtslib_cookie *cookie = tunechod_app.rts_sync_cookie;
   if (!cookie) {

@@ -12,16 +12,6 @@ namespace {
 
 constexpr uint8_t kDefaultMac[6] = {0x00, 0x00, 0x5E, 0x90, 0x00, 0xFF};
 
-void put16(uint8_t *p, uint32_t v) {
-  p[0] = static_cast<uint8_t>(v >> 8);
-  p[1] = static_cast<uint8_t>(v);
-}
-
-void put32(uint8_t *p, uint32_t v) {
-  put16(p, v >> 16);
-  put16(p + 2, v);
-}
-
 struct fnv {
   uint32_t h = 2166136261u;
   void add(const void *data, size_t len) {
@@ -29,7 +19,7 @@ struct fnv {
   }
   void add16(uint16_t v) {
     uint8_t b[2];
-    put16(b, v);
+    oam_put16(b, v);
     add(b, 2);
   }
 };
@@ -98,94 +88,94 @@ void probe_build(struct ping_probe *pp, struct in_addr destination, uint8_t ttl,
 
   // Outer IPv4.
   b[0] = 0x45;
-  put16(b + 2, total);
+  oam_put16(b + 2, total);
   b[8] = ttl;
   b[9] = 17;
   memcpy(b + 12, &pp->pp_tunnel_src, 4);
   memcpy(b + 16, destination.s_addr ? &destination : &pp->pp_tunnel_dst, 4);
-  put16(b + 10, ping_ip_checksum(b, 20));
+  oam_put16(b + 10, ping_ip_checksum(b, 20));
 
   // Outer UDP and VXLAN.
-  put16(b + 20, ping_hash_port(pp, inner_is_ipv4));
-  put16(b + 22, OAM_PORT);
-  put16(b + 24, total - 20u);
+  oam_put16(b + 20, ping_hash_port(pp, inner_is_ipv4));
+  oam_put16(b + 22, OAM_PORT);
+  oam_put16(b + 24, total - 20u);
   b[28] = 0x09;
-  put32(b + 32, pp->pp_vni << 8);
+  oam_put32(b + 32, pp->pp_vni << 8);
 
   // Inner Ethernet: type 0x0800 whatever the inner IP version.
   uint8_t *eth = b + 36;
   memcpy(eth, pp->pp_inner_dmac, 6);
   memcpy(eth + 6, pp->pp_inner_smac, 6);
-  put16(eth + 12, 0x0800);
+  oam_put16(eth + 12, 0x0800);
 
   uint8_t *ip = eth + 14;
   uint8_t *udp;
   if (inner_is_ipv4) {
     ip[0] = 0x45;
-    put16(ip + 2, total - 50u);
+    oam_put16(ip + 2, total - 50u);
     ip[8] = 255;
     ip[9] = pp->pp_protocol;
     memcpy(ip + 12, &pp->pp_inner_src4, 4);
     memcpy(ip + 16, &pp->pp_inner_dst4, 4);
-    put16(ip + 10, ping_ip_checksum(ip, 20));
+    oam_put16(ip + 10, ping_ip_checksum(ip, 20));
     udp = ip + 20;
   } else {
     ip[0] = 0x60;
-    put16(ip + 4, total - 90u);
+    oam_put16(ip + 4, total - 90u);
     ip[6] = pp->pp_protocol;
     ip[7] = 255;
     memcpy(ip + 8, &pp->pp_inner_src6, 16);
     memcpy(ip + 24, &pp->pp_inner_dst6, 16);
     udp = ip + 40;
   }
-  put16(udp, OAM_PORT);
-  put16(udp + 2, OAM_PORT);
-  put16(udp + 4, static_cast<uint32_t>(b + total - udp));
+  oam_put16(udp, OAM_PORT);
+  oam_put16(udp + 2, OAM_PORT);
+  oam_put16(udp + 4, static_cast<uint32_t>(b + total - udp));
 
   // Echo request.
   uint8_t *e = udp + 8;
   e[0] = 1;
   e[1] = 3;
-  put32(e + 4, pp->pp_handle);
-  put32(e + 8, pp->pp_seq);
+  oam_put32(e + 4, pp->pp_handle);
+  oam_put32(e + 8, pp->pp_seq);
   timeval now;
   gettimeofday(&now, nullptr);
-  put32(e + 12, static_cast<uint32_t>(now.tv_sec));
-  put32(e + 16, static_cast<uint32_t>(now.tv_usec / 1000));
+  oam_put32(e + 12, static_cast<uint32_t>(now.tv_sec));
+  oam_put32(e + 16, static_cast<uint32_t>(now.tv_usec / 1000));
 
   // TLV and sub-TLV.
   uint8_t *t = e + 28;
-  put16(t, 1);
-  put32(t + 4, pp->pp_vni << 8);
+  oam_put16(t, 1);
+  oam_put32(t + 4, pp->pp_vni << 8);
   memcpy(t + 8, &pp->pp_tunnel_src, 4);
   switch (pp->pp_target) {
     case PING_TARGET_MAC:
-      put16(t + 2, 20);
-      put16(t + 12, 1);
-      put16(t + 14, 8);
+      oam_put16(t + 2, 20);
+      oam_put16(t + 12, 1);
+      oam_put16(t + 14, 8);
       memcpy(t + 16, pp->pp_target_mac, 6);
       break;
     case PING_TARGET_IPV4:
-      put16(t + 2, 20);
-      put16(t + 12, 2);
-      put16(t + 14, 6);
+      oam_put16(t + 2, 20);
+      oam_put16(t + 12, 2);
+      oam_put16(t + 14, 6);
       memcpy(t + 16, pp->pp_target_addr, 4);
       break;
     case PING_TARGET_IPV6:
-      put16(t + 2, 32);
-      put16(t + 12, 3);
-      put16(t + 14, 18);
+      oam_put16(t + 2, 32);
+      oam_put16(t + 12, 3);
+      oam_put16(t + 14, 18);
       memcpy(t + 16, pp->pp_target_addr, 16);
       break;
     case PING_TARGET_LONG:
-      put16(t + 2, 38);
-      put16(t + 12, 5);
-      put16(t + 14, 18);
+      oam_put16(t + 2, 38);
+      oam_put16(t + 12, 5);
+      oam_put16(t + 14, 18);
       memcpy(t + 16, pp->pp_target_addr, 16);
       break;
     case PING_TARGET_NONE:
       // Only the VNI and the VTEP: the responder's MAC step needs more.
-      put16(t + 2, 8);
+      oam_put16(t + 2, 8);
       break;
   }
 }

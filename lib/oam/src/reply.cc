@@ -4,14 +4,6 @@
 
 #include "oam/oam.h"
 
-namespace {
-
-uint32_t get32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
-}  // namespace
-
 bool ping_reply_parse(const uint8_t *payload, size_t len, struct ping_reply *out) {
   if (len < 23 || !(payload[0] & 0x01)) return false;
   const bool v4 = payload[22] >> 4 == 4;
@@ -22,11 +14,11 @@ bool ping_reply_parse(const uint8_t *payload, size_t len, struct ping_reply *out
   out->pr_inner_ipv4 = v4;
   out->pr_type = h[0];
   out->pr_return_code = h[2];
-  out->pr_handle = get32(h + 4);
-  out->pr_seq = get32(h + 8);
-  out->pr_sent = {static_cast<time_t>(get32(h + 12)), static_cast<suseconds_t>(get32(h + 16) % 1000 * 1000)};
-  out->pr_received = {static_cast<time_t>(get32(h + 20)), static_cast<suseconds_t>(get32(h + 24) % 1000 * 1000)};
-  out->pr_vni = get32(payload + t + 4) >> 8;
+  out->pr_handle = oam_get32(h + 4);
+  out->pr_seq = oam_get32(h + 8);
+  out->pr_sent = {static_cast<time_t>(oam_get32(h + 12)), static_cast<suseconds_t>(oam_get32(h + 16) % 1000 * 1000)};
+  out->pr_received = {static_cast<time_t>(oam_get32(h + 20)), static_cast<suseconds_t>(oam_get32(h + 24) % 1000 * 1000)};
+  out->pr_vni = oam_get32(payload + t + 4) >> 8;
   out->pr_mac_status = static_cast<uint16_t>(payload[t + 22] << 8 | payload[t + 23]);
   return true;
 }

@@ -15,6 +15,18 @@
 #include <cstddef>
 #include <cstdint>
 
+// Big-endian fields of the request and the reply, at any alignment.
+inline uint16_t oam_get16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+inline uint32_t oam_get32(const uint8_t *p) { return static_cast<uint32_t>(oam_get16(p)) << 16 | oam_get16(p + 2); }
+inline void oam_put16(uint8_t *p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v >> 8);
+  p[1] = static_cast<uint8_t>(v);
+}
+inline void oam_put32(uint8_t *p, uint32_t v) {
+  oam_put16(p, v >> 16);
+  oam_put16(p + 2, v);
+}
+
 extern "C" {
 
 // The learning daemon's rendezvous, a UNIX stream socket under the path root.
