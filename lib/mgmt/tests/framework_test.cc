@@ -51,6 +51,12 @@ TEST_F(Framework, ShowCommandsReportTheKernel) {
   EXPECT_NE(ti.find("Normal priority timers:"), std::string::npos) << ti;
   EXPECT_NE(ti.find("| PeerIdleTimeOut"), std::string::npos) << ti;  // under the task's parent
   EXPECT_NE(ti.find("60.000000"), std::string::npos) << ti;
+  mgmt_set_idle_timeout(0);
+  mgmt_shutdown();
+  mgmt_listen_on("/var/run/test_mgmt");
+  close(s);
+  s = client();
+  EXPECT_EQ(ask(s, "show timer"), "100 \r\n");  // no timer anywhere: still one line, the last
   std::string j = ask(s, "show jobs");
   EXPECT_NE(j.find("100-Jobs queued: "), std::string::npos) << j;
   EXPECT_NE(ask(s, "show accounting").find("Accounting: off"), std::string::npos);

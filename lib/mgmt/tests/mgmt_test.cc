@@ -324,7 +324,7 @@ TEST_F(Channel, TenMegabyteAnswerToASlowReaderWhileTimersFire) {
   task_timer_delete(t);
   task_timer_delete(m);
   EXPECT_GT(ticks, 10);
-  EXPECT_LE(most_queued, 64u * 1024);  // about one step of the generator, never the whole answer
+  EXPECT_LE(most_queued, 256u * 1024 + 65536);  // about one step of the generator, never the whole answer
   // Every row came back in order, each numbered, the last one marked last.
   std::string want;
   size_t pos = 0;

@@ -3,6 +3,7 @@
 // own input buffer.
 #include <stdio_ext.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,8 @@ task_block *noblock_buffer_blk;
 size_t noblock_buffer_size;  // the whole block: links, pointers, data
 
 constexpr int kFlushRetries = 10;
+// Buffers (pages) handed to one send.
+constexpr int kGatherBuffers = 64;
 
 noblock_buffer *head(noblock_cookie *c) {
   return c->co_queue.nl_forw == &c->co_queue ? nullptr : reinterpret_cast<noblock_buffer *>(c->co_queue.nl_forw);
@@ -143,6 +146,8 @@ ssize_t nb_write(void *cookie, const char *buf, size_t size) {
     taken += n;
   }
   c->co_outstanding += taken;
+  // A generator's output goes out in one send when it returns.
+  if (c->co_flags & NOBLOCK_F_BUSY) return static_cast<ssize_t>(taken);
   if (noblock_write_flush(c) && c->co_outstanding && !(c->co_flags & NOBLOCK_F_ABORTED)) noblock_schedule_write(c);
   if (taken == 0 && size > 0) return -1;
   return static_cast<ssize_t>(taken);
@@ -328,18 +333,51 @@ void noblock_set_snd_buf_sz(noblock_cookie *c, int size) {
   if (getsockopt(sock(c), SOL_SOCKET, SO_SNDBUF, &c->co_sndbuf, &l) < 0) c->co_sndbuf = 0;
 }
 
-int noblock_write_flush(noblock_cookie *c) {
-  int retries = kFlushRetries;
-  while (noblock_buffer *b = head(c)) {
+namespace {
+
+// Sends what is queued, several buffers per call: one wakeup of the reader
+// for a long answer instead of one per page.
+ssize_t send_queued(noblock_cookie *c, size_t *len) {
+  iovec iov[kGatherBuffers];
+  int n = 0;
+  *len = 0;
+  for (noblock_link *l = c->co_queue.nl_forw; l != &c->co_queue && n < kGatherBuffers; l = l->nl_forw, n++) {
+    auto *b = reinterpret_cast<noblock_buffer *>(l);
+    iov[n] = {b->nb_start, static_cast<size_t>(b->nb_end - b->nb_start)};
+    *len += iov[n].iov_len;
+  }
+  if (n == 1) return tvx_sys.sys_sendto(sock(c), iov[0].iov_base, iov[0].iov_len, MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
+  msghdr m{};
+  m.msg_iov = iov;
+  m.msg_iovlen = static_cast<size_t>(n);
+  return tvx_sys.sys_sendmsg(sock(c), &m, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+// Drops n sent bytes from the front of the queue.
+void consume(noblock_cookie *c, size_t n) {
+  while (n) {
+    noblock_buffer *b = head(c);
     size_t len = static_cast<size_t>(b->nb_end - b->nb_start);
-    ssize_t n = tvx_sys.sys_sendto(sock(c), b->nb_start, len, MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
-    if (n == static_cast<ssize_t>(len)) {
+    if (n >= len) {
       unlink_buffer(c, b);
+      n -= len;
       continue;
     }
+    b->nb_start += n;
+    c->co_outstanding -= n;
+    n = 0;
+  }
+}
+
+}  // namespace
+
+int noblock_write_flush(noblock_cookie *c) {
+  int retries = kFlushRetries;
+  while (head(c)) {
+    size_t len;
+    ssize_t n = send_queued(c, &len);
     if (n > 0) {
-      b->nb_start += n;
-      c->co_outstanding -= static_cast<size_t>(n);
+      consume(c, static_cast<size_t>(n));
       continue;
     }
     if (n == 0) {

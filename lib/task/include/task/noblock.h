@@ -7,7 +7,7 @@
 // byte it is given (or fails), so nothing is lost to a short write. A
 // generator produces a long reply piece by piece, called only when the queue
 // is empty, which bounds memory to about one buffer plus the socket's send
-// buffer.
+// buffer; what it writes is queued and sent in one call when it returns.
 //
 //   void mgmt_write_ready(task *tp) { noblock_write_ready(static_cast<noblock_cookie *>(task_get_data(tp))); }
 //   noblock_cookie *c = noblock_fdopen(tp, "mgmt", mgmt_write_ready);
