@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "internal.h"
+#include "mgmt/dbgsh.h"
 #include "mem/leak.h"
 #include "platform/version.h"
 #include "task/accounting.h"
@@ -134,6 +135,9 @@ void mgmt_framework_mount(const mgmt_cmd *daemon_table) {
   mgmt_init();
   mgmt_cmd_register(mgmt_framework_cmds);
   mgmt_cmd_mount(daemon_table);
+#ifdef TVX_DEBUG_SHELL
+  dbg_sh_init();
+#endif
 }
 
 void mgmt_framework_set_trace(trace_handle **slot, const trace_types *module_types) {

@@ -2,6 +2,7 @@
 // merged "show" rows, the kernel's dumps, trace flags.
 #include <gtest/gtest.h>
 
+#include "mgmt/dbgsh.h"
 #include "mgmt_fixture.h"
 #include "task/timer.h"
 #include "trace/trace.h"
@@ -52,6 +53,11 @@ TEST_F(Framework, ShowCommandsReportTheKernel) {
   EXPECT_NE(ti.find("| PeerIdleTimeOut"), std::string::npos) << ti;  // under the task's parent
   EXPECT_NE(ti.find("60.000000"), std::string::npos) << ti;
   mgmt_set_idle_timeout(0);
+#ifdef TVX_DEBUG_SHELL
+  std::string shell = ask(s, "show timer");
+  EXPECT_NE(shell.find("Listen_Init"), std::string::npos) << shell;  // the debug shell starts a second from now
+  dbg_sh_shutdown();
+#endif
   mgmt_shutdown();
   mgmt_listen_on("/var/run/test_mgmt");
   close(s);
