@@ -55,29 +55,25 @@ long arg_value(const char *text) {
 
 using fn6 = long (*)(long, long, long, long, long, long);
 
-void c_print(FILE *out, int argc, char **argv) {
+// The word VAR names (argv[1]), or null after saying why.
+uint32_t *word_of(FILE *out, int argc, char **argv) {
   if (argc < 2) {
     fputs("Syntax error: try 'help'.\n", out);
-    return;
+    return nullptr;
   }
   auto *p = static_cast<uint32_t *>(address_of(argv[1]));
-  if (!p) {
-    fprintf(out, "Variable %s not found\n", argv[1]);
-    return;
-  }
-  fprintf(out, "%s (0x%016lX) = %u (0x%04X)\n", argv[1], reinterpret_cast<unsigned long>(p), *p, *p);
+  if (!p) fprintf(out, "Variable %s not found\n", argv[1]);
+  return p;
+}
+
+void c_print(FILE *out, int argc, char **argv) {
+  if (uint32_t *p = word_of(out, argc, argv))
+    fprintf(out, "%s (0x%016lX) = %u (0x%04X)\n", argv[1], reinterpret_cast<unsigned long>(p), *p, *p);
 }
 
 void c_set(FILE *out, int argc, char **argv) {
-  if (argc < 2) {
-    fputs("Syntax error: try 'help'.\n", out);
-    return;
-  }
-  auto *p = static_cast<uint32_t *>(address_of(argv[1]));
-  if (!p) {
-    fprintf(out, "Variable %s not found\n", argv[1]);
-    return;
-  }
+  uint32_t *p = word_of(out, argc, argv);
+  if (!p) return;
   if (argc < 3) {
     fprintf(out, "%s is currently set to %u (0x%04X)\n", argv[1], *p, *p);
     return;

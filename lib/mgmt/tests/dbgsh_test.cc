@@ -13,6 +13,7 @@
 #include <string>
 
 #include "io_fixture.h"
+#include "unix_client.h"
 #include "mgmt/dbgsh.h"
 #include "platform/path.h"
 #include "task/lifecycle.h"
@@ -36,12 +37,10 @@ const std::string kPrompt = "dbgsh_test-DbgSh # ";
 
 class DbgSh : public Io {
  protected:
-  char dir[64] = "/tmp/dbgsh_test_XXXXXX";
+  temp_root tmp;
   void SetUp() override {
     Io::SetUp();
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    tvx_path_set_root(dir);
-    tvx_mkdirs((std::string(dir) + "/var/run").c_str(), 0755);
+    tmp.make();
     task_set_daemon_name("dbgsh_test");
   }
   void start() {
@@ -51,26 +50,14 @@ class DbgSh : public Io {
   }
   void TearDown() override {
     dbg_sh_shutdown();
-    std::string cmd = std::string("rm -rf ") + dir;
-    EXPECT_EQ(system(cmd.c_str()), 0);
+    tmp.remove();
     Io::TearDown();
   }
   int client() {
-    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sun{};
-    sun.sun_family = AF_UNIX;
-    strcpy(sun.sun_path, tvx_path("/var/run/dbgsh_test_dbgsh").c_str());
-    EXPECT_EQ(connect(s, reinterpret_cast<sockaddr *>(&sun), sizeof sun), 0) << strerror(errno);
-    fcntl(s, F_SETFL, O_NONBLOCK);
+    int s = unix_client("/var/run/dbgsh_test_dbgsh");
     real_passes(2);
     EXPECT_EQ(drain(s), kPrompt);
     return s;
-  }
-  static std::string drain(int s) {
-    std::string got;
-    char b[65536];
-    for (ssize_t n; (n = read(s, b, sizeof b)) > 0;) got.append(b, static_cast<size_t>(n));
-    return got;
   }
   // The command's output, without the prompt that follows it.
   std::string ask(int s, const std::string &line) {

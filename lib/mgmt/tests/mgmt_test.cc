@@ -97,6 +97,40 @@ TEST_F(Channel, SocketIsPrivateAndGoesAtShutdown) {
   close(s);
 }
 
+TEST_F(Channel, ReconfigurationMovesTheListenerWhenThePathChanged) {
+  int s = client();
+  app.app_mgmt_path = "/var/run/test_mgmt";
+  task_reinit();  // the same path: nothing moves
+  EXPECT_EQ(mgmt_peer_count(), 1u);
+  EXPECT_EQ(ask(s, "show thing"), "100 thing\r\n");
+  app.app_mgmt_path = "/var/run/other_mgmt";
+  task_reinit();
+  EXPECT_EQ(mgmt_peer_count(), 0u);  // the old listener's peers went with it
+  struct stat st{};
+  EXPECT_NE(stat(tvx_path("/var/run/test_mgmt").c_str(), &st), 0);
+  ASSERT_EQ(stat(tvx_path("/var/run/other_mgmt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  close(s);
+  s = unix_client("/var/run/other_mgmt");
+  real_passes(1);
+  EXPECT_EQ(ask(s, "show thing"), "100 thing\r\n");
+  close(s);
+}
+
+TEST_F(Channel, AConfigurationCheckLeavesTheRunningDaemonsSocketAlone) {
+  mgmt_shutdown();
+  std::string real = tvx_path("/var/run/running_mgmt");
+  FILE *f = fopen(real.c_str(), "w");  // stands for the running daemon's socket
+  ASSERT_NE(f, nullptr);
+  fclose(f);
+  task_newstate(TASKS_TEST, 0);
+  mgmt_listen_on("/var/run/running_mgmt");
+  mgmt_shutdown();
+  task_newstate(0, TASKS_TEST);
+  struct stat st{};
+  EXPECT_EQ(stat(real.c_str(), &st), 0);
+}
+
 TEST_F(Channel, LinesSplitAcrossReadsJoinAndPeersKeepTheirOwnHalves) {
   int a = client(), b = client();
   send(a, "show th");
