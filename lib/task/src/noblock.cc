@@ -113,6 +113,25 @@ int close_now(noblock_cookie *c) {
   return 1;
 }
 
+constexpr size_t kDirectWrite = 16384;
+ssize_t send_queued(noblock_cookie *c, size_t *len, const char *extra = nullptr, size_t extra_len = 0);
+void consume(noblock_cookie *c, size_t n);
+
+// Sends the queue and then buf in one call; returns how much of buf went.
+size_t send_with_queue(noblock_cookie *c, const char *buf, size_t size) {
+  size_t queued;
+  ssize_t n;
+  do n = send_queued(c, &queued, buf, size);
+  while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    if (errno != EAGAIN) set_error(c, errno);
+    return 0;
+  }
+  size_t from_queue = static_cast<size_t>(n) < c->co_outstanding ? static_cast<size_t>(n) : c->co_outstanding;
+  consume(c, from_queue);
+  return static_cast<size_t>(n) - from_queue;
+}
+
 // ---- the stream's functions ----
 
 ssize_t nb_read(void *cookie, char *buf, size_t size) {
@@ -130,6 +149,16 @@ ssize_t nb_write(void *cookie, const char *buf, size_t size) {
     return -1;
   }
   task_assert(task_socket(c->co_task) != -1);
+  // A large write goes out with what is queued, straight from the caller's
+  // bytes: only what the socket does not take is copied.
+  size_t direct = 0;
+  if (size >= kDirectWrite) {
+    direct = send_with_queue(c, buf, size);
+    if (c->co_flags & NOBLOCK_F_ERROR) return static_cast<ssize_t>(size);
+    buf += direct;
+    size -= direct;
+    if (!size) return static_cast<ssize_t>(direct);
+  }
   size_t taken = 0;
   // stdio does not retry a short count: everything is taken, or the call fails.
   if (noblock_buffer *b = tail(c)) {
@@ -147,10 +176,10 @@ ssize_t nb_write(void *cookie, const char *buf, size_t size) {
   }
   c->co_outstanding += taken;
   // A generator's output goes out in one send when it returns.
-  if (c->co_flags & NOBLOCK_F_BUSY) return static_cast<ssize_t>(taken);
+  if (c->co_flags & NOBLOCK_F_BUSY) return static_cast<ssize_t>(direct + taken);
   if (noblock_write_flush(c) && c->co_outstanding && !(c->co_flags & NOBLOCK_F_ABORTED)) noblock_schedule_write(c);
   if (taken == 0 && size > 0) return -1;
-  return static_cast<ssize_t>(taken);
+  return static_cast<ssize_t>(direct + taken);
 }
 
 int nb_close(void *cookie) {
@@ -337,14 +366,21 @@ namespace {
 
 // Sends what is queued, several buffers per call: one wakeup of the reader
 // for a long answer instead of one per page.
-ssize_t send_queued(noblock_cookie *c, size_t *len) {
-  iovec iov[kGatherBuffers];
+ssize_t send_queued(noblock_cookie *c, size_t *len, const char *extra, size_t extra_len) {
+  iovec iov[kGatherBuffers + 1];
   int n = 0;
   *len = 0;
   for (noblock_link *l = c->co_queue.nl_forw; l != &c->co_queue && n < kGatherBuffers; l = l->nl_forw, n++) {
     auto *b = reinterpret_cast<noblock_buffer *>(l);
     iov[n] = {b->nb_start, static_cast<size_t>(b->nb_end - b->nb_start)};
     *len += iov[n].iov_len;
+  }
+  if (extra) {
+    if (*len != c->co_outstanding) {  // more queued than one send takes: the caller's bytes wait
+      errno = EAGAIN;
+      return -1;
+    }
+    iov[n++] = {const_cast<char *>(extra), extra_len};
   }
   if (n == 1) return tvx_sys.sys_sendto(sock(c), iov[0].iov_base, iov[0].iov_len, MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
   msghdr m{};
