@@ -8,7 +8,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <csignal>
+#include <vector>
 #include <cstdlib>
 #include <string>
 
@@ -190,6 +194,76 @@ TEST_F(DbgSh, StartupCommandsRunWhenTheShellStarts) {
   start();
   EXPECT_EQ(dbgsh_test_var, 5u);
   task_options.tc_j_ncommands = 0;
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(DbgSh, TcpOnlyWithJtAndOnlyOnLoopback) {
+  start();
+  EXPECT_EQ(task_options.tc_j_port, 0);
+  int probe = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr *>(&sin), sizeof sin), 0);  // a free port to use
+  getsockname(probe, reinterpret_cast<sockaddr *>(&sin), &len);
+  close(probe);
+  dbg_sh_shutdown();
+  task_options.tc_j_port = ntohs(sin.sin_port);
+  start();
+  task_options.tc_j_port = 0;
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(s, reinterpret_cast<sockaddr *>(&sin), sizeof sin), 0) << strerror(errno);
+  fcntl(s, F_SETFL, O_NONBLOCK);
+  real_passes(2);
+  EXPECT_EQ(drain(s), kPrompt);
+  sockaddr_in local{};
+  len = sizeof local;
+  getpeername(s, reinterpret_cast<sockaddr *>(&local), &len);
+  EXPECT_EQ(ntohl(local.sin_addr.s_addr), INADDR_LOOPBACK);
+  close(s);
+}
+
+TEST_F(DbgSh, MonitorsAreLimited) {
+  evlog_capture &cap = evlog_capture_start();
+  start();
+  std::vector<int> c;
+  for (int i = 0; i <= DBG_SH_CONNECTLIST_SIZE; i++) {
+    c.push_back(client());
+    EXPECT_EQ(write(c.back(), "monitor\n", 8), 8);
+    real_passes(2);
+    std::string got = drain(c.back());
+    if (i < DBG_SH_CONNECTLIST_SIZE)
+      EXPECT_EQ(got, "Monitoring asynchronous debug messages.  Press Enter to stop.\n");
+    else
+      EXPECT_EQ(got, kPrompt);  // refused, the session goes on
+  }
+  bool logged = false;
+  for (auto &r : cap.records) logged |= r.text.find("dbg_sh_monitors < DBG_SH_CONNECTLIST_SIZE") != std::string::npos;
+  EXPECT_TRUE(logged);
+  evlog_capture_stop();
+  for (int s : c) close(s);
+}
+
+TEST_F(DbgSh, CommandFilesRunAtStartAndDieAborts) {
+  std::string file = std::string(tmp.dir) + "/cmds";
+  FILE *f = fopen(file.c_str(), "w");
+  fprintf(f, "# a comment\nset dbgsh_test_var 9\n%s\nset dbgsh_test_var 11\n", std::string(1500, 'y').c_str());
+  fclose(f);
+  task_options.tc_j_files[0] = file.c_str();
+  task_options.tc_j_nfiles = 1;
+  dbgsh_test_var = 0;
+  testing::internal::CaptureStderr();
+  start();
+  std::string err = testing::internal::GetCapturedStderr();
+  task_options.tc_j_nfiles = 0;
+  EXPECT_EQ(dbgsh_test_var, 11u);
+  EXPECT_NE(err.find("Command line too long\n"), std::string::npos) << err;
+  char die[] = "die";
+  EXPECT_DEATH(dbg_sh_run_line(stdout, die), "");
 }
 
 }  // namespace
