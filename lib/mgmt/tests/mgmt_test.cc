@@ -56,6 +56,16 @@ int m_bulk(mgmt_cmd_ctx *ctx, char *) {
   return mgmt_reply_text(ctx->mc_peer, MGMT_CODE_OUTPUT, bulk_text->data(), bulk_text->size());
 }
 
+// "vni N [detail ...]": the number is a value taken by a catch-all sub-table.
+int m_values(mgmt_cmd_ctx *ctx, char *args) {
+  std::string v;
+  for (uint32_t i = 0; i < ctx->mc_nvalues; i++) v += std::string(" ") + ctx->mc_values[i];
+  mgmt_reply(ctx->mc_peer, MGMT_CODE_OUTPUT, 0, "values%s args %s", v.c_str(), args ? args : "(null)");
+  return MGMT_CMD_DONE;
+}
+const mgmt_cmd vni_value_rows[] = {{"detail", MGMT_MODULE_NONE, nullptr, m_values}, {}};
+const mgmt_cmd vni_rows[] = {{nullptr, MGMT_MODULE_NONE, vni_value_rows, m_values}};
+
 constexpr uint32_t kModule = 2;
 const mgmt_cmd show_rows[] = {
     {"thing", MGMT_MODULE_NONE, nullptr, m_thing},
@@ -67,6 +77,7 @@ const mgmt_cmd root[] = {
     {"show", MGMT_MODULE_NONE, show_rows, nullptr},
     {"endless", MGMT_MODULE_NONE, nullptr, m_endless},
     {"bulk", MGMT_MODULE_NONE, nullptr, m_bulk},
+    {"vni", MGMT_MODULE_NONE, vni_rows, m_values},
     {nullptr, MGMT_MODULE_NONE, nullptr, m_catch},
 };
 
@@ -172,6 +183,18 @@ TEST_F(Channel, CatchAllGetsTheWordAndTheRestWithTheCutSpaceRestored) {
   int s = client();
   EXPECT_EQ(ask(s, "  frob the  thing\tnow "), "100 caught frob the  thing\tnow\r\n");
   EXPECT_EQ(ask(s, "frob"), "100 caught frob\r\n");
+  close(s);
+}
+
+TEST_F(Channel, CatchAllSubTableTakesAValueAndTheWalkGoesOn) {
+  int s = client();
+  EXPECT_EQ(ask(s, "vni 5000 detail   extra  words"), "100 values 5000 args extra  words\r\n");
+  EXPECT_EQ(ask(s, "vni 5000 detail"), "100 values 5000 args (null)\r\n");
+  EXPECT_EQ(ask(s, "vni 5000"), "100 values 5000 args (null)\r\n");  // the catch-all row's own method
+  EXPECT_EQ(ask(s, "vni"), "100 values args (null)\r\n");            // the "vni" row's
+  EXPECT_EQ(ask(s, "help vni 5000"), "200 detail\r\n");
+  EXPECT_EQ(ask(s, "help vni 5000 detail"), "201 Command syntax correct\r\n");
+  EXPECT_EQ(ask(s, "vni 5000 other"), "500 Unrecognized command\r\n");
   close(s);
 }
 
