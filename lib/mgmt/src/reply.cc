@@ -13,17 +13,19 @@ mgmtPeer *checked(mgmtPeer *mp) {
   return mp;
 }
 
-// One write-ready step calls the generator until about this much is queued,
-// then the whole of it goes out in one send: a fast reader takes a long
-// answer in a few large pieces (one wakeup each), and a peer never holds
-// more than this plus one piece.
+// One write-ready step calls the generator until about this much is queued
+// (small pieces wait for one send at the end of the step; large ones go out
+// as they come), so a peer never holds more than this plus one piece; and at
+// most this many times, so that a reader on another core that takes
+// everything at once does not keep the loop in one step.
 constexpr size_t kStepBytes = 256 * 1024;
+constexpr int kStepCalls = 16;
 
 void gen_step(task *, void *data) {
   auto *mp = static_cast<mgmtPeer *>(data);
   int more = 1;
   mp->mp_generating = 1;
-  while (more && mgmt_outstanding(mp) < kStepBytes) {
+  for (int calls = 0; more && calls < kStepCalls && mgmt_outstanding(mp) < kStepBytes; calls++) {
     more = mp->mp_generator(mp, mp->mp_gendata);
     fflush(mp->mp_file);  // into the queue only: the send comes after the step
   }
