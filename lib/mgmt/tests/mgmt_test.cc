@@ -142,6 +142,19 @@ TEST_F(Channel, AConfigurationCheckLeavesTheRunningDaemonsSocketAlone) {
   EXPECT_EQ(stat(real.c_str(), &st), 0);
 }
 
+// The log on standard error, where a death test looks.
+const evlog_sink stderr_sink = {nullptr, nullptr, nullptr,
+                                [](int, const char *, const char *text) { fprintf(stderr, "%s\n", text); }};
+
+TEST_F(Channel, ListenerThatCannotBeMadeEndsTheProcess) {
+  evlog_set_sink(&stderr_sink);
+  std::string too_long = "/var/run/" + std::string(200, 'x');
+  EXPECT_DEATH(mgmt_listen_on(too_long.c_str()), "ZTASK_MGMT_LISTEN: Unable to name management socket");
+  std::string no_dir = "/var/run/missing/dir/test_mgmt";
+  EXPECT_DEATH(mgmt_listen_on(no_dir.c_str()), "ZTASK_MGMT_LISTEN: Unable to bind management socket");
+  evlog_set_sink(nullptr);
+}
+
 TEST_F(Channel, LinesSplitAcrossReadsJoinAndPeersKeepTheirOwnHalves) {
   int a = client(), b = client();
   send(a, "show th");
