@@ -34,8 +34,9 @@ bool load(const char *file, Store &store) {
       log("%s:%d: %s", file, n, why.c_str());
       return false;
     }
-    if (int err = store.apply(RTS_OP_ADD, type, obj->rec())) {
-      log("%s:%d: %s", file, n, err == EEXIST ? "already given" : strerror(err));
+    if (int err = store.apply(RTS_OP_ADD, std::move(obj))) {
+      log("%s:%d: %s", file, n,
+          err == EEXIST ? "already given" : err == ENOSPC ? Store::quota_text().c_str() : strerror(err));
       return false;
     }
   }
@@ -44,17 +45,35 @@ bool load(const char *file, Store &store) {
 
 }  // namespace
 
+const char kUsage[] =
+    "usage: rtsockd -f STATE [-s SOCKET]\n"
+    "  -f STATE   the state file: one object a line, \"KIND field=value ...\"\n"
+    "  -s SOCKET  the route-socket path (default $RTSOCK_PATH, else /var/run/rtsock under the root);\n"
+    "             the admin socket is SOCKET.admin\n"
+    "Exit status: 0 when stopped by TERM or INT, 1 when it cannot start, 2 on a usage error.\n"
+    "See docs/rtsockd.md.\n";
+
 int main(int argc, char **argv) {
+  for (int i = 1; i < argc; i++)
+    if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+      fputs(kUsage, stdout);
+      return 0;
+    }
   const char *state = nullptr;
   std::string path;
   int opt;
   while ((opt = getopt(argc, argv, "f:s:")) != -1) {
-    if (opt == 'f') state = optarg;
-    else if (opt == 's') path = optarg;
-    else state = nullptr, optind = argc + 1;
+    if (opt == 'f') {
+      state = optarg;
+    } else if (opt == 's') {
+      path = optarg;
+    } else {
+      fputs(kUsage, stderr);
+      return 2;
+    }
   }
   if (!state || optind != argc) {
-    fprintf(stderr, "usage: rtsockd -f STATE [-s SOCKET]\n");
+    fputs(kUsage, stderr);
     return 2;
   }
   if (path.empty()) {

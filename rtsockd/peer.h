@@ -44,24 +44,39 @@ std::unique_ptr<Object> clone(uint32_t type, const void *record);
 // order of getnext.
 class Store {
  public:
+  // The quota of the stores, whoever adds: objects, and the bytes they hold
+  // (each its decoded record, its key and kObjectOverhead for the tables).
+  static constexpr size_t kMaxObjects = 65536;
+  static constexpr size_t kMaxObjectBytes = size_t{64} << 20;
+  static constexpr size_t kObjectOverhead = 96;
+  // "object quota reached (...)": what an add past the quota is told.
+  static std::string quota_text();
+
   // The key of a record of a type this peer keeps; empty for other types.
   static std::string key_of(uint32_t type, const void *record);
   static bool serves(uint32_t type);
 
   // 0, EEXIST (add of a present key), ENOENT (change or delete of an absent
-  // one), EINVAL (a record without its key fields) or EOPNOTSUPP.
+  // one), ENOSPC (past the quota), EINVAL (a record that does not encode) or
+  // EOPNOTSUPP.
   int apply(uint8_t op, uint32_t type, const void *record);
+  // The same with an object made for it (parse_object's), kept as it is.
+  int apply(uint8_t op, std::unique_ptr<Object> obj);
   // The object that a get (op 4) or getnext (op 5) asks for, or null.
   const Object *lookup(uint8_t op, uint32_t type, const void *request) const;
   // Stored objects of a type in order, for show and tests.
   const std::map<std::string, std::unique_ptr<Object>> &table(uint32_t type) const;
   size_t size() const;
+  size_t bytes() const { return bytes_; }
   const Object *find_exact(uint32_t type, const std::string &key) const;
 
  private:
   const Object *find_next(uint32_t type, const std::string &key) const;
   const Object *match(uint32_t type, const void *request) const;
+  static size_t cost(const std::string &key, const Object &obj);
+  int apply(uint8_t op, uint32_t type, const void *record, std::unique_ptr<Object> *own);
   std::map<uint32_t, std::map<std::string, std::unique_ptr<Object>>> tables_;
+  size_t count_ = 0, bytes_ = 0;
 };
 
 // ---- Text ----------------------------------------------------------------------------------

@@ -3,17 +3,21 @@
 #include "server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/stat.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "platform/compat.h"
 #include "rtsock/rts_lower.h"
@@ -25,9 +29,7 @@ namespace {
 enum : uint64_t { kListen = 1, kAdminListen, kSignal, kData, kCtl, kAdmin };
 constexpr uint64_t tag(uint64_t kind, int id) { return kind << 32 | static_cast<uint32_t>(id); }
 
-constexpr size_t kMaxRecord = 1 << 20;      // a bulk write may carry many messages
-constexpr size_t kBacklogMessages = 4096;   // notifications kept for a slow reader
-constexpr size_t kBacklogBytes = 8 << 20;
+constexpr int kBackoffFirstMs = 250, kBackoffMaxMs = 8000;
 // Records taken from one client per wakeup: one, so that a busy client cannot
 // starve the others (epoll reports it again) and a synchronous client's
 // request costs no extra read.
@@ -50,18 +52,72 @@ std::vector<uint8_t> encode(uint32_t type, void *record, bool tlv) {
 
 void nonblock(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
 
-int listen_on(const std::string &path, int type) {
+int64_t now_ms() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
+}
+
+sockaddr_un address(const std::string &path) {
   sockaddr_un sa{};
   sa.sun_family = AF_UNIX;
-  if (path.size() >= sizeof sa.sun_path) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
   strlcpy(sa.sun_path, path.c_str(), sizeof sa.sun_path);
+  return sa;
+}
+
+// Whether a socket may be made at path: nothing there, or a socket that
+// nobody listens on (what a killed peer leaves), which is removed. Anything
+// else stays where it is; false with a log line.
+bool path_free(const std::string &path, int type) {
+  if (path.size() >= sizeof(sockaddr_un::sun_path)) {
+    log("cannot listen on %s: %s", path.c_str(), strerror(ENAMETOOLONG));
+    return false;
+  }
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) {
+    if (errno == ENOENT) return true;
+    log("cannot use %s: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  if (!S_ISSOCK(st.st_mode)) {
+    log("%s exists and is not a socket: not removed", path.c_str());
+    return false;
+  }
+  int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) {
+    log("cannot use %s: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  sockaddr_un sa = address(path);
+  int rc = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+  int err = rc == 0 ? 0 : errno;
+  close(fd);
+  // Connected, or a full queue: somebody listens there.
+  if (err == 0 || err == EAGAIN || err == EPROTOTYPE) {
+    log("%s is in use by a running peer", path.c_str());
+    return false;
+  }
+  if (err != ECONNREFUSED) {
+    log("cannot use %s: %s", path.c_str(), strerror(err));
+    return false;
+  }
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    log("cannot remove the stale socket %s: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// The socket file is made owner-only whatever the umask: the admin socket
+// changes the state and injects faults, the data socket adds and deletes.
+int listen_on(const std::string &path, int type) {
+  sockaddr_un sa = address(path);
   int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return -1;
-  unlink(path.c_str());
-  if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) < 0 || listen(fd, 64) < 0) {
+  mode_t saved = umask(0177);
+  int rc = bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+  umask(saved);
+  if (rc < 0 || listen(fd, 64) < 0) {
     int e = errno;
     close(fd);
     errno = e;
@@ -91,21 +147,21 @@ void Faults::reset() {
 
 Server::Server(Store &store, std::string path) : store_(store), path_(std::move(path)) {
   faults_.reset();
-  rbuf_.resize(kMaxRecord + 1);
+  listen_.tag = tag(kListen, 0);
+  admin_.tag = tag(kAdminListen, 0);
 }
 
 Server::~Server() {
   for (auto &[id, c] : clients_) {
     close(c.data);
     if (c.ctl >= 0) close(c.ctl);
+    if (c.room >= 0) close(c.room);
   }
   for (auto &[fd, a] : admins_) close(fd);
-  for (int fd : {listen_, admin_, sigfd_, epfd_})
+  for (int fd : {listen_.fd, admin_.fd, sigfd_, epfd_, devnull_})
     if (fd >= 0) close(fd);
-  if (listen_ >= 0) {
-    unlink(path_.c_str());
-    unlink(admin_path().c_str());
-  }
+  if (made_data_) unlink(path_.c_str());
+  if (made_admin_) unlink(admin_path().c_str());
 }
 
 void Server::watch(int fd, uint32_t events, uint64_t t, bool modify) {
@@ -116,6 +172,7 @@ void Server::watch(int fd, uint32_t events, uint64_t t, bool modify) {
 }
 
 bool Server::start() {
+  rbuf_.resize(kMaxRecord + 1);
   signal(SIGPIPE, SIG_IGN);
   sigset_t set;
   sigemptyset(&set);
@@ -124,18 +181,27 @@ bool Server::start() {
   sigprocmask(SIG_BLOCK, &set, nullptr);
   sigfd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
   epfd_ = epoll_create1(EPOLL_CLOEXEC);
-  listen_ = listen_on(path_, SOCK_SEQPACKET);
-  if (listen_ < 0) {
+  devnull_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (sigfd_ < 0 || epfd_ < 0 || devnull_ < 0) {
+    log("cannot start: %s", strerror(errno));
+    return false;
+  }
+  // Both paths are checked before either socket is made.
+  if (!path_free(path_, SOCK_SEQPACKET) || !path_free(admin_path(), SOCK_STREAM)) return false;
+  listen_.fd = listen_on(path_, SOCK_SEQPACKET);
+  if (listen_.fd < 0) {
     log("cannot listen on %s: %s", path_.c_str(), strerror(errno));
     return false;
   }
-  admin_ = listen_on(admin_path(), SOCK_STREAM);
-  if (admin_ < 0) {
+  made_data_ = true;
+  admin_.fd = listen_on(admin_path(), SOCK_STREAM);
+  if (admin_.fd < 0) {
     log("cannot listen on %s: %s", admin_path().c_str(), strerror(errno));
     return false;
   }
-  watch(listen_, EPOLLIN, tag(kListen, 0));
-  watch(admin_, EPOLLIN, tag(kAdminListen, 0));
+  made_admin_ = true;
+  watch(listen_.fd, EPOLLIN, listen_.tag);
+  watch(admin_.fd, EPOLLIN, admin_.tag);
   watch(sigfd_, EPOLLIN, tag(kSignal, 0));
   return true;
 }
@@ -143,7 +209,9 @@ bool Server::start() {
 int Server::run() {
   epoll_event evs[64];
   for (;;) {
-    int n = epoll_wait(epfd_, evs, 64, -1);
+    int timeout = -1;
+    if (starved_) timeout = static_cast<int>(std::max<int64_t>(0, retry_at_ms_ - now_ms()));
+    int n = epoll_wait(epfd_, evs, 64, timeout);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       log("epoll_wait: %s", strerror(errno));
@@ -154,8 +222,8 @@ int Server::run() {
       int id = static_cast<int>(evs[i].data.u64 & 0xffffffffu);
       uint32_t e = evs[i].events;
       switch (kind) {
-        case kListen: accept_client(); break;
-        case kAdminListen: accept_admin(); break;
+        case kListen: accept_clients(); break;
+        case kAdminListen: accept_admins(); break;
         case kSignal: {
           signalfd_siginfo si;
           if (read(sigfd_, &si, sizeof si) == sizeof si) {
@@ -176,22 +244,87 @@ int Server::run() {
         }
         case kAdmin: {
           auto it = admins_.find(id);
-          if (it != admins_.end()) on_admin(it->second);
+          if (it != admins_.end()) on_admin(it->second, e);
           break;
         }
       }
     }
     reap();
+    if (starved_ && now_ms() >= retry_at_ms_) resume_all();
   }
 }
 
-void Server::accept_client() {
-  for (;;) {
-    int fd = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0) return;
+// ---- Accepting --------------------------------------------------------------------------
+// A listening socket that cannot take a connection (the cap, or no descriptor
+// left) is paused rather than left readable, which would spin; connections
+// wait in its queue until a client or an admin connection leaves, or, out of
+// descriptors, until the back-off retries.
+
+void Server::pause(Gate &g) {
+  if (g.paused) return;
+  g.paused = true;
+  watch(g.fd, 0, g.tag, true);
+}
+
+void Server::resume_all() {
+  for (Gate *g : {&listen_, &admin_}) {
+    if (!g->paused) continue;
+    g->paused = false;
+    watch(g->fd, EPOLLIN, g->tag, true);
+  }
+  // Straight away: what waits is taken now, or the gate pauses again.
+  accept_clients();
+  accept_admins();
+}
+
+void Server::out_of_descriptors(Gate &g, int err) {
+  pause(g);
+  g.starved = true;
+  if (!starved_) {
+    log("out of descriptors (%s): not accepting until a connection closes", strerror(err));
+    starved_ = true;
+    backoff_ms_ = kBackoffFirstMs;
+  } else {
+    backoff_ms_ = std::min(backoff_ms_ * 2, kBackoffMaxMs);
+  }
+  retry_at_ms_ = now_ms() + backoff_ms_;
+}
+
+// The queue is empty: the shortage is over once neither gate waits for descriptors.
+void Server::accepted_all(Gate &g) {
+  g.at_cap = false;
+  g.starved = false;
+  if (starved_ && !listen_.starved && !admin_.starved) {
+    starved_ = false;
+    log("accepting again");
+  }
+}
+
+void Server::accept_clients() {
+  while (!listen_.paused) {
+    if (clients_.size() >= kMaxClients) {
+      pause(listen_);
+      if (!listen_.at_cap)
+        log("client limit of %zu reached: new clients wait until one leaves", kMaxClients);
+      listen_.at_cap = true;
+      return;
+    }
+    // The slot its control socket will take, held from the start.
+    int room = fcntl(devnull_, F_DUPFD_CLOEXEC, 0);
+    int fd = room < 0 ? -1 : accept4(listen_.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) {
+      int err = errno;
+      if (room >= 0) close(room);
+      if (err == EAGAIN) return accepted_all(listen_);
+      if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) return out_of_descriptors(listen_, err);
+      if (err == ECONNABORTED || err == EINTR || err == EPROTO) continue;
+      log("accept on %s: %s", path_.c_str(), strerror(err));
+      return out_of_descriptors(listen_, err);
+    }
     Client c;
     c.id = next_id_++;
     c.data = fd;
+    c.room = room;
     watch(fd, EPOLLIN, tag(kData, c.id));
     clients_[c.id] = std::move(c);
   }
@@ -204,19 +337,25 @@ void Server::drop(Client &c, const char *why) {
 }
 
 void Server::reap() {
+  bool freed = false;
   for (auto it = clients_.begin(); it != clients_.end();) {
     if (!it->second.dead) {
       ++it;
       continue;
     }
-    epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.data, nullptr);
-    close(it->second.data);
-    if (it->second.ctl >= 0) {
-      epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.ctl, nullptr);
-      close(it->second.ctl);
+    Client &c = it->second;
+    epoll_ctl(epfd_, EPOLL_CTL_DEL, c.data, nullptr);
+    close(c.data);
+    if (c.ctl >= 0) {
+      epoll_ctl(epfd_, EPOLL_CTL_DEL, c.ctl, nullptr);
+      close(c.ctl);
     }
+    if (c.room >= 0) close(c.room);
+    queued_ -= c.backlog_bytes;
     it = clients_.erase(it);
+    freed = true;
   }
+  if (freed && (listen_.paused || admin_.paused)) resume_all();
 }
 
 bool Server::hello(Client &c, const uint8_t *buf, ssize_t n, int passed_fd) {
@@ -238,13 +377,26 @@ void Server::on_data(Client &c) {
     msghdr mh{};
     mh.msg_iov = &iov;
     mh.msg_iovlen = 1;
-    mh.msg_control = cbuf;
-    mh.msg_controllen = sizeof cbuf;
+    // Only the hello brings a descriptor: its slot is the one held since the
+    // accept. Descriptors sent later are never installed.
+    if (!c.hello) {
+      mh.msg_control = cbuf;
+      mh.msg_controllen = sizeof cbuf;
+      if (c.room >= 0) close(c.room);
+      c.room = -1;
+    }
     ssize_t n = recvmsg(c.data, &mh, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+      if (!c.hello) c.room = fcntl(devnull_, F_DUPFD_CLOEXEC, 0);
+      return;
+    }
     if (n < 0 && errno == ECONNRESET) return drop(c, "vanished with replies unread");
     if (n < 0) return drop(c, (std::string("failed: ") + strerror(errno)).c_str());
-    if (n == 0) return drop(c, "closed its socket");
+    // No bytes: the end of the connection, or an empty record while it stays.
+    if (n == 0) {
+      pollfd pf{c.data, POLLRDHUP, 0};
+      if (!c.hello || poll(&pf, 1, 0) != 0) return drop(c, "closed its socket");
+    }
     int passed = -1;
     for (cmsghdr *cm = CMSG_FIRSTHDR(&mh); cm; cm = CMSG_NXTHDR(&mh, cm)) {
       if (cm->cmsg_level != SOL_SOCKET || cm->cmsg_type != SCM_RIGHTS) continue;
@@ -252,7 +404,7 @@ void Server::on_data(Client &c) {
       for (size_t i = 0; i < count; i++) {
         int fd;
         memcpy(&fd, CMSG_DATA(cm) + i * sizeof(int), sizeof fd);
-        if (passed < 0 && !c.hello) passed = fd;
+        if (passed < 0) passed = fd;
         else close(fd);  // descriptors nobody asked for
       }
     }
@@ -264,7 +416,7 @@ void Server::on_data(Client &c) {
       continue;
     }
     int verdict;
-    if (mh.msg_flags & MSG_TRUNC) {
+    if ((mh.msg_flags & MSG_TRUNC) || static_cast<size_t>(n) > kMaxRecord) {
       log("client %d (sender %u): record longer than %zu bytes refused", c.id, c.sender, kMaxRecord);
       verdict = EMSGSIZE;
     } else {
@@ -368,42 +520,87 @@ int Server::getopt(Client &c, int name, std::vector<uint8_t> *v) {
   }
 }
 
-int Server::send_data(Client &c, const std::vector<uint8_t> &bytes, bool notification) {
+int Server::send_data(Client &c, const Bytes &bytes, bool notification) {
   if (c.backlog.empty()) {
-    if (send(c.data, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
+    if (send(c.data, bytes->data(), bytes->size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
     if (errno != EAGAIN && errno != ENOBUFS) {
-      drop(c, (std::string("cannot be written to: ") + strerror(errno)).c_str());
-      return errno;
+      int err = errno;
+      drop(c, (std::string("cannot be written to: ") + strerror(err)).c_str());
+      return err;
     }
   }
   // The socket is full: a reply fails as the kernel's would; a notification
-  // waits, up to a bound, and is dropped past it.
+  // waits, within the bounds, and is dropped past them.
   if (!notification) return EAGAIN;
-  if (c.backlog.size() >= kBacklogMessages || c.backlog_bytes + bytes.size() > kBacklogBytes) {
-    c.dropped++;
-    if (!c.stalled) {
-      log("client %d (sender %u) is not reading: dropping notifications", c.id, c.sender);
-      c.stalled = true;
+  return enqueue(c, bytes) ? 0 : ENOBUFS;
+}
+
+// Past the client's own bounds its notification is dropped. Past the bound of
+// all clients together, the client that holds the most gives up its newest,
+// so that readers that never read cannot crowd out one that only lags.
+bool Server::enqueue(Client &c, const Bytes &bytes) {
+  size_t cost = bytes->size() + kQueueEntryCost;
+  auto stalled = [this](Client &who) {
+    who.dropped++;
+    if (!who.stalled) {
+      log("client %d (sender %u) is not reading: dropping notifications", who.id, who.sender);
+      who.stalled = true;
     }
-    return ENOBUFS;
+  };
+  if (c.backlog.size() >= kBacklogMessages || c.backlog_bytes + cost > kBacklogBytes) {
+    stalled(c);
+    return false;
+  }
+  while (queued_ + cost > kQueuedBytes) {
+    Client *most = nullptr;
+    for (auto &[id, o] : clients_)
+      if (!o.backlog.empty() && (!most || o.backlog_bytes > most->backlog_bytes)) most = &o;
+    if (!most || most == &c || most->backlog_bytes <= c.backlog_bytes + cost) {
+      stalled(c);
+      return false;
+    }
+    size_t n = most->backlog.back()->size() + kQueueEntryCost;
+    most->backlog.pop_back();
+    most->backlog_bytes -= n;
+    queued_ -= n;
+    stalled(*most);
   }
   if (c.backlog.empty()) watch(c.data, EPOLLIN | EPOLLOUT, tag(kData, c.id), true);
   c.backlog.push_back(bytes);
-  c.backlog_bytes += bytes.size();
-  return 0;
+  c.backlog_bytes += cost;
+  queued_ += cost;
+  return true;
+}
+
+void Server::pump(Client &c) {
+  while (c.flood_left && c.backlog.empty() && !c.dead) {
+    if (send(c.data, c.flood_bytes.data(), c.flood_bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+      if (errno != EAGAIN && errno != ENOBUFS) return drop(c, "cannot be written to");
+      watch(c.data, EPOLLIN | EPOLLOUT, tag(kData, c.id), true);
+      return;
+    }
+    c.flood_left--;
+  }
+  if (!c.flood_left && c.backlog.empty()) {
+    c.flood_bytes.clear();
+    watch(c.data, EPOLLIN, tag(kData, c.id), true);
+  }
 }
 
 void Server::flush(Client &c) {
   while (!c.backlog.empty()) {
-    const auto &m = c.backlog.front();
-    if (send(c.data, m.data(), m.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+    const Bytes &m = c.backlog.front();
+    if (send(c.data, m->data(), m->size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
       if (errno != EAGAIN && errno != ENOBUFS) drop(c, "cannot be written to");
       return;
     }
-    c.backlog_bytes -= m.size();
+    size_t n = m->size() + kQueueEntryCost;
+    c.backlog_bytes -= n;
+    queued_ -= n;
     c.backlog.pop_front();
   }
   watch(c.data, EPOLLIN, tag(kData, c.id), true);
+  if (c.flood_left) pump(c);
   if (c.stalled) {
     log("client %d (sender %u) reads again; %llu notifications were dropped", c.id, c.sender,
         static_cast<unsigned long long>(c.dropped));
@@ -419,16 +616,20 @@ void Server::notify(uint32_t type, uint8_t op, void *record, uint32_t sender, co
   h->operation = op;
   h->seq = ++notify_seq_;
   h->sender = sender;
-  std::vector<uint8_t> bytes;
+  Bytes bytes;
   for (auto &[id, c] : clients_) {
     if (c.dead || !c.hello || &c == origin || !(c.listen[w] & bit)) continue;
-    if (bytes.empty()) bytes = encode(type, record, true);
+    if (!bytes) bytes = std::make_shared<const std::vector<uint8_t>>(encode(type, record, true));
     send_data(c, bytes, true);
   }
   *h = saved;
 }
 
 // ---- Messages ----------------------------------------------------------------------------------
+
+int Server::reply(Client &c, std::vector<uint8_t> &&bytes) {
+  return send_data(c, std::make_shared<const std::vector<uint8_t>>(std::move(bytes)), false);
+}
 
 int Server::handle(Client &c, const uint8_t *buf, size_t n) {
   if (n < 4) {
@@ -439,7 +640,7 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n) {
   std::vector<uint8_t> replies;
   if (magic == 0) {
     int err = handle_raw(c, buf, n, &replies);
-    if (!err && !replies.empty()) err = send_data(c, replies, false);
+    if (!err && !replies.empty()) err = reply(c, std::move(replies));
     return err;
   }
   if (magic != RTS_MAGIC_TLV && magic != RTS_MAGIC_IDR) {
@@ -454,7 +655,7 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n) {
       return EINVAL;
     }
     int err = handle_one(c, buf, n, &replies);
-    if (!err && !replies.empty()) err = send_data(c, replies, false);
+    if (!err && !replies.empty()) err = reply(c, std::move(replies));
     return err;
   }
   // Bulk: envelopes back to back; the first failure stops the batch, and the
@@ -481,7 +682,7 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n) {
   c.bulk[1] = accepted;
   c.bulk[2] = total;
   if (!replies.empty()) {
-    int serr = send_data(c, replies, false);
+    int serr = reply(c, std::move(replies));
     if (!err) err = serr;
   }
   return err;

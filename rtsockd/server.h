@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,10 +16,22 @@ namespace rtsockd {
 
 void log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
+// The bounds of what local users can make the peer hold.
+constexpr size_t kMaxClients = 256;        // route-socket clients; more wait to be accepted
+constexpr size_t kMaxAdmins = 16;          // admin connections; more wait to be accepted
+constexpr size_t kMaxRecord = 1 << 20;     // bytes of one record; a bulk write may carry many messages
+constexpr size_t kBacklogMessages = 4096;  // notifications kept for one client that does not read
+constexpr size_t kBacklogBytes = 4 << 20;  // ... and their bytes
+constexpr size_t kQueuedBytes = 16 << 20;  // ... and for all clients together
+constexpr size_t kQueueEntryCost = 64;     // what a queued notification costs besides its bytes
+
+using Bytes = std::shared_ptr<const std::vector<uint8_t>>;
+
 struct Client {
   int id = 0;
   int data = -1;
   int ctl = -1;
+  int room = -1;  // a descriptor held until the hello, so that its control socket has a slot
   bool hello = false;
   bool dead = false;
   uint8_t sender = 0;
@@ -26,10 +39,14 @@ struct Client {
   uint32_t sync_mode = 0;
   uint32_t bulk[3] = {};  // errno, accepted, messages of the last bulk write
   std::map<int, std::vector<uint8_t>> options;  // the other options, kept as set
-  std::deque<std::vector<uint8_t>> backlog;    // notifications waiting for room
-  size_t backlog_bytes = 0;
+  std::deque<Bytes> backlog;  // notifications waiting for room, shared between clients
+  size_t backlog_bytes = 0;   // their bytes, each with kQueueEntryCost
   uint64_t dropped = 0;
   bool stalled = false;
+  // A flood (admin "flood"): copies of one notification still to send, paced
+  // by the client's reading rather than its backlog.
+  uint64_t flood_left = 0;
+  std::vector<uint8_t> flood_bytes;
 };
 
 struct Faults {
@@ -52,18 +69,46 @@ class Server {
 
   // One admin command; the reply's lines, the last "ok" or "error: ...".
   std::string command(const std::string &line);
+  // One record of a client that has said hello, as its data socket gave it:
+  // the verdict; replies go to c.data. (The record fuzzer's entry too.)
+  int record(Client &c, const uint8_t *buf, size_t n) { return handle(c, buf, n); }
 
  private:
   struct AdminConn {
-    int fd;
-    std::string in;
+    int fd = -1;
+    std::string in;   // what came in, commands not yet answered
+    std::string out;  // the reply, as far as the socket has not taken it
+    // A "show" sent as the socket drains: the type it is at, the last key
+    // sent, the only type asked for (0: all).
+    bool showing = false;
+    bool show_started = false;
+    uint32_t show_type = 0, show_only = 0;
+    std::string show_key;
+    bool writing = false;  // watched for room rather than for commands
   };
-  void accept_client();
-  void accept_admin();
+  // A listening socket, paused while the peer cannot take another connection.
+  struct Gate {
+    int fd = -1;
+    uint64_t tag = 0;
+    bool paused = false;
+    bool at_cap = false;   // the cap was reached, logged once
+    bool starved = false;  // paused out of descriptors
+  };
+  void accept_clients();
+  void accept_admins();
+  void pause(Gate &g);
+  void resume_all();
+  void out_of_descriptors(Gate &g, int err);
+  void accepted_all(Gate &g);
+  bool show_more(AdminConn &a, size_t budget);
+  void serve_admin(AdminConn &a);
+  void close_admin(AdminConn &a);
+  bool enqueue(Client &c, const Bytes &bytes);
   void on_data(Client &c);
   void on_ctl(Client &c);
-  void on_admin(AdminConn &a);
+  void on_admin(AdminConn &a, uint32_t events);
   void flush(Client &c);
+  void pump(Client &c);
   void drop(Client &c, const char *why);
   bool hello(Client &c, const uint8_t *buf, ssize_t n, int passed_fd);
   int handle(Client &c, const uint8_t *buf, size_t n);
@@ -72,7 +117,8 @@ class Server {
   int setopt(Client &c, int name, const uint8_t *value, uint32_t len);
   int getopt(Client &c, int name, std::vector<uint8_t> *value);
   bool send_ctl(Client &c, uint32_t op, int name, int error, const void *value, uint32_t len);
-  int send_data(Client &c, const std::vector<uint8_t> &bytes, bool notification);
+  int send_data(Client &c, const Bytes &bytes, bool notification);
+  int reply(Client &c, std::vector<uint8_t> &&bytes);
   void notify(uint32_t type, uint8_t op, void *record, uint32_t sender, const Client *origin);
   void watch(int fd, uint32_t events, uint64_t tag, bool modify = false);
   void reap();
@@ -80,10 +126,19 @@ class Server {
   std::string admin_fault(const std::string &rest);
   std::string admin_show(const std::string &rest);
   std::string admin_clients();
+  std::string admin_flood(const std::string &rest);
 
   Store &store_;
   std::string path_;
-  int epfd_ = -1, listen_ = -1, admin_ = -1, sigfd_ = -1;
+  int epfd_ = -1, sigfd_ = -1, devnull_ = -1;
+  Gate listen_, admin_;
+  bool made_data_ = false, made_admin_ = false;  // the socket files this process made
+  // Out of descriptors: logged once, retried when a descriptor is closed or
+  // after a back-off that doubles to its cap.
+  bool starved_ = false;
+  int backoff_ms_ = 0;
+  int64_t retry_at_ms_ = 0;
+  size_t queued_ = 0;  // backlog bytes of all clients
   int next_id_ = 1;
   uint32_t notify_seq_ = 0;
   std::map<int, Client> clients_;

@@ -46,21 +46,41 @@ const std::map<std::string, std::unique_ptr<Object>> kEmpty;
 std::unique_ptr<Object> clone(uint32_t type, const void *record) {
   rts_msg_pair pair{type, const_cast<void *>(record)};
   int n = rts_idr_encode(&pair, nullptr, 0);
+  if (n <= 0) return nullptr;
   std::vector<uint8_t> bytes(static_cast<size_t>(n));
   rts_idr_encode(&pair, bytes.data(), static_cast<uint32_t>(n));
-  auto obj = std::make_unique<Object>();
-  obj->type = type;
-  // Decoded, a record is its fixed part plus a little more than its encoding.
-  for (size_t room = 2 * bytes.size() + 4096;; room *= 2) {
-    obj->block.assign(room, 0);
-    Bump b{obj->block.data(), room, 0};
-    // The record must be the block's first allocation.
+  // Decoded, a record is its fixed part plus a little more than its encoding:
+  // decode once into room to spare to learn the size, then into a block of
+  // exactly that size, so that an object costs what it is.
+  std::vector<uint8_t> scratch;
+  size_t need = 0;
+  for (size_t room = 2 * bytes.size() + 4096; !need; room *= 2) {
+    scratch.assign(room, 0);
+    Bump b{scratch.data(), room, 0};
     rts_msg_pair out{};
     int r = rts_idr_decode(&out, bytes.data(), static_cast<uint32_t>(bytes.size()), Bump::alloc, &b);
     if (r == RTS_DEC_NOMEM) continue;
-    if (r <= 0 || out.record != obj->block.data()) return nullptr;
-    return obj;
+    // The record must be the block's first allocation.
+    if (r <= 0 || out.record != scratch.data()) return nullptr;
+    need = b.used;
   }
+  auto obj = std::make_unique<Object>();
+  obj->type = type;
+  obj->block.assign(need, 0);
+  Bump b{obj->block.data(), need, 0};
+  rts_msg_pair out{};
+  int r = rts_idr_decode(&out, bytes.data(), static_cast<uint32_t>(bytes.size()), Bump::alloc, &b);
+  if (r <= 0 || out.record != obj->block.data()) return nullptr;
+  return obj;
+}
+
+size_t Store::cost(const std::string &key, const Object &obj) {
+  return obj.block.size() + key.size() + kObjectOverhead;
+}
+
+std::string Store::quota_text() {
+  return "object quota reached (" + std::to_string(kMaxObjects) + " objects, " +
+         std::to_string(kMaxObjectBytes >> 20) + " MiB)";
 }
 
 bool Store::serves(uint32_t type) {
@@ -110,7 +130,14 @@ std::string Store::key_of(uint32_t type, const void *r) {
   return k;
 }
 
-int Store::apply(uint8_t op, uint32_t type, const void *record) {
+int Store::apply(uint8_t op, uint32_t type, const void *record) { return apply(op, type, record, nullptr); }
+
+int Store::apply(uint8_t op, std::unique_ptr<Object> obj) {
+  const void *record = obj->rec();
+  return apply(op, obj->type, record, &obj);
+}
+
+int Store::apply(uint8_t op, uint32_t type, const void *record, std::unique_ptr<Object> *own) {
   if (!serves(type) || type == RTS_T_RTMATCH) return EOPNOTSUPP;
   std::string key = key_of(type, record);
   auto &t = tables_[type];
@@ -120,13 +147,20 @@ int Store::apply(uint8_t op, uint32_t type, const void *record) {
     case RTS_OP_CHANGE: {
       if (op == RTS_OP_ADD && it != t.end()) return EEXIST;
       if (op == RTS_OP_CHANGE && it == t.end()) return ENOENT;
-      auto obj = clone(type, record);
+      auto obj = own ? std::move(*own) : clone(type, record);
       if (!obj) return EINVAL;
+      size_t old = it == t.end() ? 0 : cost(key, *it->second);
+      size_t bytes = bytes_ - old + cost(key, *obj);
+      if ((it == t.end() && count_ >= kMaxObjects) || bytes > kMaxObjectBytes) return ENOSPC;
+      if (it == t.end()) count_++;
+      bytes_ = bytes;
       t[key] = std::move(obj);
       return 0;
     }
     case RTS_OP_DELETE:
       if (it == t.end()) return ENOENT;
+      bytes_ -= cost(key, *it->second);
+      count_--;
       t.erase(it);
       return 0;
     default:
@@ -153,11 +187,7 @@ const std::map<std::string, std::unique_ptr<Object>> &Store::table(uint32_t type
   return t == tables_.end() ? kEmpty : t->second;
 }
 
-size_t Store::size() const {
-  size_t n = 0;
-  for (auto &t : tables_) n += t.second.size();
-  return n;
-}
+size_t Store::size() const { return count_; }
 
 // Gets that name an object otherwise than by its key.
 const Object *Store::match(uint32_t type, const void *request) const {

@@ -1,139 +1,11 @@
 // The real rtsockd process, started on a temporary socket path with the
 // sample state: scans, gets, notifications by listen mask, faults, and
 // clients that misbehave while the others are served.
-#include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <string>
-
-#include "fake_peer.h"  // LogCapture
-#include "platform/compat.h"
-#include "rtsock/rts_lower.h"
-#include "rtsock/rtslib.h"
+#include "peer_harness.h"
 
 namespace {
 
-// rtsockd in a temporary directory, ready when it says it serves.
-class Peer {
- public:
-  explicit Peer(const char *state = SAMPLE_STATE) {
-    char tmpl[] = "/tmp/rtsockd_test.XXXXXX";
-    dir_ = mkdtemp(tmpl);
-    sock_ = dir_ + "/rtsock";
-    int p[2];
-    EXPECT_EQ(pipe2(p, O_CLOEXEC), 0);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(p[1], 2);
-      execl(RTSOCKD_BIN, "rtsockd", "-f", state, "-s", sock_.c_str(), nullptr);
-      _exit(127);
-    }
-    close(p[1]);
-    err_ = p[0];
-    ready_ = wait_log("serving ");
-    setenv("RTSOCK_PATH", sock_.c_str(), 1);
-  }
-  ~Peer() {
-    kill(pid_, SIGTERM);
-    int st;
-    waitpid(pid_, &st, 0);
-    close(err_);
-    unsetenv("RTSOCK_PATH");
-    std::string cmd = "rm -rf " + dir_;
-    if (system(cmd.c_str())) {
-    }
-  }
-  bool ready() const { return ready_; }
-  const std::string &sock() const { return sock_; }
-  bool alive() { return waitpid(pid_, nullptr, WNOHANG) == 0; }
-  const std::string &log() const { return log_; }
-
-  // Reads standard error until a line holds `text` (or 10 s pass).
-  bool wait_log(const std::string &text) {
-    for (;;) {
-      if (log_.find(text) != std::string::npos) return true;
-      pollfd pf{err_, POLLIN, 0};
-      if (poll(&pf, 1, 10000) <= 0) return false;
-      char buf[4096];
-      ssize_t n = read(err_, buf, sizeof buf);
-      if (n <= 0) return false;
-      log_.append(buf, static_cast<size_t>(n));
-    }
-  }
-
-  // One admin command; the reply up to its "ok" or "error:" line.
-  std::string admin(const std::string &cmd) {
-    if (admin_fd_ < 0) {
-      admin_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_un sa{};
-      sa.sun_family = AF_UNIX;
-      strlcpy(sa.sun_path, (sock_ + ".admin").c_str(), sizeof sa.sun_path);
-      EXPECT_EQ(connect(admin_fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
-    }
-    std::string line = cmd + "\n";
-    EXPECT_EQ(send(admin_fd_, line.data(), line.size(), 0), static_cast<ssize_t>(line.size()));
-    std::string out;
-    while (out.find("ok\n") == std::string::npos && out.find("error:") == std::string::npos) {
-      char buf[4096];
-      ssize_t n = recv(admin_fd_, buf, sizeof buf, 0);
-      if (n <= 0) break;
-      out.append(buf, static_cast<size_t>(n));
-    }
-    return out;
-  }
-
- private:
-  std::string dir_, sock_, log_;
-  pid_t pid_ = -1;
-  int err_ = -1, admin_fd_ = -1;
-  bool ready_ = false;
-};
-
-struct Handle {
-  rtslib_cookie *c;
-  explicit Handle(uint8_t sender = 131) : c(rtslib_open(sender)) {}
-  ~Handle() { rtslib_close(c); }
-  operator rtslib_cookie *() const { return c; }
-  void listen(uint32_t w0, uint32_t w1) {
-    uint32_t mask[2] = {w0, w1};
-    ASSERT_EQ(rts_lower()->lo_setopt(nullptr, c->fd, RTS_SOL, RTS_OPT_LISTEN_MASK, mask, 8), 0);
-  }
-};
-
-int bd_request(rtslib_cookie *c, uint8_t op, uint16_t index, rts_bd_msg **out) {
-  rts_bd_msg req{};
-  req.hdr.version = 98;
-  req.hdr.type = RTS_T_BRIDGE_DOMAIN;
-  req.hdr.operation = op;
-  req.hdr.size = 200;
-  req.hdr.seq = c->seq++;
-  req.hdr.sender = 131;
-  req.bdm_index = index;
-  int err = rtslib_msg_write_idl(c, RTS_T_BRIDGE_DOMAIN, &req, nullptr);
-  if (err || !out) return err;
-  void *m;
-  err = rtslib_msg_read_idl(c, &m);
-  *out = static_cast<rts_bd_msg *>(m);
-  return err;
-}
-
-// A bare SEQPACKET client: what misbehaving programs do.
-int raw_client(const std::string &path) {
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  sockaddr_un sa{};
-  sa.sun_family = AF_UNIX;
-  strlcpy(sa.sun_path, path.c_str(), sizeof sa.sun_path);
-  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
-  return fd;
-}
+using namespace rtsockd_test;
 
 TEST(RtsockdProcess, ScanByGetnextToTheEndOfATable) {
   Peer peer;
@@ -394,8 +266,8 @@ TEST(RtsockdProcess, AClientThatStopsReadingBlocksNobody) {
   rtslib_msg_idl_release(good, bd);
   // The stuck client's own get fails as on a full kernel socket.
   EXPECT_EQ(bd_request(stuck, RTS_OP_GET, 5, &bd), EAGAIN);
-  EXPECT_NE(peer.admin("clients").find("client 1 sender 7 listen 0x0 0x1000 backlog 4096 dropped"),
-            std::string::npos);
+  std::string clients = peer.admin("clients");
+  EXPECT_NE(clients.find("client 1 sender 7 listen 0x0 0x1000 backlog 4096 dropped"), std::string::npos) << clients;
 }
 
 }  // namespace

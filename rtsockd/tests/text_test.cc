@@ -93,3 +93,22 @@ TEST(PeerStore, GetnextWalksInKeyOrderAndChangesFollowTheRules) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(PeerStore, AnObjectCostsItsRecordAndNoMore) {
+  uint32_t type;
+  std::unique_ptr<Object> obj;
+  std::string why;
+  ASSERT_TRUE(parse_object("bd index=5 name=bd5 vnid=1", &type, &obj, &why)) << why;
+  // The record, then its name (8-byte aligned): nothing held in reserve.
+  EXPECT_EQ(obj->block.size(), (sizeof(rts_bd_msg) + 7) / 8 * 8 + 8);
+  Store store;
+  ASSERT_EQ(store.apply(RTS_OP_ADD, type, obj->rec()), 0);
+  const Object *kept = store.find_exact(type, Store::key_of(type, obj->rec()));
+  ASSERT_NE(kept, nullptr);
+  EXPECT_EQ(kept->block.size(), obj->block.size());
+  EXPECT_EQ(kept->block.capacity(), obj->block.size());
+}
+
+}  // namespace

@@ -224,7 +224,7 @@ uint8_t *addr(const char *a) {
   return buf;
 }
 
-// The shapes the design pins down, and the longest match through them.
+// The documented tree shapes, and the longest match through them.
 TEST(Radix, ShapesAndLongestMatch) {
   task_radix root;
   task_radix_init(&root, 0, 0);

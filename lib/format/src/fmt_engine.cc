@@ -17,21 +17,72 @@ using namespace task_fmt_lang;
 
 namespace {
 
-// Characters a directive steps over (1) and the framework's conversions (2).
-constexpr struct scan_table {
-  uint8_t t[256] = {};
-  constexpr scan_table() {
-    for (const char *c = "#-+ 0123456789*.lLhq"; *c; c++) t[static_cast<uint8_t>(*c)] = 1;
-    for (const char *c = "TtAmBbzZa"; *c; c++) t[static_cast<uint8_t>(*c)] = 2;
+// What the C library may be handed as it stands. Row: the length modifier
+// (none, "h", "hh", "l", "ll", "q", "L"); bit per conversion character: the
+// conversions that it reads exactly as this formatter does and that cannot
+// fail on an encoding. Anything else is walked: the framework's directives,
+// flags after the width, wide characters, "%n", "*", a width of six digits.
+enum : uint8_t { LEN_NONE, LEN_H, LEN_HH, LEN_L, LEN_LL, LEN_Q, LEN_BIG_L, LEN_COUNT };
+constexpr struct direct_table {
+  uint8_t flag[256] = {};
+  uint8_t ok[LEN_COUNT][256] = {};
+  constexpr direct_table() {
+    for (const char *c = "#-+ 0"; *c; c++) flag[static_cast<uint8_t>(*c)] = 1;
+    auto allow = [&](int len, const char *convs) {
+      for (const char *c = convs; *c; c++) ok[len][static_cast<uint8_t>(*c)] = 1;
+    };
+    allow(LEN_NONE, "diouxXeEfFgGcsp");
+    allow(LEN_H, "diouxX");
+    allow(LEN_HH, "diouxX");
+    allow(LEN_LL, "diouxX");
+    allow(LEN_Q, "diouxX");
+    allow(LEN_L, "diouxXeEfFgG");
+    allow(LEN_BIG_L, "eEfFgG");
   }
-} scan;
+} direct;
 
-// True when fmt holds a directive of the framework's own. Every format passes
-// here, so the "%" signs are found sixteen bytes at a time. The loads are
-// aligned and never cross a page; the bytes past the terminator that they
-// see are masked off, which the address sanitizer cannot know.
+constexpr bool is_digit(unsigned char c) { return c >= '0' && c <= '9'; }
+
+// Steps p (just past a "%" that is not "%%") to the conversion character of
+// a directive in C's own order that the C library may take as it stands;
+// false when the format must be walked. Stops at the terminator.
+inline bool c_direct(const unsigned char *&p) {
+  if (direct.ok[LEN_NONE][*p]) return true;  // "%d", "%s": most directives
+  while (direct.flag[*p]) p++;
+  int n = 0;
+  while (is_digit(*p)) p++, n++;
+  if (n > 5) return false;  // the walk caps widths; so must this path
+  if (*p == '.') {
+    p++;
+    n = 0;
+    while (is_digit(*p)) p++, n++;
+    if (n > 5) return false;
+  }
+  int len = LEN_NONE;
+  switch (*p) {
+    case 'h':
+      len = p[1] == 'h' ? LEN_HH : LEN_H;
+      p += len == LEN_HH ? 2 : 1;
+      break;
+    case 'l':
+      len = p[1] == 'l' ? LEN_LL : LEN_L;
+      p += len == LEN_LL ? 2 : 1;
+      break;
+    case 'q': len = LEN_Q; p++; break;
+    case 'L': len = LEN_BIG_L; p++; break;
+    default: break;
+  }
+  return direct.ok[len][*p];
+}
+
+// True when fmt must be walked directive by directive: it holds a directive
+// of the framework's own, or one the C library would read otherwise than
+// this formatter. Every format passes here, so the "%" signs are found
+// sixteen bytes at a time. The loads are aligned and never cross a page; the
+// bytes past the terminator that they see are masked off, which the address
+// sanitizer cannot know.
 #if defined(__SSE2__)
-__attribute__((no_sanitize_address)) bool has_ext(const char *fmt) {
+__attribute__((no_sanitize_address)) bool needs_walk(const char *fmt) {
   const __m128i pct = _mm_set1_epi8('%'), nul = _mm_setzero_si128();
   const char *block = reinterpret_cast<const char *>(reinterpret_cast<uintptr_t>(fmt) & ~uintptr_t{15});
   unsigned skip = static_cast<unsigned>(fmt - block);
@@ -46,11 +97,7 @@ __attribute__((no_sanitize_address)) bool has_ext(const char *fmt) {
       pm &= pm - 1;
       if (q < next_ok) continue;  // inside the previous directive or "%%"
       const unsigned char *p = q + 1;
-      if (*p != '%') {
-        while (scan.t[*p] == 1) p++;
-        if (scan.t[*p] == 2) return true;
-        if (*p == 0) return false;
-      }
+      if (*p != '%' && !c_direct(p)) return true;
       next_ok = p + 1;
     }
     if (zm) return false;
@@ -61,15 +108,11 @@ __attribute__((no_sanitize_address)) bool has_ext(const char *fmt) {
   }
 }
 #else
-bool has_ext(const char *fmt) {
-  for (const char *p = strchr(fmt, '%'); p; p = strchr(p, '%')) {
-    p++;
-    if (*p == '%') {
-      p++;
-      continue;
-    }
-    while (scan.t[static_cast<uint8_t>(*p)] == 1) p++;
-    if (scan.t[static_cast<uint8_t>(*p)] == 2) return true;
+bool needs_walk(const char *fmt) {
+  for (const char *c = strchr(fmt, '%'); c; c = strchr(c, '%')) {
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(c) + 1;
+    if (*p != '%' && !c_direct(p)) return true;
+    c = reinterpret_cast<const char *>(p) + 1;
   }
   return false;
 }
@@ -172,20 +215,48 @@ void put_padded(sink &o, const tf_spec &s, const char *text, size_t len) {
   if (w > len && (s.flags & TFF_LEFT)) o.pad(w - len);
 }
 
-// The directive's slice, NUL-terminated; "*" is dropped (never read here).
-bool slice_of(const tf_spec &s, char *out, size_t size) {
-  size_t n = 0;
-  for (const char *p = s.start; p < s.end; p++) {
-    if (*p == '*') continue;
-    if (n + 1 >= size) return false;
-    out[n++] = *p;
+// Width, precision and flags of a C directive as the C library gets them:
+// the parsed ones, or those that "*" arguments gave in a plain format.
+struct c_shape {
+  int width;
+  int prec;
+  uint32_t flags;
+};
+
+char *put_uint(char *p, unsigned v) {
+  char tmp[12];
+  char *q = tmp + sizeof tmp;
+  do {
+    *--q = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v);
+  while (q < tmp + sizeof tmp) *p++ = *q++;
+  return p;
+}
+
+// The directive rebuilt in C's order with the length that makes the C
+// library read the argument the code names. At most 32 bytes with the NUL.
+void c_slice(const tf_spec &s, const c_shape &c, char *out) {
+  char *p = out;
+  *p++ = '%';
+  if (c.flags & TFF_ALT) *p++ = '#';
+  if (c.flags & TFF_LEFT) *p++ = '-';
+  if (c.flags & TFF_SIGN) *p++ = '+';
+  if (c.flags & TFF_BLANK) *p++ = ' ';
+  if (c.flags & TFF_ZERO) *p++ = '0';
+  if (c.width > 0) p = put_uint(p, static_cast<unsigned>(c.width));
+  if (c.prec >= 0) {
+    *p++ = '.';
+    p = put_uint(p, static_cast<unsigned>(c.prec));
   }
-  out[n] = '\0';
-  return true;
+  for (const char *l = tf_c_length(s); *l; l++) *p++ = *l;
+  *p++ = s.conv;
+  *p = '\0';
 }
 
 bool plain_spec(const tf_spec &s) {
-  return s.width < 0 && s.prec < 0 && !(s.flags & (TFF_ALT | TFF_ZERO | TFF_LEFT | TFF_STAR | TFF_SIGN));
+  return s.width < 0 && s.prec < 0 &&
+         !(s.flags & (TFF_ALT | TFF_ZERO | TFF_LEFT | TFF_STAR | TFF_SIGN | TFF_BLANK));
 }
 
 // %d %i %u %x %X without flags, width or precision.
@@ -229,12 +300,33 @@ bool fast_int(sink &o, const tf_spec &s, uint64_t bits, bool is_signed) {
 }
 
 template <class V>
-void put_value(sink &o, const tf_spec &s, V v) {
-  char slice[128];
-  if (slice_of(s, slice, sizeof slice))
-    o.printf1(slice, v);
-  else
-    o.put(s.start, s.end - s.start);
+void put_value(sink &o, const tf_spec &s, const c_shape &c, V v) {
+  char slice[32];
+  c_slice(s, c, slice);
+  o.printf1(slice, v);
+}
+
+// The "*" arguments of a directive in a plain format, in the order they
+// stand: one before the "." is the width (negative: "-" and its size), one
+// after it the precision (negative: none). Capped as written widths are.
+void take_stars(va_box &a, const tf_spec &s, c_shape &c) {
+  bool in_prec = false;
+  for (const char *p = s.start + 1; p < s.end; p++) {
+    if (*p == '.') {
+      in_prec = true;
+    } else if (*p == '*') {
+      long v = va_arg(*a.p, int);
+      if (!in_prec) {
+        if (v < 0) {
+          c.flags |= TFF_LEFT;
+          v = -v;
+        }
+        c.width = static_cast<int>(v > TF_MAX_WIDTH ? TF_MAX_WIDTH : v);
+      } else {
+        c.prec = v < 0 ? -1 : static_cast<int>(v > TF_MAX_WIDTH ? TF_MAX_WIDTH : v);
+      }
+    }
+  }
 }
 
 uint32_t take_u32(va_box &a) { return va_arg(*a.p, unsigned); }
@@ -274,42 +366,47 @@ int64_t take_signed(va_box &a, uint32_t flags) {
   return va_arg(*a.p, int);
 }
 
-void emit(sink &o, const tf_spec &s, va_box &a, int saved_errno, char *scratch) {
+// stars: whether "*" takes an argument (a format without the framework's
+// directives).
+void emit(sink &o, const tf_spec &s, va_box &a, int saved_errno, char *scratch, bool stars) {
   size_t len = 0;
+  c_shape c{s.width, s.prec, s.flags};
+  if (s.stars && stars) take_stars(a, s, c);
   switch (s.code) {
     case TFC_SHORT:
     case TFC_INT: {
       int v = va_arg(*a.p, int);
       if (s.code == TFC_SHORT) {  // "h" or "hh": the C library narrows
-        put_value(o, s, v);
+        put_value(o, s, c, v);
         return;
       }
       bool sgn = s.conv == 'd' || s.conv == 'i';
       uint64_t bits = sgn ? static_cast<uint64_t>(static_cast<int64_t>(v)) : static_cast<unsigned>(v);
-      if (!fast_int(o, s, bits, sgn)) put_value(o, s, v);
+      if (!fast_int(o, s, bits, sgn)) put_value(o, s, c, v);
       return;
     }
     case TFC_LONG: {
       long v = va_arg(*a.p, long);
-      if (!fast_int(o, s, static_cast<uint64_t>(v), true)) put_value(o, s, v);
+      if (!fast_int(o, s, static_cast<uint64_t>(v), true)) put_value(o, s, c, v);
       return;
     }
     case TFC_LLONG: {
       long long v = va_arg(*a.p, long long);
-      if (!fast_int(o, s, static_cast<uint64_t>(v), true)) put_value(o, s, v);
+      if (!fast_int(o, s, static_cast<uint64_t>(v), true)) put_value(o, s, c, v);
       return;
     }
-    case TFC_DOUBLE: put_value(o, s, va_arg(*a.p, double)); return;
-    case TFC_LDOUBLE: put_value(o, s, va_arg(*a.p, long double)); return;
+    case TFC_DOUBLE: put_value(o, s, c, va_arg(*a.p, double)); return;
+    case TFC_LDOUBLE: put_value(o, s, c, va_arg(*a.p, long double)); return;
     case TFC_STRING: {
       const char *v = va_arg(*a.p, const char *);
       if (v && plain_spec(s))
         o.put(v, strlen(v));
       else
-        put_value(o, s, v);
+        put_value(o, s, c, v);
       return;
     }
-    case TFC_POINTER: put_value(o, s, va_arg(*a.p, void *)); return;
+    case TFC_WSTRING: put_value(o, s, c, va_arg(*a.p, const wchar_t *)); return;
+    case TFC_POINTER: put_value(o, s, c, va_arg(*a.p, void *)); return;
     case TFC_COUNT: (void)va_arg(*a.p, void *); return;
     case TFC_PERCENT: o.put("%", 1); return;
     case TFC_UNKNOWN: o.put(s.start, s.end - s.start); return;
@@ -382,21 +479,31 @@ void assemble(sink &o, const char *fmt, va_box &a, int saved_errno) {
   char scratch[TASK_FMT_SCRATCH];
   const char *lit = fmt;
   int nrec = 0;
+  int ext = -1;  // whether the format has the framework's directives: found out when it matters
   const char *p;
   while (*(p = next_directive(lit)) != '\0') {
     put_literal(o, lit, p);
     tf_spec s;
     tf_parse(p, s);
-    task_assert(nrec < TASK_FMT_MAX_RECORDS);
+    if (nrec >= TASK_FMT_MAX_RECORDS || s.stars) {
+      if (ext < 0) ext = tf_has_ext(fmt);
+      if (ext) task_assert(nrec < TASK_FMT_MAX_RECORDS);
+    }
     nrec++;
-    emit(o, s, a, saved_errno, scratch);
+    emit(o, s, a, saved_errno, scratch, ext == 0);
     lit = s.end;
   }
   put_literal(o, lit, p);
 }
 
-int clamp_stored(int n, size_t size) {
-  if (n < 0) return 0;
+// What vsnprintf stored. It fails only on a text longer than INT_MAX (the
+// walk takes every directive that could fail on an encoding); what it left
+// in the buffer then is not to be trusted.
+int clamp_stored(int n, char *buf, size_t size) {
+  if (n < 0) {
+    buf[0] = '\0';
+    return 0;
+  }
   return static_cast<size_t>(n) < size ? n : static_cast<int>(size - 1);
 }
 
@@ -409,7 +516,7 @@ int vformat(task_fmt_mode *mode, const char *fmt, va_list *app) {
   va_box a{app};
   if (mode->tfm_mode == TASK_FMT_MODE_STREAM) {
     FILE *stream = static_cast<FILE *>(mode->tfm_dest);
-    if (!has_ext(fmt)) return vfprintf(stream, fmt, *app);
+    if (!needs_walk(fmt)) return vfprintf(stream, fmt, *app);
     char chunk[1025];
     sink o{chunk, sizeof chunk - 1};
     o.stream = stream;
@@ -425,7 +532,7 @@ int vformat(task_fmt_mode *mode, const char *fmt, va_list *app) {
     buf[0] = '\0';
     return 0;
   }
-  if (!has_ext(fmt)) return clamp_stored(vsnprintf(buf, size, fmt, *app), size);
+  if (!needs_walk(fmt)) return clamp_stored(vsnprintf(buf, size, fmt, *app), buf, size);
   sink o{buf, size - 1};
   assemble(o, fmt, a, saved_errno);
   buf[o.pos] = '\0';

@@ -5,6 +5,8 @@
 
 void calls(char *buf, size_t n, const char *runtime, const zsockaddr_t *addr, task_fmt_time *t) {
   task_fmt::snprintf(buf, n, "%s %A %#t %d", "ok", addr, t, 1);
+  // Flags and length in any order; a length that means nothing is ignored.
+  task_fmt::snprintf(buf, n, "%lls %qf %5-d %l-5d %Lc %ls %S %hhd", "s", 1.5, 2, 3L, 'c', L"w", L"w", 4);
 #ifdef CASE_int_for_string
   task_fmt::snprintf(buf, n, "%s", 42);
 #endif
@@ -31,6 +33,12 @@ void calls(char *buf, size_t n, const char *runtime, const zsockaddr_t *addr, ta
 #endif
 #ifdef CASE_unknown
   task_fmt::snprintf(buf, n, "%jd", 5L);  // C's %jd
+#endif
+#ifdef CASE_narrow_for_wide
+  task_fmt::snprintf(buf, n, "%-ls", "narrow");
+#endif
+#ifdef CASE_L_is_for_floats
+  task_fmt::snprintf(buf, n, "%Ld", 5LL);
 #endif
 #ifdef CASE_runtime_format
   task_fmt::snprintf(buf, n, runtime);

@@ -60,7 +60,7 @@ TEST(Plain, NullStringAsTheCLibrary) {
   EXPECT_STREQ(buf, "(null)|1");
 }
 
-TEST(Plain, StarWidthOnlyOnTheDirectPath) {
+TEST(Plain, StarWidthInAPlainFormat) {
   char buf[64];
   EXPECT_EQ(task_fmt_snprintf(buf, sizeof buf, "[%*d] [%.*s]", 5, 42, 2, "abc"), 12);
   EXPECT_STREQ(buf, "[   42] [ab]");

@@ -9,29 +9,15 @@
 #include <string>
 
 #include "format/task_fmt.h"
+#include "daemon_families.h"
 #include "sockaddr/families.h"
 
 namespace {
 
-void *t_alloc(unsigned, size_t size) { return malloc(size); }
-void t_free(void *p, unsigned) { free(p); }
-
 class Addr : public ::testing::Test {
  protected:
-  static constexpr unsigned kNoPrinter = 20;
-  void SetUp() override {
-    task_fmt_init(GF_MAX_DAEMON);
-    zsock_hooks h{};
-    h.alloc = t_alloc;
-    h.free = t_free;
-    task_fmt_zsock_hooks(&h);
-    zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
-    zsock_register_inet(GF_INET);
-    zsock_register_inet6(GF_INET6);
-    zsock_register_unix(GF_UNIX);
-    zsock_register_i802(GF_I802);
-    zsock_init_family(100, kNoPrinter, 2, 16, nullptr, 0, "noprinter", nullptr);
-  }
+  static constexpr unsigned kNoPrinter = kNoPrinterFamily;
+  void SetUp() override { wire_daemon_families(); }
   void TearDown() override { zsock_shutdown(); }
   unsigned family_ = 0;
 

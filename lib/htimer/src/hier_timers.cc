@@ -8,8 +8,11 @@
 
 #include "htimer/htimer.h"
 
-extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *file, unsigned int line,
-                                           const char *function) noexcept;
+// Declared as glibc's assert.h does (which skips it under NDEBUG), so that
+// either compiler takes the two declarations as one.
+extern "C" void __assert_fail(const char *assertion, const char *file, unsigned int line,
+                              const char *function) noexcept __attribute__((__noreturn__));
+
 #define HT_ASSERT(cond) ((cond) ? (void)0 : __assert_fail(#cond, "hier_timers.cc", __LINE__, __func__))
 
 namespace {

@@ -379,7 +379,7 @@ TEST_F(Tree, LongSiblingListsKeepTheWalksOrder) {
   EXPECT_TRUE(saw_index && saw_drop) << "the run must cross the index thresholds both ways";
 }
 
-// The design case: one interval per parent, each set goes last; the list never
+// The intended case: one interval per parent, each set goes last; the list never
 // walks and never pays for an index, however long it is.
 TEST_F(Tree, OneIntervalPerParentNeverIndexes) {
   std::vector<htimer> leaves(2000);

@@ -1,5 +1,5 @@
 // Operations every vector builds from its own allocate and free: realloc,
-// calloc and strdup, with the design's copy and failure rules.
+// calloc and strdup, with the front door's copy and failure rules.
 #pragma once
 
 #include <cerrno>

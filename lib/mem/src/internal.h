@@ -112,7 +112,7 @@ struct mem_leak_hooks {
 extern std::atomic<const mem_leak_hooks *> mem_leak;
 
 // The cookie whose zone `rz` is, among the cookie given and the fixed ones the
-// design allows a free to fall back on; null if none.
+// front door lets a free fall back on; null if none.
 task_mem_cookie *mem_zone_owner(task_mem_cookie *given, uint32_t rz);
 
 // The libc vector's operations, also used by the jemalloc vector for the

@@ -42,6 +42,15 @@ int envelope(const void *buffer, uint32_t length, uint32_t magic, rts_msg_pair *
   return static_cast<int>(e.length + RTS_ENVELOPE_SIZE);
 }
 
+// A record is read, formatted and released as the structure its envelope
+// names: a header that names another type is refused, one that names none
+// (a partial record, or a request built without it) takes the envelope's.
+int checked_type(rts_msg_pair *result) {
+  auto *h = static_cast<rts_msg_hdr *>(result->record);
+  if (h->type == 0) h->type = static_cast<uint8_t>(result->type);
+  return h->type == result->type ? 0 : RTS_DEC_GARBLED;
+}
+
 }  // namespace
 
 int rts_idr_encode(const rts_msg_pair *pair, void *buffer, uint32_t room) {
@@ -63,6 +72,7 @@ int rts_idr_decode(rts_msg_pair *result, const void *buffer, uint32_t length, rt
   int r = rts_struct_idr_decode(s, rec, static_cast<const uint8_t *>(buffer) + RTS_ENVELOPE_SIZE,
                                 static_cast<uint32_t>(size) - RTS_ENVELOPE_SIZE, alloc, context);
   if (r < 0 && r != RTS_DEC_CHOICE) return r;
+  if (int bad = checked_type(result)) return bad;
   return size;
 }
 
@@ -86,6 +96,7 @@ int rts_tlv_decode(rts_msg_pair *result, uint8_t **mask_out, const void *buffer,
                          static_cast<uint32_t>(size) - RTS_ENVELOPE_SIZE, alloc, context);
   if (r == kWidth) return RTS_DEC_SIZE;
   if (r < 0 && r != RTS_DEC_CHOICE) return r;
+  if (int bad = checked_type(result)) return bad;
   return size;
 }
 

@@ -83,9 +83,13 @@ int read_replies(rtslib_cookie *c, uint32_t from, uint32_t to, rtslib_bulk_iov *
       }
       void *msg;
       int err = rtslib_msg_decode(c, c->rbuf_pos, static_cast<uint32_t>(total), &msg);
+      c->rbuf_pos += total;
+      if (!err && !answers(msg, iov[next].rbi_msg)) {
+        rtslib_msg_idl_release(c, msg);  // the answer to an earlier request
+        continue;
+      }
       if (err) iov[next].rbi_read_error = err;
       else iov[next].rbi_reply = msg;
-      c->rbuf_pos += total;
       next++;
       advance();
     }
@@ -121,9 +125,20 @@ int rtslib_msg_writev_idl(rtslib_cookie *c, uint32_t count, rtslib_bulk_iov *iov
       socklen_t len = sizeof status;
       if (edge().lo_getopt(edge().lo_ctx, c->fd, RTS_SOL, RTS_OPT_BULK_ERROR, status, &len) < 0)
         status[1] = 0;
-      accepted = status[1] < accepted ? status[1] : accepted;
-      iov[i + accepted].rbi_write_error = status[0] ? static_cast<int32_t>(status[0]) : err;
-      if (!first_error) first_error = iov[i + accepted].rbi_write_error;
+      int32_t verdict = status[0] ? static_cast<int32_t>(status[0]) : err;
+      if (!first_error) first_error = verdict;
+      if (status[1] >= accepted) {
+        // Every message was taken, yet the write failed: their replies could
+        // not be queued. The failure is their reads', not one message's write.
+        read_replies(c, i, i + accepted, iov);
+        for (uint32_t k = i; k < i + accepted; k++)
+          if (wants_reply(iov[k].rbi_msg) && !iov[k].rbi_reply && iov[k].rbi_read_error == EAGAIN)
+            iov[k].rbi_read_error = verdict;
+        i += accepted;
+        continue;
+      }
+      accepted = status[1];
+      iov[i + accepted].rbi_write_error = verdict;
       int rerr = read_replies(c, i, i + accepted, iov);
       if (rerr && !first_error) first_error = rerr;
       i += accepted + 1;  // resume behind the one that failed

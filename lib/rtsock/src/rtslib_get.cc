@@ -48,13 +48,61 @@ void fill_header(rtslib_cookie *c, rts_msg_hdr &h, uint8_t type, uint8_t op) {
 
 bool wants_reply(uint8_t op) { return op == RTS_OP_GET || op == RTS_OP_GETNEXT; }
 
-// Sends the record and, for get and getnext, reads the reply into *result.
+// The next record of a get's wait. A record thrown away for being broken
+// (too short, no block for it) may hide the answer behind it: its error is
+// kept in *bad and the wait goes on (*err 0, *buf null). The wait ends with
+// *err set; EAGAIN after a broken record gives that record's error.
+bool next_record(rtslib_cookie *c, uint8_t **buf, uint32_t *len, int *bad, int *err) {
+  *err = take_record(c, buf, len);
+  if (*err == EIO || *err == ENOMEM) {
+    if (!*bad) *bad = *err;
+    *err = 0;
+    *buf = nullptr;
+    return true;
+  }
+  if (*err == EAGAIN && *bad) *err = *bad;
+  return *err == 0;
+}
+
+// Reads until the answer to `request` comes: records that answer something
+// else are dropped (see answers()). A record that does not decode may have
+// been anything; its error is the result only when no answer follows.
+int read_answer(rtslib_cookie *c, const rts_msg_hdr &request, void **answer) {
+  *answer = nullptr;
+  int bad = 0;
+  for (;;) {
+    uint8_t *buf;
+    uint32_t len;
+    int err;
+    if (!next_record(c, &buf, &len, &bad, &err)) return err;
+    if (!buf) continue;
+    void *msg = nullptr;
+    err = rtslib_msg_decode(c, buf, len, &msg);
+    release(RTSLIB_MEM_MSG, buf);
+    if (err) {
+      if (!bad) bad = err;
+      continue;
+    }
+    if (answers(msg, &request)) {
+      *answer = msg;
+      return 0;
+    }
+    auto *h = static_cast<const rts_msg_hdr *>(msg);
+    rtslib_log(c, RTSLIB_LOG_DEBUG, "dropped type %u seq %u op %u while waiting for type %u seq %u op %u",
+               h->type, h->seq, h->operation, request.type, request.seq, request.operation);
+    rtslib_msg_idl_release(c, msg);
+  }
+}
+
+// Sends the record and, for get and getnext, reads its answer into *result.
 template <class R>
 int exchange(rtslib_cookie *c, uint8_t type, uint8_t op, const R *rec, R **result) {
   int err = send_message(c, type, rec, nullptr);
   if (err || !wants_reply(op)) return err;
+  rts_msg_hdr request = rec->hdr;
+  request.type = type;  // as the envelope names it
   void *msg;
-  err = rtslib_msg_read_idl(c, &msg);
+  err = read_answer(c, request, &msg);
   if (!err) *result = static_cast<R *>(msg);
   return err;
 }
@@ -87,16 +135,31 @@ int raw_stats(rtslib_cookie *c, uint8_t type, uint32_t index, rts_ifstats_msg **
   req.ifsm_index = index;
   rtslib_msglen = sizeof req;
   if (edge().lo_write(edge().lo_ctx, c->fd, &req, sizeof req) < 0) return errno;
-  uint8_t *buf;
-  uint32_t len;
-  int err = rtslib_msg_read(c, &buf, &len);
-  if (err) return err;
-  if (len < sizeof(rts_ifstats_msg) || buf[0] || buf[1] || buf[2] || buf[3]) {
+  // Raw replies are dropped when they answer an earlier request (an older
+  // number) or are of another type; any other number is a mismatch.
+  int bad = 0;
+  for (;;) {
+    uint8_t *buf;
+    uint32_t len;
+    int err;
+    if (!next_record(c, &buf, &len, &bad, &err)) return err;
+    if (!buf) continue;
+    rts_raw_hdr h{};
+    if (len >= sizeof(rts_ifstats_msg)) memcpy(&h, buf, sizeof h);
+    if (len >= sizeof(rts_ifstats_msg) && h.word0 == 0 && h.type == type) {
+      if (h.seq == req.hdr.seq) {
+        *result = reinterpret_cast<rts_ifstats_msg *>(buf);
+        return 0;
+      }
+      if (static_cast<int32_t>(req.hdr.seq - h.seq) < 0 && !raw_seq_ok(c, h.seq)) {
+        release(RTSLIB_MEM_MSG, buf);
+        return -2;
+      }
+    }
+    rtslib_log(c, RTSLIB_LOG_DEBUG, "dropped a record of %u bytes while waiting for type %u seq %u", len,
+               type, req.hdr.seq);
     release(RTSLIB_MEM_MSG, buf);
-    return EIO;
   }
-  *result = reinterpret_cast<rts_ifstats_msg *>(buf);
-  return 0;
 }
 
 }  // namespace

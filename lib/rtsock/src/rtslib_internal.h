@@ -24,6 +24,21 @@ constexpr size_t kReadBuffer = 16385;
 // Encodes and writes an already filled message; 0 or an errno value.
 int send_message(rtslib_cookie *c, uint32_t type, const void *record, const uint8_t *mask);
 
+// Takes the next record off the socket into a block of the size that arrived
+// (rtslib_msg_read without the sequence check); 0 or an errno value.
+int take_record(rtslib_cookie *c, uint8_t **block, uint32_t *length);
+// The sequence check of a raw reply: false after reporting a mismatch.
+bool raw_seq_ok(rtslib_cookie *c, uint32_t seq);
+
+// Whether a decoded reply is the answer to `request`: same type, sequence
+// number and operation. Anything else (the reply to a request that timed
+// out, a notification) is never handed out as its answer.
+inline bool answers(const void *reply, const void *request) {
+  auto *a = static_cast<const rts_msg_hdr *>(reply);
+  auto *q = static_cast<const rts_msg_hdr *>(request);
+  return a->type == q->type && a->seq == q->seq && a->operation == q->operation;
+}
+
 }  // namespace rtslib
 
 // The sink a new handle starts with.

@@ -85,10 +85,12 @@ int rtslib_msg_write_idl(rtslib_cookie *c, uint32_t type, void *record, const ui
   return send_message(c, type, record, mask);
 }
 
-int rtslib_msg_read(rtslib_cookie *c, uint8_t **block, uint32_t *length) {
+int rtslib::take_record(rtslib_cookie *c, uint8_t **block, uint32_t *length) {
   *block = nullptr;
   *length = 0;
   uint8_t head[kPeek];
+  // The edge reports the record's whole length: the block is sized by what
+  // arrived, never by what a header claims.
   ssize_t n = edge().lo_peek(edge().lo_ctx, c->fd, head, sizeof head);
   if (n < 0) {
     if (errno == EMSGSIZE) {  // a peek of 24 bytes cannot be too long: the socket is not ours
@@ -98,19 +100,20 @@ int rtslib_msg_read(rtslib_cookie *c, uint8_t **block, uint32_t *length) {
     return errno;
   }
   if (n == 0) return ECONNRESET;  // the peer has gone
-  if (static_cast<size_t>(n) < kPeek) {
-    // A record shorter than any header would sit in front of every later
+  if (static_cast<size_t>(n) < kPeek || n > 0x7FFFFFFD) {
+    // A record that cannot be a message would sit in front of every later
     // reply: take it off the socket.
     edge().lo_read(edge().lo_ctx, c->fd, head, sizeof head);
-    rtslib_log(c, RTSLIB_LOG_ERROR, "msg read too small for header: %d", static_cast<int>(n));
+    if (n > 0x7FFFFFFD) rtslib_log(c, RTSLIB_LOG_ERROR, "msg of %lld bytes is too large", static_cast<long long>(n));
+    else rtslib_log(c, RTSLIB_LOG_ERROR, "msg read too small for header: %d", static_cast<int>(n));
     return EIO;
   }
   uint32_t magic = word(head, 0);
   bool envelope = magic == RTS_MAGIC_TLV || magic == RTS_MAGIC_IDR;
-  uint64_t len = envelope ? uint64_t{word(head, 1)} + RTS_ENVELOPE_SIZE : word(head, 2);
-  if (len < 1 || len > 0x7FFFFFFD) return EINVAL;
+  auto len = static_cast<size_t>(n);
   auto *buf = static_cast<uint8_t *>(alloc(RTSLIB_MEM_MSG, len));
   if (!buf) {
+    edge().lo_read(edge().lo_ctx, c->fd, head, sizeof head);
     rtslib_log(c, RTSLIB_LOG_ERROR, "Allocation Failure for (%d) bytes", static_cast<int>(len));
     return ENOMEM;
   }
@@ -121,34 +124,57 @@ int rtslib_msg_read(rtslib_cookie *c, uint8_t **block, uint32_t *length) {
     release(RTSLIB_MEM_MSG, buf);
     return err;
   }
-  if (envelope) {
-    len = static_cast<uint64_t>(got);
-  } else if (static_cast<uint64_t>(got) < len) {
-    rtslib_log(c, RTSLIB_LOG_FATAL, "msg read too short got (%d), expected %d", static_cast<int>(got),
-               static_cast<int>(len));
-    release(RTSLIB_MEM_MSG, buf);
-    return EIO;
+  len = static_cast<size_t>(got);  // an envelope is taken with the length read
+  if (!envelope && len >= kPeek) {
+    uint32_t expect = word(buf, 2);
+    if (len < expect) {
+      rtslib_log(c, RTSLIB_LOG_FATAL, "msg read too short got (%d), expected %d", static_cast<int>(len),
+                 static_cast<int>(expect));
+      release(RTSLIB_MEM_MSG, buf);
+      return EIO;
+    }
+    if (len > expect) {
+      rtslib_log(c, RTSLIB_LOG_WARNING, "msg read too long got (%d), expected %d", static_cast<int>(len),
+                 static_cast<int>(expect));
+      len = expect;
+    }
   }
   if (len < kPeek) {
     rtslib_log(c, RTSLIB_LOG_FATAL, "msg read too small for header: %d", static_cast<int>(len));
     release(RTSLIB_MEM_MSG, buf);
     return EIO;
   }
-  if (!envelope) {
-    uint32_t seq = word(buf, 3), expect = c->seq - 1;
-    bool ok = seq == expect || (c->async && c->async_zero_seq_ok && seq == 0);
-    if (!ok) {
-      if (c->seq_err_fn) c->seq_err_fn(c, c->seq_err_ctx, expect, seq);
-      else
-        rtslib_log(c, c->async ? RTSLIB_LOG_ERROR : RTSLIB_LOG_FATAL, "%s seq mismatch: (%u != %u)",
-                   c->async ? "async message" : "request/reply", seq, expect);
-      if (c->async) c->seq = seq + 1;
-      release(RTSLIB_MEM_MSG, buf);
-      return -2;
-    }
-  }
   *block = buf;
   *length = static_cast<uint32_t>(len);
+  return 0;
+}
+
+bool rtslib::raw_seq_ok(rtslib_cookie *c, uint32_t seq) {
+  uint32_t expect = c->seq - 1;
+  if (seq == expect || (c->async && c->async_zero_seq_ok && seq == 0)) return true;
+  if (c->seq_err_fn) c->seq_err_fn(c, c->seq_err_ctx, expect, seq);
+  else
+    rtslib_log(c, c->async ? RTSLIB_LOG_ERROR : RTSLIB_LOG_FATAL, "%s seq mismatch: (%u != %u)",
+               c->async ? "async message" : "request/reply", seq, expect);
+  if (c->async) c->seq = seq + 1;
+  return false;
+}
+
+int rtslib_msg_read(rtslib_cookie *c, uint8_t **block, uint32_t *length) {
+  uint8_t *buf;
+  uint32_t len;
+  int err = take_record(c, &buf, &len);
+  if (err) {
+    *block = nullptr;
+    *length = 0;
+    return err;
+  }
+  if (word(buf, 0) != RTS_MAGIC_TLV && word(buf, 0) != RTS_MAGIC_IDR && !raw_seq_ok(c, word(buf, 3))) {
+    release(RTSLIB_MEM_MSG, buf);
+    return -2;
+  }
+  *block = buf;
+  *length = len;
   return 0;
 }
 
@@ -166,7 +192,14 @@ int rtslib_msg_decode(rtslib_cookie *c, const uint8_t *buffer, uint32_t length, 
   }
   if (magic != RTS_MAGIC_TLV && magic != RTS_MAGIC_IDR) return EOPNOTSUPP;
   bool tlv = magic == RTS_MAGIC_TLV;
+  // What the envelope claims is believed only as far as the bytes hold it:
+  // no block is sized by a length that did not arrive.
   uint64_t env = word(buffer, 1);
+  if (length < RTS_ENVELOPE_SIZE || env > length - RTS_ENVELOPE_SIZE) {
+    rtslib_log(c, RTSLIB_LOG_DEBUG, "IDL %s Decode Error %d(%s)", tlv ? "TLV" : "IDR", RTS_DEC_SIZE,
+               rts_decode_error_text(RTS_DEC_SIZE));
+    return EINVAL;
+  }
   size_t size = env > RTS_MSG_MAX ? static_cast<size_t>(env) + 1024 : RTS_MSG_MAX;
   for (;;) {
     auto *block = static_cast<uint8_t *>(alloc(RTSLIB_MEM_MSG, size));

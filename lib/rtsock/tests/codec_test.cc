@@ -14,34 +14,8 @@ namespace {
 
 using samples::Arena;
 
-struct Sample {
-  const char *name;
-  uint32_t type;
-  void *record;
-};
-
-// One filled record of every type with a codec; the storage lives in `st`.
-struct AllSamples {
-  samples::Store st;
-  rts_msg_hdr nop{};
-  rts_bd_msg bd = samples::bd(st);
-  rts_rt_msg rt = samples::route(st);
-  rts_rtmatch_msg rtmatch = samples::rtmatch(st);
-  rts_rtb_msg rtb = samples::rtb(st);
-  rts_ifd_msg ifd = samples::ifd(st);
-  rts_ifl_msg ifl = samples::ifl(st);
-  rts_iff_msg iff = samples::iff(st);
-  rts_ifa_msg ifa = samples::ifa(st);
-  rts_gencfg_msg gencfg = samples::gencfg(st);
-  std::vector<Sample> list() {
-    samples::header(nop, RTS_T_NOP, RTS_OP_GET);
-    return {{"nop", RTS_T_NOP, &nop},          {"bridge-domain", RTS_T_BRIDGE_DOMAIN, &bd},
-            {"route", RTS_T_ROUTE, &rt},       {"rtmatch", RTS_T_RTMATCH, &rtmatch},
-            {"rttable", RTS_T_RTTABLE, &rtb},  {"ifdev", RTS_T_IFDEV, &ifd},
-            {"iflogical", RTS_T_IFLOGICAL, &ifl}, {"iffamily", RTS_T_IFFAMILY, &iff},
-            {"ifaddr", RTS_T_IFADDR, &ifa},    {"gencfg", RTS_T_GENCFG, &gencfg}};
-  }
-};
+using samples::AllSamples;
+using samples::Sample;
 
 std::vector<uint8_t> encode(const Sample &s, bool tlv, const uint8_t *mask = nullptr) {
   rts_msg_pair pair{s.type, s.record};

@@ -1,7 +1,14 @@
 // An in-process route-socket peer behind the lower edge: no thread, no
 // socket. A write runs the test's handler at once, which answers with a
-// verdict and may queue replies, as the kernel would.
+// verdict and may queue replies, as the kernel would. Its descriptor is an
+// eventfd, readable exactly while the queue holds a message, so an event
+// loop can watch it; a test that fills `queue` by hand calls sync().
 #pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -20,13 +27,14 @@ struct FakePeer {
   using Msg = std::vector<uint8_t>;
   static inline FakePeer *cur = nullptr;
 
-  static constexpr int kFd = 42;
+  int fd = -1;
   int open_errno = 0;
   bool is_open = false;
   Msg versions;
   std::deque<Msg> queue;                 // to the client
   std::vector<Msg> written;              // what the client wrote
   std::map<int, Msg> options;            // route-socket options set
+  std::map<int, int> option_errno;       // route-socket options that fail, with this errno
   std::map<int, int> socket_options;     // SO_SNDBUF, SO_RCVBUF
   uint32_t bulk_status[3] = {};
   // The kernel's side of a write: the verdict (errno or 0).
@@ -36,22 +44,36 @@ struct FakePeer {
     versions.push_back(RTS_TYPE_COUNT - 1);
     versions.push_back(RTS_IFACE_VERSION);
     for (unsigned t = 1; t <= RTS_TYPE_LAST; t++) versions.push_back(rts_type_table[t].version);
+    fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     cur = this;
     rts_lower_set(&kOps);
   }
   ~FakePeer() {
     rts_lower_set(nullptr);
     cur = nullptr;
+    close(fd);
   }
+
+  // Makes the descriptor readable exactly while a message waits.
+  void sync() {
+    uint64_t v;
+    if (queue.empty() && readable) {
+      if (::read(fd, &v, sizeof v) == sizeof v) readable = false;
+    } else if (!queue.empty() && !readable) {
+      v = 1;
+      if (::write(fd, &v, sizeof v) == sizeof v) readable = true;
+    }
+  }
+  void push(Msg m) {
+    queue.push_back(std::move(m));
+    sync();
+  }
+  // True while the descriptor is in blocking mode (the task kernel sets it).
+  bool blocking() const { return !(fcntl(fd, F_GETFL) & O_NONBLOCK); }
 
   // Queues a reply in either encoding.
   void reply(uint32_t type, const void *record, bool tlv = false) {
-    rts_msg_pair pair{type, const_cast<void *>(record)};
-    int n = tlv ? rts_tlv_encode(&pair, nullptr, nullptr, 0) : rts_idr_encode(&pair, nullptr, 0);
-    Msg m(static_cast<size_t>(n));
-    if (tlv) rts_tlv_encode(&pair, nullptr, m.data(), n);
-    else rts_idr_encode(&pair, m.data(), n);
-    queue.push_back(std::move(m));
+    push(samples::wire(type, record, tlv));
   }
 
   // Decodes what the client wrote last (an envelope).
@@ -68,6 +90,7 @@ struct FakePeer {
   }
 
  private:
+  bool readable = false;
   static int fail(int e) {
     errno = e;
     return -1;
@@ -75,7 +98,7 @@ struct FakePeer {
   static int op_open(void *) {
     if (cur->open_errno) return fail(cur->open_errno);
     cur->is_open = true;
-    return kFd;
+    return cur->fd;
   }
   static int op_close(void *, int) {
     cur->is_open = false;
@@ -88,6 +111,7 @@ struct FakePeer {
       cur->socket_options[name] = x;
       return 0;
     }
+    if (cur->option_errno.count(name)) return fail(cur->option_errno[name]);
     auto *b = static_cast<const uint8_t *>(v);
     cur->options[name] = Msg(b, b + len);
     return 0;
@@ -115,12 +139,15 @@ struct FakePeer {
     auto *b = static_cast<const uint8_t *>(buf);
     cur->written.emplace_back(b, b + len);
     int err = cur->on_write(cur->written.back());
+    cur->sync();
     return err ? fail(err) : static_cast<ssize_t>(len);
   }
   static ssize_t op_read(void *, int, void *buf, size_t len) {
     if (cur->queue.empty()) return fail(EAGAIN);
     Msg m = std::move(cur->queue.front());
     cur->queue.pop_front();
+    cur->sync();
+    if (m.size() > len) return fail(EMSGSIZE);
     size_t n = m.size() < len ? m.size() : len;
     memcpy(buf, m.data(), n);
     return static_cast<ssize_t>(n);
@@ -128,9 +155,8 @@ struct FakePeer {
   static ssize_t op_peek(void *, int, void *buf, size_t len) {
     if (cur->queue.empty()) return fail(EAGAIN);
     const Msg &m = cur->queue.front();
-    size_t n = m.size() < len ? m.size() : len;
-    memcpy(buf, m.data(), n);
-    return static_cast<ssize_t>(n);
+    memcpy(buf, m.data(), m.size() < len ? m.size() : len);
+    return static_cast<ssize_t>(m.size());  // the whole record, as the edge reports it
   }
   static constexpr rts_lower_ops kOps = {op_open, op_close, op_setopt, op_getopt,
                                         op_write, op_read, op_peek, nullptr};
@@ -149,4 +175,16 @@ struct LogCapture {
       if (l.first == level && l.second.find(text) != std::string::npos) return true;
     return false;
   }
+};
+
+// A handle opened over a fresh in-process peer, with what it logs kept.
+struct RtslibTest : ::testing::Test {
+  FakePeer peer;
+  LogCapture log;
+  rtslib_cookie *c = nullptr;
+  void SetUp() override {
+    c = rtslib_open(131);
+    ASSERT_NE(c, nullptr);
+  }
+  void TearDown() override { rtslib_close(c); }
 };

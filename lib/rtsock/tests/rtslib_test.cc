@@ -8,16 +8,7 @@ namespace {
 
 using samples::Arena;
 
-struct Rtslib : ::testing::Test {
-  FakePeer peer;
-  LogCapture log;
-  rtslib_cookie *c = nullptr;
-  void SetUp() override {
-    c = rtslib_open(131);
-    ASSERT_NE(c, nullptr);
-  }
-  void TearDown() override { rtslib_close(c); }
-};
+using Rtslib = RtslibTest;
 
 // ---- Open and the handshake ----------------------------------------------------------------
 
@@ -132,6 +123,7 @@ TEST_F(Rtslib, RouteGetFindsMissesOrGetsNoAnswer) {
   int verdict = 0;
   bool answers = true;
   peer.on_write = [&](const FakePeer::Msg &) {
+    answer.hdr.seq = c->seq - 1;  // the answer carries the request's number
     if (answers && !verdict) peer.reply(RTS_T_ROUTE, &answer, true);
     return verdict;
   };
@@ -398,6 +390,7 @@ TEST_F(Rtslib, BulkModeBatchesAndResumesBehindAFailure) {
       ans.bdm_index = bd->bdm_index;
       ans.vnid = 1000u + bd->bdm_index;
       ans.hdr.seq = bd->hdr.seq;
+      ans.hdr.operation = bd->hdr.operation;
       peer.reply(RTS_T_BRIDGE_DOMAIN, &ans, true);
       answers.insert(answers.end(), peer.queue.back().begin(), peer.queue.back().end());
       peer.queue.pop_back();

@@ -28,7 +28,9 @@ inline const char *path_of(const zsockaddr_t *a) { return reinterpret_cast<const
 // A UNIX address holds the path without a terminator: its length says where
 // the path ends.
 int unix_print(char *text, size_t size, const zsockaddr_t *a, int) {
-  return put_text(text, size, path_of(a), socklen(a) - 2);
+  // A length under the header's two bytes is a damaged address: an empty path.
+  const size_t len = socklen(a);
+  return put_text(text, size, path_of(a), len > 2 ? len - 2 : 0);
 }
 
 bool unix_parse(const char *text, zsockaddr_t *buf, size_t size, int *result_len) {

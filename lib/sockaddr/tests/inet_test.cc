@@ -190,6 +190,10 @@ TEST_F(Inet, UnixAndMacAddresses) {
   EXPECT_STREQ(sun.sun_path, "/var/run/tunechod_mgmt");
   EXPECT_EQ(sun.sun_family, AF_UNIX);
   sockfree(u);
+  // A damaged length under the header prints as an empty path, not as a
+  // copy of nearly all memory.
+  alignas(8) uint8_t damaged[8] = {1, static_cast<uint8_t>(gf_unix)};
+  EXPECT_EQ(text(reinterpret_cast<zsockaddr_t *>(damaged)), "");
 
   uint8_t mac[6] = {0x00, 0x1b, 0x21, 0xaa, 0xbc, 0xff};
   zsockaddr_t *m = sockbuild_i802(mac);

@@ -15,6 +15,7 @@
 #include "platform/sys.h"
 #include "sockaddr/families.h"
 #include "sockaddr/zsockaddr.h"
+#include "task/domain.h"
 #include "task/vrf.h"
 
 namespace {
@@ -253,6 +254,18 @@ int task_get_socket(task *tp, int domain, int type, int protocol) {
              type_name(type), protocol);
   tp->task_addrfamily = domain;
   if (test_state()) return 0;
+  if (const task_domain_ops *d = task_domain_get(domain)) {
+    int s = d->tdo_socket(d->tdo_ctx, domain, type, protocol);
+    if (s < 0) {
+      int err = errno;
+      logging_event(LOG_ERR, "ZTASK_SYSTEM", "ZTASK_SYSTEM: %s: %m", "socket");
+      errno = err;
+      return -1;
+    }
+    task_fd_ring_note(s, TASK_FD_OPEN, tp);
+    TASK_TRACE(tp, TR_TASK, "  socket %d (%s)", s, d->tdo_name);
+    return s;
+  }
   bool nonblock = false;
   if (task_app_current->app_sim_mode && (type == SOCK_RAW || domain == AF_PACKET || domain == 7)) {
     domain = AF_INET;
@@ -308,9 +321,34 @@ int task_connect(task *tp) {
   return err;
 }
 
+namespace {
+
+// One descriptor kept back for accepting at the descriptor limit: a listener
+// that cannot accept stays readable, and its method would run on every pass.
+int accept_reserve = -1;
+bool accept_starved;  // out of descriptors, said once until an accept succeeds
+
+void reserve_take() {
+  if (accept_reserve < 0) accept_reserve = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+// Frees the reserve's slot, takes the waiting connection into it and closes
+// it, so that its peer learns at once; then keeps the slot back again.
+void refuse_one(int listener) {
+  if (accept_reserve < 0) return;
+  close(accept_reserve);
+  accept_reserve = -1;
+  int s = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  if (s >= 0) close(s);
+  reserve_take();
+}
+
+}  // namespace
+
 int task_listen(task *tp, int backlog) {
   if (!tp) return EINVAL;
   if (test_state()) return 0;
+  reserve_take();
   if (listen(tp->task_socket, backlog) < 0) {
     int err = errno;
     addr_text t(tp->task_addr, 0);
@@ -377,10 +415,18 @@ int task_accept(task *tp, zsockaddr_t **peer) {
   while (s < 0 && errno == EINTR);
   if (s < 0) {
     int err = errno;
-    logging_event(LOG_ERR, "ZTASK_TASK_SYSTEM", "ZTASK_TASK_SYSTEM: %s: %s: %m", task_name(tp), "accept");
+    bool starved = err == EMFILE || err == ENFILE;
+    if (!starved || !accept_starved)
+      logging_event(LOG_ERR, "ZTASK_TASK_SYSTEM", "ZTASK_TASK_SYSTEM: %s: %s: %m", task_name(tp), "accept");
+    if (starved) {
+      accept_starved = true;
+      refuse_one(tp->task_socket);
+    }
     errno = err;
     return -1;
   }
+  accept_starved = false;
+  reserve_take();
   task_fd_ring_note(s, TASK_FD_ACCEPT, tp);
   zsockaddr_t *a = create_native(reinterpret_cast<sockaddr *>(&ss), len);
   if (tp->task_addrfamily == AF_INET || tp->task_addrfamily == AF_INET6) read_conn_params(s);
@@ -401,8 +447,9 @@ int task_close(task *tp) {
   task_reset_socket(tp);
   if (test_state()) return 0;
   task_fd_ring_note(s, TASK_FD_CLOSE, tp);
+  const task_domain_ops *d = task_domain_get(tp->task_addrfamily);
   int rc;
-  do rc = close(s);
+  do rc = d ? d->tdo_close(d->tdo_ctx, s) : close(s);
   while (rc < 0 && errno == EINTR);
   if (rc == 0) return 0;
   int err = errno;
@@ -482,6 +529,15 @@ ssize_t task_send_packet(task *tp, const void *data, size_t length, bool dont_ro
   }
   tp->task_send_count++;
   if (test_state()) return static_cast<ssize_t>(length);
+  // A served domain answers with its own verdict (the route socket's ENOENT
+  // ends a table): the caller reads errno, nothing is logged here.
+  if (const task_domain_ops *d = task_domain_get(tp->task_addrfamily)) {
+    ssize_t n;
+    do n = d->tdo_send(d->tdo_ctx, tp->task_socket, data, length);
+    while (n < 0 && errno == EINTR);
+    if (n < 0) tp->task_send_errors++;
+    return n;
+  }
   sockaddr_storage ss;
   socklen_t sl = 0;
   if (to) sl = static_cast<socklen_t>(native_of(to, &ss));
@@ -806,6 +862,24 @@ int receive(task *tp, task_io_var *io, msghdr *msg, uint8_t *recv_buffer, size_t
   return 0;
 }
 
+// One record from a served domain: no addresses, no control data.
+int domain_receive(task *tp, const task_domain_ops *d, uint8_t *buf, size_t len, size_t *size) {
+  ssize_t n;
+  do n = d->tdo_recv(d->tdo_ctx, tp->task_socket, buf, len);
+  while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    int err = errno;
+    if (err != EAGAIN && err != EWOULDBLOCK)
+      TASK_TRACE(tp, TR_TASK, "%s: %s receive: %m", "task_receive_packet", task_name(tp));
+    errno = err;
+    return err;
+  }
+  if (n == 0) return -1;
+  tp->task_recv_count++;
+  *size = static_cast<size_t>(n);
+  return 0;
+}
+
 }  // namespace
 
 void task_receive_packet_process_cmsg_internal(task *tp, struct msghdr *msg) {
@@ -816,12 +890,21 @@ int task_receive_packet_internal(task *tp, struct msghdr *msg, uint8_t *recv_buf
                                  bool keep_info, size_t *size) {
   if (size) *size = 0;
   if (!tp) return EINVAL;
+  if (const task_domain_ops *d = task_domain_get(tp->task_addrfamily)) {
+    size_t dummy;
+    return domain_receive(tp, d, recv_buffer, recv_size, size ? size : &dummy);
+  }
   return receive(tp, io_of(tp), msg, recv_buffer, recv_size, keep_info, size);
 }
 
 int task_receive_packet(task *tp, size_t *size) {
   if (!tp) return EINVAL;
   task_io_var *io = io_of(tp);
+  if (const task_domain_ops *d = task_domain_get(tp->task_addrfamily)) {
+    size_t dummy;
+    if (size) *size = 0;
+    return domain_receive(tp, d, io->task_recv_buffer, io->task_recv_buffer_size, size ? size : &dummy);
+  }
   sockaddr_storage from;
   alignas(cmsghdr) uint8_t ctrl[kRecvCtrl];
   msghdr msg{};

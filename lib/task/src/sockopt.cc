@@ -16,6 +16,7 @@
 #include "io_internal.h"
 #include "sockaddr/families.h"
 #include "sockaddr/zsockaddr.h"
+#include "task/domain.h"
 #include "task/vrf.h"
 
 namespace {
@@ -163,6 +164,12 @@ struct line {
   }
 };
 
+const task_domain_option *domain_option(const task_domain_ops *d, int option) {
+  for (uint32_t i = 0; d && i < d->tdo_option_count; i++)
+    if (d->tdo_options[i].tdopt_option == option) return &d->tdo_options[i];
+  return nullptr;
+}
+
 }  // namespace
 
 const char *task_option_name(int option) {
@@ -210,6 +217,7 @@ int task_set_option_internal(task *tp, int option, bool report, va_list args) {
   ip_mreqn mr{};
   ipv6_mreq mr6{};
   uint8_t ra[4] = {148, 4, 0, 0};
+  uint64_t u64 = 0;
   const void *val = &ival;
   socklen_t vlen = sizeof ival;
   switch (row.args) {
@@ -272,6 +280,7 @@ int task_set_option_internal(task *tp, int option, bool report, va_list args) {
       break;
     case A_U64: {
       uint64_t v = va_arg(args, uint64_t);
+      u64 = v;
       l.add(" value %llx", static_cast<unsigned long long>(v));
       break;
     }
@@ -288,7 +297,30 @@ int task_set_option_internal(task *tp, int option, bool report, va_list args) {
   if (task_state & TASKS_TEST) {
     map.tol_kind = TOL_PLATFORM;
   }
-  switch (map.tol_kind) {
+  // A served domain takes its own options and the socket-level ones; the
+  // descriptor flags stay local; the rest means nothing to it.
+  const task_domain_ops *dom = map.tol_kind == TOL_PLATFORM && (task_state & TASKS_TEST) ? nullptr
+                                                                                         : task_domain_get(af);
+  const task_domain_option *dopt = domain_option(dom, option);
+  if (dopt) {
+    uint8_t b = static_cast<uint8_t>(row.args == A_U64 ? u64 : static_cast<unsigned>(ival));
+    uint32_t w = static_cast<uint32_t>(row.args == A_U64 ? u64 : static_cast<unsigned>(ival));
+    uint64_t q = row.args == A_U64 ? u64 : static_cast<unsigned>(ival);
+    const void *dv = dopt->tdopt_width == 1 ? static_cast<const void *>(&b)
+                     : dopt->tdopt_width == 4 ? static_cast<const void *>(&w)
+                                              : static_cast<const void *>(&q);
+    socklen_t dl = dopt->tdopt_width;
+    if (row.args == A_PTR) {
+      dv = val;
+      dl = vlen;
+    }
+    rc = dom->tdo_setopt(dom->tdo_ctx, tp->task_socket, dopt->tdopt_level, dopt->tdopt_name, dv, dl);
+    map.tol_kind = TOL_SOCKOPT;
+  } else {
+    if (dom && map.tol_kind == TOL_SOCKOPT && map.tol_level != SOL_SOCKET) map.tol_kind = TOL_PLATFORM;
+    if (dom && map.tol_kind == TOL_UNSUPPORTED) map.tol_kind = TOL_PLATFORM;
+  }
+  switch (dopt ? -1 : static_cast<int>(map.tol_kind)) {
     case TOL_PLATFORM:
       // No kernel form: the receive path finds the table through the VRF.
       if (option == TASKOPTION_RECV_RTB && !(task_state & TASKS_TEST)) {
@@ -321,8 +353,10 @@ int task_set_option_internal(task *tp, int option, bool report, va_list args) {
       } else if (option == TASKOPTION_DONTFRAG && af != AF_INET6) {
         ival = ival ? IP_PMTUDISC_DO : IP_PMTUDISC_DONT;
       }
-      rc = setsockopt(tp->task_socket, map.tol_level, map.tol_name, val, vlen);
+      rc = dom ? dom->tdo_setopt(dom->tdo_ctx, tp->task_socket, map.tol_level, map.tol_name, val, vlen)
+               : setsockopt(tp->task_socket, map.tol_level, map.tol_name, val, vlen);
       break;
+    default: break;
   }
   if (rc < 0) {
     int err = errno;
@@ -373,9 +407,16 @@ int task_get_option(task *tp, int option, void *value, socklen_t *length) {
   if (tp->task_addrfamily == 0) tp->task_addrfamily = AF_INET;
   if (task_state & TASKS_TEST) return 0;
   task_option_linux map = task_option_map(option, tp->task_addrfamily);
+  const task_domain_ops *dom = task_domain_get(tp->task_addrfamily);
+  if (const task_domain_option *o = domain_option(dom, option))
+    return dom->tdo_getopt(dom->tdo_ctx, tp->task_socket, o->tdopt_level, o->tdopt_name, value, length);
   int fl;
   switch (map.tol_kind) {
-    case TOL_SOCKOPT: return getsockopt(tp->task_socket, map.tol_level, map.tol_name, value, length);
+    case TOL_SOCKOPT:
+      if (dom && map.tol_level == SOL_SOCKET)
+        return dom->tdo_getopt(dom->tdo_ctx, tp->task_socket, map.tol_level, map.tol_name, value, length);
+      if (dom) break;
+      return getsockopt(tp->task_socket, map.tol_level, map.tol_name, value, length);
     case TOL_IOCTL_NBIO:
       if ((fl = fcntl(tp->task_socket, F_GETFL)) < 0) return -1;
       return put_flag(fl & O_NONBLOCK, value, length);
@@ -386,6 +427,8 @@ int task_get_option(task *tp, int option, void *value, socklen_t *length) {
       if (option == TASKOPTION_RECV_RTB) return put_flag(task_vrf_watching(tp), value, length);
       errno = ENOPROTOOPT;
       return -1;
-    default: errno = ENOPROTOOPT; return -1;
+    default: break;
   }
+  errno = ENOPROTOOPT;
+  return -1;
 }

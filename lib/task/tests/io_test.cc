@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -538,17 +539,24 @@ void on_connect(task *tp) {
   task_write_disable(tp);
 }
 
-TEST_F(Io, ListenAcceptConnectOnLoopback) {
+// A non-blocking TCP listener on 127.0.0.1 with its accept method.
+task *listener(task_method accept, int *s) {
   task *ls = task_alloc("listener", 5, nullptr);
-  int s = task_get_socket(ls, AF_INET, SOCK_STREAM, 0);
-  task_set_socket(ls, s);
+  *s = task_get_socket(ls, AF_INET, SOCK_STREAM, 0);
+  task_set_socket(ls, *s);
   task_set_option(ls, TASKOPTION_NONBLOCKING, 1);
   task_set_option(ls, TASKOPTION_REUSEADDR, 1);
-  ASSERT_EQ(task_addr_local(ls, sockbuild_in(0, htonl(INADDR_LOOPBACK))), 0);
+  EXPECT_EQ(task_addr_local(ls, sockbuild_in(0, htonl(INADDR_LOOPBACK))), 0);
   ls->task_flags |= TASK_FLAG_ACCEPT;
-  task_set_accept(ls, on_accept);
+  task_set_accept(ls, accept);
   task_create(ls);
-  ASSERT_EQ(task_listen(ls, 4), 0);
+  EXPECT_EQ(task_listen(ls, 4), 0);
+  return ls;
+}
+
+TEST_F(Io, ListenAcceptConnectOnLoopback) {
+  int s;
+  task *ls = listener(on_accept, &s);
   zsockaddr_t *where = task_get_addr_local(ls);
 
   task *cl = task_alloc("client", 5, nullptr);
@@ -603,6 +611,61 @@ TEST_F(Io, ListenAcceptConnectOnLoopback) {
   EXPECT_EQ(seen, (std::vector<std::string>{str(s, TASK_FD_OPEN, "listener"), str(c, TASK_FD_OPEN, "client"),
                                             str(accepted, TASK_FD_ACCEPT, "listener"), str(c, TASK_FD_CLOSE, cname.c_str()),
                                             str(s, TASK_FD_CLOSE, "listener")}));
+}
+
+int accept_calls;
+void accept_and_close(task *tp) {
+  accept_calls++;
+  int s = task_accept(tp, nullptr);
+  if (s >= 0) close(s);
+}
+
+// At the descriptor limit a waiting connection is taken with the reserve
+// descriptor and closed: the listener stops being readable (it would run its
+// method on every pass), the peer learns at once, and the log says it once.
+TEST_F(Io, AcceptAtTheDescriptorLimitRefusesLogsOnceAndDoesNotSpin) {
+  int s;
+  task *ls = listener(accept_and_close, &s);
+  zsockaddr_t *where = task_get_addr_local(ls);
+  sockaddr_storage ss;
+  socklen_t len = static_cast<socklen_t>(sock2unix(where, &ss));
+  std::vector<int> clients;
+  for (int i = 0; i < 3; i++) {
+    int c = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(connect(c, reinterpret_cast<sockaddr *>(&ss), len), 0);
+    clients.push_back(c);
+  }
+  // No slot left below the limit.
+  int lowest = dup(0);
+  close(lowest);
+  rlimit saved;
+  getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit low{static_cast<rlim_t>(lowest), saved.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  evlog_capture &cap = evlog_capture_start();
+  accept_calls = 0;
+  real_passes(10);
+  setrlimit(RLIMIT_NOFILE, &saved);
+  evlog_capture_stop();
+  EXPECT_EQ(accept_calls, 3) << "once for each waiting connection, not once a pass";
+  size_t lines = 0;
+  for (auto &r : cap.records) lines += r.text.find(": accept: Too many open files") != std::string::npos;
+  EXPECT_EQ(lines, 1u);
+  for (int c : clients) {
+    char b;
+    EXPECT_LE(recv(c, &b, 1, MSG_DONTWAIT), 0);
+    EXPECT_NE(errno, EAGAIN) << "closed, not left waiting";
+    close(c);
+  }
+  // With room again, connections are accepted.
+  int c = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(c, reinterpret_cast<sockaddr *>(&ss), len), 0);
+  accept_calls = 0;
+  real_passes(2);
+  EXPECT_EQ(accept_calls, 1);
+  close(c);
+  sockfree(where);
+  task_delete(ls);
 }
 
 // The ring keeps the newest records, oldest first, and prints one line each.

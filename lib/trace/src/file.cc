@@ -179,7 +179,14 @@ trace_file *trace_file_locate(const char *name, uint32_t size, uint32_t, uint32_
     report(LOG_WARNING, 0, "%s: changing %s to %s", fn, f->trf_name, wr ? "world-readable" : "non-world-readable");
     f->trf_flags ^= TRF_WORLD_READABLE;
     f->trf_changed = 0;
-    chmod(f->trf_name, wr ? 0644 : 0640);
+    // Through the open descriptor only: the path may name something else by
+    // now (a link planted there). A file not open takes its mode when opened.
+    FILE *s = f->trf_stream;
+    if (s && s != stderr) {
+      struct stat st;
+      int fd = fileno(s);
+      if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) fchmod(fd, wr ? 0644 : 0640);
+    }
   }
   return f;
 }
@@ -214,13 +221,14 @@ void trace_on_safe(trace_file *f) {
       }
     }
     const mode_t mode = (f->trf_flags & TRF_WORLD_READABLE) ? 0644 : 0640;
-    if (regular) chmod(name, mode);
     // O_NOFOLLOW closes the window between lstat and open.
     int fd = open(name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (append ? O_APPEND : O_TRUNC), mode);
     if (fd < 0) {
       report(LOG_ERR, 0, "Could not open \"%s\": %s", name, strerror(errno));
       return;
     }
+    // An existing file takes the mode through the descriptor, never the path.
+    if (regular && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) fchmod(fd, mode);
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
       if (errno == EWOULDBLOCK)
         report(LOG_ERR, 0, "trace_on: trace file \"%s\" appears to be in use", name);

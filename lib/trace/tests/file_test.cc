@@ -48,6 +48,40 @@ TEST_F(Files, NewFileIsCreatedWithItsModeAndWorldReadableChangesIt) {
   trace_free(tp);
 }
 
+// A link planted at a trace file's path never carries a mode change to its
+// target: the mode goes through the descriptor the file was opened with.
+TEST_F(Files, WorldReadableNeverFollowsALinkAtThePath) {
+  const std::string target = real("/var/log/secret");
+  ASSERT_EQ(close(open(target.c_str(), O_RDWR | O_CREAT, 0600)), 0);
+  ASSERT_EQ(chmod(target.c_str(), 0600), 0);
+  struct stat st;
+
+  // Located, not yet open: the link stands where the file will be.
+  const std::string idle = real("/var/log/idle.trace");
+  trace_file *f = trace_file_locate("idle.trace", 0, 0, 0, 0, nullptr, false);
+  ASSERT_EQ(symlink(target.c_str(), idle.c_str()), 0);
+  trace_file *again = trace_file_locate("idle.trace", 0, 0, 0, TRF_WORLD_READABLE, nullptr, false);
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  trace_file_release(again);
+  trace_file_release(f);
+
+  // Open: the file is swapped for a link under the open stream.
+  trace_handle *tp = open_handle("open.trace");
+  const std::string p = real("/var/log/open.trace");
+  ASSERT_NE(tp->tr_file->trf_stream, nullptr);
+  ASSERT_EQ(unlink(p.c_str()), 0);
+  ASSERT_EQ(symlink(target.c_str(), p.c_str()), 0);
+  again = trace_file_locate("open.trace", 0, 0, 0, TRF_WORLD_READABLE, nullptr, false);
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  // The open file itself took the new mode.
+  ASSERT_EQ(fstat(fileno(tp->tr_file->trf_stream), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  trace_file_release(again);
+  trace_free(tp);
+}
+
 TEST_F(Files, ReplaceTruncatesAppendKeeps) {
   const std::string p = real("/var/log/keep.trace");
   {

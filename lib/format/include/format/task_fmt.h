@@ -7,9 +7,11 @@
 //   %B  %b  an unsigned value in binary ("|_" or "10"); "l", "ll", "q" for 64 bit
 //   %a  AS number (unsigned), "hi.lo" above 65535 with the AS-dot option on
 //   %zX %ZX  extension letter X ("a" to "z", or "T": a task_fmt_time by value)
-// A format with none of them goes straight to vsnprintf/vfprintf; one with
-// any of them is parsed and assembled on the stack, without heap. docs/format.md
-// describes the language, the letters and the failure words.
+// A format with none of them, written in C's order, goes straight to
+// vsnprintf/vfprintf; any other is parsed and assembled on the stack, without
+// heap. Flags and length may stand in any order; a length applies only where
+// C gives it a meaning ("%qf" is a double, "%lls" a char string).
+// docs/format.md describes the language, the letters and the failure words.
 //
 // C habits that mean something else here: %zu, %zd (extension letters),
 // %td (%t), %a (AS number). In C++ use the checked wrappers at the end of this
@@ -52,7 +54,8 @@ enum {
 // --- the print family ---
 // snprintf/vsnprintf return the bytes stored: 0 for a size of 0 or a size
 // that is negative as a signed value; at most size - 1 (a cut result reports
-// size - 1, not the wanted length). sprintf is snprintf with 0x7fffffff.
+// size - 1, not the wanted length). sprintf is snprintf with 0x7fffffff. A
+// wide character the locale cannot encode drops its directive's text only.
 // fprintf/vfprintf return the bytes written, or -1 on a stream error.
 int task_fmt_fprintf(FILE *stream, const char *fmt, ...);
 int task_fmt_vfprintf(FILE *stream, const char *fmt, va_list ap);

@@ -38,6 +38,7 @@ enum need : uint8_t {
   N_DOUBLE,    // float or double
   N_LDOUBLE,   // long double
   N_STRING,    // pointer to char
+  N_WSTRING,   // pointer to wchar_t
   N_POINTER,   // any pointer
   N_SOCKADDR,  // pointer to zsockaddr_t
   N_TIMEPTR,   // pointer to task_fmt_time (or a type of the same shape)
@@ -55,6 +56,7 @@ constexpr void mismatch(need n) {
     case N_DOUBLE: format_error("argument does not match its directive: want double"); break;
     case N_LDOUBLE: format_error("argument does not match its directive: want long double"); break;
     case N_STRING: format_error("argument does not match its directive: want a char string"); break;
+    case N_WSTRING: format_error("argument does not match its directive: %ls and %S want a wchar_t string"); break;
     case N_POINTER: format_error("argument does not match its directive: want a pointer"); break;
     case N_SOCKADDR: format_error("argument does not match its directive: %A wants a pointer to zsockaddr_t"); break;
     case N_TIMEPTR: format_error("argument does not match its directive: %t wants a pointer to task_fmt_time"); break;
@@ -94,6 +96,8 @@ consteval bool satisfies(need n) {
     case N_STRING:
       return std::is_pointer_v<D> &&
              (std::is_same_v<P, char> || std::is_same_v<P, signed char> || std::is_same_v<P, unsigned char>);
+    case N_WSTRING:
+      return std::is_pointer_v<D> && std::is_same_v<P, wchar_t>;
     case N_POINTER:
       return is_ptr;
     case N_SOCKADDR:
@@ -118,14 +122,14 @@ consteval unsigned satisfied_mask() {
   return m;
 }
 
-consteval need int_need(uint32_t flags) {
+constexpr need int_need(uint32_t flags) {
   using namespace task_fmt_lang;
   if (flags & TFF_LL) return N_LLONG;
   if (flags & TFF_LONG) return N_LONG;
   return N_INT32;
 }
 
-consteval int ext_class_need(uint8_t cls) {
+constexpr int ext_class_need(uint8_t cls) {
   using namespace task_fmt_lang;
   switch (cls) {
     case TFX_DOUBLE: return N_DOUBLE;
@@ -136,33 +140,52 @@ consteval int ext_class_need(uint8_t cls) {
   }
 }
 
+// The checker's verdict on a format: the first fault found, if any.
+enum fault : uint8_t {
+  F_NONE,
+  F_MISMATCH,   // argument arg does not satisfy need
+  F_TOO_FEW,
+  F_TOO_MANY,
+  F_Z_AT_END,   // "%z" or "%Z" without its letter
+  F_STAR_EXT,   // "*" in a format with the framework's directives
+  F_COUNT,      // %n
+  F_UNKNOWN,    // a conversion nobody reads
+};
+struct verdict {
+  fault f = F_NONE;
+  need want = N_COUNT_;
+  size_t arg = 0;
+};
+
 // Walks the format as the formatter does and checks argument i against
-// masks[i]. nargs must match the arguments the directives read.
-consteval void check_format(const char *fmt, const unsigned *masks, size_t nargs) {
+// masks[i] (the needs its type satisfies), and that the directives read
+// exactly nargs arguments. constexpr, so that tests can hold the engine's
+// behaviour against the checker's verdict at run time.
+constexpr verdict check_format(const char *fmt, const unsigned *masks, size_t nargs) {
   using namespace task_fmt_lang;
-  bool ext = false;
-  for (const char *p = tf_next(fmt); p; ) {
-    tf_spec s;
-    tf_parse(p, s);
-    if (s.flags & TFF_EXT) ext = true;
-    p = tf_next(s.end);
-  }
+  const bool ext = tf_has_ext(fmt);
+  verdict v;
   size_t ai = 0;
   auto want = [&](int n) {
-    if (n < 0) return;
+    if (n < 0 || v.f != F_NONE) return;
     if (ai >= nargs) {
-      format_error("too few arguments for the format");
-      return;
+      v.f = F_TOO_FEW;
+    } else if (!(masks[ai] & (1u << n))) {
+      v.f = F_MISMATCH;
+      v.want = static_cast<need>(n);
+      v.arg = ai;
     }
-    if (!(masks[ai] & (1u << n))) mismatch(static_cast<need>(n));
     ai++;
   };
-  for (const char *p = tf_next(fmt); p; ) {
+  for (const char *p = tf_next(fmt); p && v.f == F_NONE; ) {
     tf_spec s;
     tf_parse(p, s);
     p = tf_next(s.end);
     if (s.stars) {
-      if (ext) format_error("\"*\" is not read in a format with the framework's directives: write the width in the format");
+      if (ext) {
+        v.f = F_STAR_EXT;
+        break;
+      }
       for (int i = 0; i < s.stars; i++) want(N_INT32);
     }
     switch (s.code) {
@@ -172,6 +195,7 @@ consteval void check_format(const char *fmt, const unsigned *masks, size_t nargs
       case TFC_DOUBLE: want(N_DOUBLE); break;
       case TFC_LDOUBLE: want(N_LDOUBLE); break;
       case TFC_STRING: want(N_STRING); break;
+      case TFC_WSTRING: want(N_WSTRING); break;
       case TFC_POINTER: want(N_POINTER); break;
       case TFC_TIME: case TFC_BITS: case TFC_BINARY: want(int_need(s.flags)); break;
       case TFC_ASN: want(N_INT32); break;
@@ -179,24 +203,41 @@ consteval void check_format(const char *fmt, const unsigned *masks, size_t nargs
       case TFC_SOCKADDR: want(N_SOCKADDR); break;
       case TFC_ERRNO: case TFC_PERCENT: break;
       case TFC_EXT_LOWER: case TFC_EXT_UPPER:
-        if (s.letter == 0) format_error("%z or %Z at the end of the format: the extension letter is missing");
+        if (s.letter == 0) {
+          v.f = F_Z_AT_END;
+          break;
+        }
         want(ext_class_need(s.class1));
         if (tf_takes_second(s.class2)) want(ext_class_need(s.class2));
         break;
-      case TFC_COUNT: format_error("%n is not supported"); break;
-      default: format_error("unknown directive in the format"); break;
+      case TFC_COUNT: v.f = F_COUNT; break;
+      default: v.f = F_UNKNOWN; break;
     }
   }
-  if (ai != nargs) format_error("too many arguments for the format");
+  if (v.f == F_NONE && ai != nargs) v.f = F_TOO_MANY;
+  return v;
+}
+
+consteval void report(const verdict &v) {
+  switch (v.f) {
+    case F_NONE: break;
+    case F_MISMATCH: mismatch(v.want); break;
+    case F_TOO_FEW: format_error("too few arguments for the format"); break;
+    case F_TOO_MANY: format_error("too many arguments for the format"); break;
+    case F_Z_AT_END: format_error("%z or %Z at the end of the format: the extension letter is missing"); break;
+    case F_STAR_EXT: format_error("\"*\" is not read in a format with the framework's directives: write the width in the format"); break;
+    case F_COUNT: format_error("%n is not supported"); break;
+    case F_UNKNOWN: format_error("unknown directive in the format"); break;
+  }
 }
 
 template <class... Args>
 consteval void check(const char *fmt) {
   if constexpr (sizeof...(Args) == 0) {
-    check_format(fmt, nullptr, 0);
+    report(check_format(fmt, nullptr, 0));
   } else {
     constexpr unsigned masks[] = {satisfied_mask<Args>()...};
-    check_format(fmt, masks, sizeof...(Args));
+    report(check_format(fmt, masks, sizeof...(Args)));
   }
 }
 

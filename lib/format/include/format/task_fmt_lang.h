@@ -4,8 +4,11 @@
 //
 // A directive is "%", then flag, width, precision and length characters in
 // any order ("#", "-", "+", blank, "0", digits, "*", ".", "l", "ll", "L",
-// "h", "q"), then one conversion character; "%z" and "%Z" take one more
-// character, the extension letter.
+// "h", "hh", "q"), then one conversion character; "%z" and "%Z" take one more
+// character, the extension letter. A length character that means nothing for
+// its conversion is ignored; the directive's code alone says what argument
+// it takes, and the engine hands the C library a directive rebuilt in C's
+// order from the code, so the two cannot disagree.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +40,7 @@ enum : uint8_t {
   TFC_UNKNOWN = 18,  // copied as it stands, no argument
   TFC_PERCENT = 19,  // "%5%" and the like: one "%"
   TFC_COUNT = 20,    // %n: its pointer is taken and nothing is stored
+  TFC_WSTRING = 21,  // %ls, %S: a wide string
 };
 
 // Flag word of a directive.
@@ -49,11 +53,16 @@ enum : uint32_t {
   TFF_ZERO = 32,  // "0"
   TFF_LEFT = 64,  // "-"
   TFF_STAR = 128,  // "*" as width or precision
-  TFF_SIGN = 256,  // "+" or blank
+  TFF_SIGN = 256,  // "+"
+  TFF_BLANK = 512,  // blank
+  TFF_CHAR = 1024,  // "hh"
   TFF_EXT = 0x10000,  // a directive of the framework's own
   TFF_TIME_VALUE = 0x20000,  // a time passed by value
   TFF_ZTIME = 0x40000,  // %zT
 };
+
+// Widths and precisions above this count as this.
+inline constexpr int TF_MAX_WIDTH = 100000;
 
 // Argument classes of extension letters.
 enum : uint8_t {
@@ -93,7 +102,7 @@ struct tf_spec {
   char letter = 0;  // extension letter of %z and %Z, or 0
   uint8_t class1 = TFX_NONE;
   uint8_t class2 = TFX_NONE;
-  uint8_t stars = 0;  // "*" seen, each an int argument in a plain format
+  int stars = 0;  // "*" seen, each an int argument in a plain format
 };
 
 // The directives of the framework's own: "%T %t %A %m %B %b %z %Z %a".
@@ -127,15 +136,17 @@ constexpr void tf_parse(const char *p, tf_spec &s) {
       s.flags |= TFF_ALT;
     } else if (c == '-') {
       s.flags |= TFF_LEFT;
-    } else if (c == '+' || c == ' ') {
+    } else if (c == '+') {
       s.flags |= TFF_SIGN;
+    } else if (c == ' ') {
+      s.flags |= TFF_BLANK;
     } else if (c == '0' && !digits) {
       s.flags |= TFF_ZERO;
     } else if (c >= '0' && c <= '9') {
       digits = true;
       int &v = in_prec ? s.prec : s.width;
       v = (v < 0 ? 0 : v) * 10 + (c - '0');
-      if (v > 100000) v = 100000;
+      if (v > TF_MAX_WIDTH) v = TF_MAX_WIDTH;
     } else if (c == '*') {
       s.flags |= TFF_STAR;
       s.stars++;
@@ -156,6 +167,10 @@ constexpr void tf_parse(const char *p, tf_spec &s) {
       s.flags |= TFF_LDBL;
     } else if (c == 'h') {
       s.flags |= TFF_SHORT;
+      if (p[1] == 'h') {
+        s.flags |= TFF_CHAR;
+        p++;
+      }
     } else {
       break;
     }
@@ -195,16 +210,19 @@ constexpr void tf_parse(const char *p, tf_spec &s) {
     case 'd': case 'i': case 'o': case 'u': case 'x': case 'X':
       s.code = tf_int_code(s.flags);
       break;
-    case 'c': case 'C':
+    case 'c': case 'C':  // "%lc" and "%C": a wint_t, int-sized
       s.code = TFC_INT;
       break;
     case 'e': case 'E': case 'f': case 'F': case 'g': case 'G':
       s.code = (s.flags & TFF_LDBL) ? TFC_LDOUBLE : TFC_DOUBLE;
       break;
     case 's':
-      s.code = (s.flags & TFF_LONG) ? TFC_POINTER : TFC_STRING;
+      s.code = (s.flags & TFF_LONG) ? TFC_WSTRING : TFC_STRING;
       break;
-    case 'S': case 'p':
+    case 'S':
+      s.code = TFC_WSTRING;
+      break;
+    case 'p':
       s.code = TFC_POINTER;
       break;
     case 'n': s.code = TFC_COUNT; break;
@@ -213,6 +231,20 @@ constexpr void tf_parse(const char *p, tf_spec &s) {
   }
   if (tf_is_ext_conv(c)) s.flags |= TFF_EXT;
   if (s.code == TFC_TIME) s.flags |= TFF_TIME_VALUE;
+}
+
+// The C length modifier that makes the C library read the argument that the
+// directive's code names ("%qf" reads a double here, so it goes as "%f").
+constexpr const char *tf_c_length(const tf_spec &s) {
+  switch (s.code) {
+    case TFC_LLONG: return "ll";
+    case TFC_LONG: return "l";
+    case TFC_SHORT: return (s.flags & TFF_CHAR) ? "hh" : "h";
+    case TFC_LDOUBLE: return "L";
+    case TFC_INT: return (s.conv == 'c' && (s.flags & TFF_LONG)) ? "l" : "";
+    case TFC_WSTRING: return s.conv == 's' ? "l" : "";
+    default: return "";
+  }
 }
 
 // Finds the next directive at or after p ("%%" is literal text, not a
@@ -227,6 +259,18 @@ constexpr const char *tf_next(const char *p) {
     return p;
   }
   return nullptr;
+}
+
+// True when the format has a directive of the framework's own; then "*" is
+// not read.
+constexpr bool tf_has_ext(const char *fmt) {
+  for (const char *p = tf_next(fmt); p;) {
+    tf_spec s;
+    tf_parse(p, s);
+    if (s.flags & TFF_EXT) return true;
+    p = tf_next(s.end);
+  }
+  return false;
 }
 
 }  // namespace task_fmt_lang

@@ -144,7 +144,9 @@ int rts_idr_encode(const rts_msg_pair *pair, void *buffer, uint32_t room);
 int rts_tlv_encode(const rts_msg_pair *pair, const uint8_t *mask, void *buffer, uint32_t room);
 // Sets result->type from the envelope and result->record to a record
 // allocated through alloc (null for a type above 108 or without a codec);
-// returns the envelope's size, or a result of 0 and below.
+// returns the envelope's size, or a result of 0 and below. The record's
+// header names the envelope's type: one that names another is -1 (a record
+// is only ever read as one structure), one that names none takes it.
 int rts_idr_decode(rts_msg_pair *result, const void *buffer, uint32_t length, rts_alloc_fn alloc,
                    void *context);
 // The same for TLV; with mask_out, also allocates the presence mask.
@@ -175,6 +177,9 @@ int rts_encode_af(int local_af);
 // ---- Text dump ----------------------------------------------------------------------
 // One line for the message, as traces show it. Returns the length written, or
 // -1 when the line did not fit (the buffer then holds the error line, cut).
+// The record is read as the structure of the type in its header: give it
+// what the decoders hand out (which see to that) or a record built as that
+// type, never raw bytes off the socket.
 int rtslib_format_output(char *buffer, size_t size, const void *record);
 
 }  // extern "C"

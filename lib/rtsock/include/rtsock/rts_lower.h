@@ -55,6 +55,9 @@ struct rts_lower_ops {
   // One message; -1 and errno with the kernel's verdict.
   ssize_t (*lo_write)(void *ctx, int fd, const void *buf, size_t len);
   ssize_t (*lo_read)(void *ctx, int fd, void *buf, size_t len);
+  // Copies at most len bytes of the next record and leaves it queued; returns
+  // the record's whole length, which may exceed len (as MSG_TRUNC does), so
+  // that a reader allocates what arrived, never what a header claims.
   ssize_t (*lo_peek)(void *ctx, int fd, void *buf, size_t len);
   void *lo_ctx;
 };
@@ -84,7 +87,11 @@ struct rts_ctl_msg {
   uint32_t len;   // bytes of value behind
 };
 constexpr uint32_t RTS_CTL_VALUE_MAX = 1024;
-// How long the edge waits for the peer's answer on the control socket.
+// How long the edge waits for the peer's answer on the control socket. An
+// answer that comes later is the timed-out request's: the edge counts what it
+// still owes and drops those answers when they arrive, so that a late verdict
+// or option value is never taken for the next request's.
 constexpr int RTS_CTL_TIMEOUT_MS = 5000;
+extern int rts_ctl_timeout_ms;  // RTS_CTL_TIMEOUT_MS; tests shorten it
 
 }  // extern "C"

@@ -8,6 +8,14 @@
 // fails with EAGAIN. A decoded reply is one block holding the record, its
 // strings, prefixes and lists; release it with rtslib_msg_idl_release.
 //
+// A get hands out only the answer to its request: a reply of the request's
+// type, sequence number and operation. Whatever is queued in front of it (the
+// late reply to a request that timed out, a notification) is dropped, and a
+// get that finds no answer fails with EAGAIN. Bulk reads match the same way;
+// raw statistics replies by type and number.
+// Blocks are sized by the bytes that arrived, never by a length a header
+// claims; a reply is decoded and handed out as the type its envelope names.
+//
 // All traffic passes through the lower edge in force (rts_lower.h). Results
 // are errno values: 0, EINVAL for a missing handle or result, ENOMEM when no
 // block can be had, or the error of the write, read or decode.
@@ -178,7 +186,11 @@ struct rtslib_bulk_iov {
 };
 // Writes the messages in as few writes as wbuf allows and reads the replies of
 // those that expect one. masks may be null (IDR for all). Returns 0 when every
-// message went through, else the first error met.
+// message went through, else the first error met. When a write fails, the
+// peer's count of messages accepted places the error: on the first one not
+// accepted (sending resumes behind it), or, when it accepted them all (their
+// replies could not be queued), as the read error of each whose reply did not
+// come. Only entries below count are ever written.
 int rtslib_msg_writev_idl(rtslib_cookie *cookie, uint32_t count, rtslib_bulk_iov *iov,
                           const uint8_t *const *masks);
 

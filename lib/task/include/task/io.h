@@ -61,7 +61,10 @@ int task_listen(task *tp, int backlog);
 // The accepted descriptor (non-blocking when the listener is), or -1; *peer
 // receives a new address (sockfree) of the peer when peer is not null. For
 // INET and INET6 listeners the connection's own parameters are then read
-// (task_get_accept_info).
+// (task_get_accept_info). Out of descriptors (EMFILE, ENFILE) the waiting
+// connection is taken with a reserve descriptor and closed, so that the
+// listener does not stay readable; that failure is logged once until an
+// accept succeeds (docs/task.md).
 int task_accept(task *tp, zsockaddr_t **peer);
 
 // Parameters of the last connection accepted by an INET or INET6 listener:
