@@ -1,6 +1,7 @@
 """The example daemon's management socket driven with socat, as a person would:
 the socket's mode, a daemon command, the framework's commands, help, an
-unknown command, quit; and the socket gone after SIGTERM."""
+unknown command, quit, a reload; the debug shell's socket; both sockets gone
+after SIGTERM."""
 
 import os
 import shutil
@@ -50,6 +51,15 @@ def test_management_socket_with_socat(ns, build_dir):
     out.until("EXAMPLE_READY: greeting again, configuration 2")
     assert talk(ns, "show greeting\\n") == "100 greeting again, configuration 2\n"
 
+    # The debug shell, a second after the start, on its own private socket.
+    dbgsh = "/var/run/task_example_dbgsh"
+    wait_for(lambda: os.path.exists(ns.path(dbgsh)), what="debug shell socket")
+    assert stat.S_IMODE(os.stat(ns.path(dbgsh)).st_mode) == 0o600
+    r = ns.call(["sh", "-c", f"printf 'help\\nset no_such 1\\nquit\\n' | socat -t 2 - UNIX-CONNECT:{dbgsh}"])
+    assert r.stdout.startswith("task_example-DbgSh # task_example debug shell -- supports the following commands:"), r.stdout
+    assert "Variable no_such not found\n" in r.stdout, r.stdout
+
     p.send_signal(signal.SIGTERM)
     p.wait(timeout=10)
     wait_for(lambda: not os.path.exists(ns.path(SOCK)), what="socket removed")
+    assert not os.path.exists(ns.path(dbgsh))

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "internal.h"
+#include "mgmt/dbgsh.h"
 #include "mem/leak.h"
 #include "platform/version.h"
 #include "task/accounting.h"
@@ -106,6 +107,16 @@ int set_trace(mgmt_cmd_ctx *ctx, char *args) {
   return MGMT_CMD_DONE;
 }
 
+int cmd_dump(mgmt_cmd_ctx *ctx, char *) {
+  char logical[256];
+  snprintf(logical, sizeof logical, "/var/tmp/%s_dump", task_daemon_name());
+  if (trace_do_dump() == 0)
+    mgmt_reply(ctx->mc_peer, MGMT_CODE_OUTPUT, 0, "Dump written to %s", logical);
+  else
+    mgmt_reply(ctx->mc_peer, MGMT_CODE_FAIL, 0, "Dump to %s failed (the log says why)", logical);
+  return MGMT_CMD_DONE;
+}
+
 const mgmt_cmd show_rows[] = {
     {"version", MGMT_MODULE_NONE, nullptr, show_version},
     {"memory", MGMT_MODULE_NONE, nullptr, show_memory},
@@ -127,6 +138,7 @@ const mgmt_cmd mgmt_framework_cmds[] = {
     {"help", MGMT_MODULE_NONE, nullptr, cmd_help},
     {"show", MGMT_MODULE_NONE, show_rows, nullptr},
     {"set", MGMT_MODULE_NONE, set_rows, nullptr},
+    {"dump", MGMT_MODULE_NONE, nullptr, cmd_dump},
     {},
 };
 
@@ -134,6 +146,9 @@ void mgmt_framework_mount(const mgmt_cmd *daemon_table) {
   mgmt_init();
   mgmt_cmd_register(mgmt_framework_cmds);
   mgmt_cmd_mount(daemon_table);
+#ifdef TVX_DEBUG_SHELL
+  dbg_sh_init();
+#endif
 }
 
 void mgmt_framework_set_trace(trace_handle **slot, const trace_types *module_types) {

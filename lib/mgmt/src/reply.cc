@@ -13,10 +13,22 @@ mgmtPeer *checked(mgmtPeer *mp) {
   return mp;
 }
 
+// One write-ready step calls the generator until about this much is queued
+// (small pieces wait for one send at the end of the step; large ones go out
+// as they come), so a peer never holds more than this plus one piece; and at
+// most this many times, so that a reader on another core that takes
+// everything at once does not keep the loop in one step.
+constexpr size_t kStepBytes = 256 * 1024;
+constexpr int kStepCalls = 16;
+
 void gen_step(task *, void *data) {
   auto *mp = static_cast<mgmtPeer *>(data);
+  int more = 1;
   mp->mp_generating = 1;
-  int more = mp->mp_generator(mp, mp->mp_gendata);
+  for (int calls = 0; more && calls < kStepCalls && mgmt_outstanding(mp) < kStepBytes; calls++) {
+    more = mp->mp_generator(mp, mp->mp_gendata);
+    fflush(mp->mp_file);  // into the queue only: the send comes after the step
+  }
   mp->mp_generating = 0;
   if (!more) mgmt_generator_end(mp, 0);
 }
@@ -28,27 +40,41 @@ struct text_job {
   int tj_code;
 };
 
-// About what one write-ready step hands to the socket.
-constexpr size_t kTextChunk = 32768;
+// About what one write-ready step hands to the socket: lines are formatted
+// into one block and written at once, which stdio passes to the stream
+// whole, so the socket sees a few large sends instead of one per page.
+constexpr size_t kTextChunk = 65536;
+char text_block[kTextChunk + 64];
 
 // Lines from tj_off until about `budget` bytes went out; 1 while text remains.
 int text_lines(mgmtPeer *mp, text_job *tj, size_t budget) {
-  FILE *f = mp->mp_file;
-  size_t start = tj->tj_off;
-  while (tj->tj_off < tj->tj_len && tj->tj_off - start < budget) {
+  size_t used = 0;
+  while (tj->tj_off < tj->tj_len && used < budget) {
     const char *p = tj->tj_text + tj->tj_off;
     size_t left = tj->tj_len - tj->tj_off;
     auto *nl = static_cast<const char *>(memchr(p, '\n', left));
     size_t n = nl ? static_cast<size_t>(nl - p) : left;
-    tj->tj_off += nl ? n + 1 : n;
-    bool last = tj->tj_off >= tj->tj_len;
     size_t shown = n && p[n - 1] == '\r' ? n - 1 : n;
-    char head[8];
-    snprintf(head, sizeof head, "%03d%c", tj->tj_code, last ? ' ' : '-');
-    fputs(head, f);
-    fwrite(p, 1, shown, f);
-    fputs("\r\n", f);
+    if (used && used + shown + 6 > sizeof text_block) break;  // the next line starts the next block
+    tj->tj_off += nl ? n + 1 : n;
+    char mark = tj->tj_off >= tj->tj_len ? ' ' : '-';
+    if (shown + 6 > sizeof text_block) {  // a line longer than a block goes out by itself
+      fprintf(mp->mp_file, "%03d%c", tj->tj_code, mark);
+      fwrite(p, 1, shown, mp->mp_file);
+      fputs("\r\n", mp->mp_file);
+      continue;
+    }
+    char *o = text_block + used;
+    o[0] = static_cast<char>('0' + tj->tj_code / 100 % 10);
+    o[1] = static_cast<char>('0' + tj->tj_code / 10 % 10);
+    o[2] = static_cast<char>('0' + tj->tj_code % 10);
+    o[3] = mark;
+    memcpy(o + 4, p, shown);
+    o[4 + shown] = '\r';
+    o[5 + shown] = '\n';
+    used += shown + 6;
   }
+  if (used) fwrite(text_block, 1, used, mp->mp_file);
   return tj->tj_off < tj->tj_len;
 }
 
@@ -81,6 +107,10 @@ void mgmt_reply(mgmtPeer *mp, int code, int continued, const char *format, ...) 
 int mgmt_reply_text(mgmtPeer *mp, int code, const char *text, size_t length) {
   checked(mp);
   if (length && text[length - 1] == '\n') length--;  // a final newline ends the last line, it adds none
+  if (!length) {
+    mgmt_reply(mp, code, 0, "");
+    return MGMT_CMD_DONE;
+  }
   text_job local{const_cast<char *>(text), length, 0, code};
   if (!text_lines(mp, &local, kTextChunk)) return MGMT_CMD_DONE;
   auto *tj = static_cast<text_job *>(malloc(sizeof(text_job)));

@@ -81,66 +81,81 @@ const mgmt_cmd mgmt_session_cmds[] = {
     {},
 };
 
+namespace {
+
+int syntax_ok(mgmtPeer *mp) {
+  mgmt_reply(mp, MGMT_CODE_SYNTAX_OK, 0, "Command syntax correct");
+  return MGMT_CMD_DONE;
+}
+
+// The line stopped at this level: list it (help), or run the row that led
+// here, or the level's catch-all.
+int line_end(mgmt_cmd_ctx *ctx, const level &lv, const mgmt_cmd *ended) {
+  mgmtPeer *mp = ctx->mc_peer;
+  const mgmt_cmd *c = catch_all(lv);
+  if (ctx->mc_flags & MGMT_CMD_HELP) {
+    if (list_rows(mp, lv)) return MGMT_CMD_DONE;
+    if (c && c->cmd_method) return c->cmd_method(ctx, nullptr);  // it sees the help flag
+    return ended && ended->cmd_method ? syntax_ok(mp) : unrecognized(mp);
+  }
+  if (ended && ended->cmd_method) return ended->cmd_method(ctx, nullptr);
+  return c && c->cmd_method ? c->cmd_method(ctx, nullptr) : unrecognized(mp);
+}
+
+// The first row named word, and in *down the sub-tables of every row so named.
+const mgmt_cmd *find_rows(const level &lv, const char *word, level *down) {
+  const mgmt_cmd *hit = nullptr;
+  for (uint32_t i = 0; i < lv.n; i++)
+    for (const mgmt_cmd *r = lv.tables[i]; r->cmd_name; r++) {
+      if (strcasecmp(r->cmd_name, word) != 0) continue;
+      if (!hit) hit = r;
+      if (r->cmd_next && down->n < MGMT_ROOTS_MAX + 1) down->tables[down->n++] = r->cmd_next;
+      break;
+    }
+  return hit;
+}
+
+char *args_of(char *rest) {
+  while (rest && (*rest == ' ' || *rest == '\t')) rest++;
+  return rest && *rest ? rest : nullptr;
+}
+
+}  // namespace
+
 int mgmt_walk(mgmt_cmd_ctx *ctx, const mgmt_cmd *const *tables, uint32_t ntables, char *rest) {
   mgmtPeer *mp = ctx->mc_peer;
-  bool help = ctx->mc_flags & MGMT_CMD_HELP;
   level lv{};
   for (uint32_t i = 0; i < ntables && i < MGMT_ROOTS_MAX + 1; i++) lv.tables[lv.n++] = tables[i];
   const mgmt_cmd *ended = nullptr;  // the row whose sub-table we are in, for a line that stops there
   for (;;) {
     char *word = rest ? next_word(&rest) : nullptr;
-    if (!word) {
-      const mgmt_cmd *c = catch_all(lv);
-      if (help) {
-        if (list_rows(mp, lv)) return MGMT_CMD_DONE;
-        if (c && c->cmd_method) return c->cmd_method(ctx, nullptr);  // it sees the help flag
-        if (!ended || !ended->cmd_method) return unrecognized(mp);
-        mgmt_reply(mp, MGMT_CODE_SYNTAX_OK, 0, "Command syntax correct");
-        return MGMT_CMD_DONE;
-      }
-      if (ended && ended->cmd_method) return ended->cmd_method(ctx, nullptr);
-      return c && c->cmd_method ? c->cmd_method(ctx, nullptr) : unrecognized(mp);
-    }
-    const mgmt_cmd *hit = nullptr;
+    if (!word) return line_end(ctx, lv, ended);
     level down{};
-    for (uint32_t i = 0; i < lv.n; i++)
-      for (const mgmt_cmd *r = lv.tables[i]; r->cmd_name; r++) {
-        if (strcasecmp(r->cmd_name, word) != 0) continue;
-        if (!hit) hit = r;
-        if (r->cmd_next && down.n < MGMT_ROOTS_MAX + 1) down.tables[down.n++] = r->cmd_next;
-        break;
-      }
-    if (hit) {
+    if (const mgmt_cmd *hit = find_rows(lv, word, &down)) {
       enter(ctx, hit->cmd_module_id);
       if (hit->cmd_module_id != MGMT_MODULE_NONE && !task_module_running(hit->cmd_module_id)) {
         mgmt_reply(mp, MGMT_CODE_FAIL, 0, "Module not running");
         return MGMT_CMD_DONE;
       }
       if (!hit->cmd_next) {
-        if (help) {
-          mgmt_reply(mp, MGMT_CODE_SYNTAX_OK, 0, "Command syntax correct");
-          return MGMT_CMD_DONE;
-        }
-        if (rest && !*rest) rest = nullptr;
-        return hit->cmd_method ? hit->cmd_method(ctx, rest) : unrecognized(mp);
+        if (ctx->mc_flags & MGMT_CMD_HELP) return syntax_ok(mp);
+        return hit->cmd_method ? hit->cmd_method(ctx, args_of(rest)) : unrecognized(mp);
       }
       ended = hit;
       lv = down;
       continue;
     }
     const mgmt_cmd *c = catch_all(lv);
-    if (c && c->cmd_next) {
+    if (!c) return unrecognized(mp);
+    if (c->cmd_next) {  // the word is a value: kept, and the walk goes on below
       enter(ctx, c->cmd_module_id);
       if (ctx->mc_nvalues < MGMT_VALUES_MAX) ctx->mc_values[ctx->mc_nvalues++] = word;
       ended = c;
       lv = level{{c->cmd_next}, 1};
       continue;
     }
-    if (c) {
-      if (rest) word[strlen(word)] = ' ';  // give back the space strsep cut
-      return c->cmd_method(ctx, word);
-    }
-    return unrecognized(mp);
+    if (rest) word[strlen(word)] = ' ';  // give back the space strsep cut
+    return c->cmd_method(ctx, word);
   }
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "io_fixture.h"
+#include "unix_client.h"
 #include "mgmt/mgmt.h"
 #include "platform/path.h"
 #include "task/lifecycle.h"
@@ -23,13 +24,12 @@ namespace tt {
 class Mgmt : public Io {
  protected:
   virtual const mgmt_cmd *root_table() = 0;
-  char dir[64] = "/tmp/mgmt_test_XXXXXX";
+  temp_root tmp;
+  const char *dir = tmp.dir;
   task_app_ctx_t app{};
   void SetUp() override {
     Io::SetUp();
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    tvx_path_set_root(dir);
-    tvx_mkdirs((std::string(dir) + "/var/run").c_str(), 0755);
+    tmp.make();
     app.modules.count = 4;
     task_set_task_app_ctx(&app);
     task_module_state_alloc(&app);
@@ -40,29 +40,16 @@ class Mgmt : public Io {
   }
   void TearDown() override {
     mgmt_shutdown();
-    std::string cmd = std::string("rm -rf ") + dir;
-    EXPECT_EQ(system(cmd.c_str()), 0);
+    tmp.remove();
     Io::TearDown();
   }
   int client() {
-    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sun{};
-    sun.sun_family = AF_UNIX;
-    std::string p = tvx_path("/var/run/test_mgmt");
-    strcpy(sun.sun_path, p.c_str());
-    EXPECT_EQ(connect(s, reinterpret_cast<sockaddr *>(&sun), sizeof sun), 0) << strerror(errno);
+    int s = unix_client("/var/run/test_mgmt");
     real_passes(1);  // accepted
-    fcntl(s, F_SETFL, O_NONBLOCK);
     return s;
   }
   static void send(int s, const std::string &text) {
     ASSERT_EQ(write(s, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  static std::string drain(int s) {
-    std::string got;
-    char b[65536];
-    for (ssize_t n; (n = read(s, b, sizeof b)) > 0;) got.append(b, static_cast<size_t>(n));
-    return got;
   }
   std::string ask(int s, const std::string &line) {
     send(s, line + "\n");
@@ -70,6 +57,5 @@ class Mgmt : public Io {
     return drain(s);
   }
 };
-
 
 }  // namespace tt

@@ -3,6 +3,7 @@
 // own input buffer.
 #include <stdio_ext.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,8 @@ task_block *noblock_buffer_blk;
 size_t noblock_buffer_size;  // the whole block: links, pointers, data
 
 constexpr int kFlushRetries = 10;
+// Buffers (pages) handed to one send.
+constexpr int kGatherBuffers = 64;
 
 noblock_buffer *head(noblock_cookie *c) {
   return c->co_queue.nl_forw == &c->co_queue ? nullptr : reinterpret_cast<noblock_buffer *>(c->co_queue.nl_forw);
@@ -110,6 +113,25 @@ int close_now(noblock_cookie *c) {
   return 1;
 }
 
+constexpr size_t kDirectWrite = 16384;
+ssize_t send_queued(noblock_cookie *c, size_t *len, const char *extra = nullptr, size_t extra_len = 0);
+void consume(noblock_cookie *c, size_t n);
+
+// Sends the queue and then buf in one call; returns how much of buf went.
+size_t send_with_queue(noblock_cookie *c, const char *buf, size_t size) {
+  size_t queued;
+  ssize_t n;
+  do n = send_queued(c, &queued, buf, size);
+  while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    if (errno != EAGAIN) set_error(c, errno);
+    return 0;
+  }
+  size_t from_queue = static_cast<size_t>(n) < c->co_outstanding ? static_cast<size_t>(n) : c->co_outstanding;
+  consume(c, from_queue);
+  return static_cast<size_t>(n) - from_queue;
+}
+
 // ---- the stream's functions ----
 
 ssize_t nb_read(void *cookie, char *buf, size_t size) {
@@ -127,6 +149,16 @@ ssize_t nb_write(void *cookie, const char *buf, size_t size) {
     return -1;
   }
   task_assert(task_socket(c->co_task) != -1);
+  // A large write goes out with what is queued, straight from the caller's
+  // bytes: only what the socket does not take is copied.
+  size_t direct = 0;
+  if (size >= kDirectWrite) {
+    direct = send_with_queue(c, buf, size);
+    if (c->co_flags & NOBLOCK_F_ERROR) return static_cast<ssize_t>(size);
+    buf += direct;
+    size -= direct;
+    if (!size) return static_cast<ssize_t>(direct);
+  }
   size_t taken = 0;
   // stdio does not retry a short count: everything is taken, or the call fails.
   if (noblock_buffer *b = tail(c)) {
@@ -143,9 +175,11 @@ ssize_t nb_write(void *cookie, const char *buf, size_t size) {
     taken += n;
   }
   c->co_outstanding += taken;
+  // A generator's output goes out in one send when it returns.
+  if (c->co_flags & NOBLOCK_F_BUSY) return static_cast<ssize_t>(direct + taken);
   if (noblock_write_flush(c) && c->co_outstanding && !(c->co_flags & NOBLOCK_F_ABORTED)) noblock_schedule_write(c);
   if (taken == 0 && size > 0) return -1;
-  return static_cast<ssize_t>(taken);
+  return static_cast<ssize_t>(direct + taken);
 }
 
 int nb_close(void *cookie) {
@@ -328,18 +362,58 @@ void noblock_set_snd_buf_sz(noblock_cookie *c, int size) {
   if (getsockopt(sock(c), SOL_SOCKET, SO_SNDBUF, &c->co_sndbuf, &l) < 0) c->co_sndbuf = 0;
 }
 
-int noblock_write_flush(noblock_cookie *c) {
-  int retries = kFlushRetries;
-  while (noblock_buffer *b = head(c)) {
+namespace {
+
+// Sends what is queued, several buffers per call: one wakeup of the reader
+// for a long answer instead of one per page.
+ssize_t send_queued(noblock_cookie *c, size_t *len, const char *extra, size_t extra_len) {
+  iovec iov[kGatherBuffers + 1];
+  int n = 0;
+  *len = 0;
+  for (noblock_link *l = c->co_queue.nl_forw; l != &c->co_queue && n < kGatherBuffers; l = l->nl_forw, n++) {
+    auto *b = reinterpret_cast<noblock_buffer *>(l);
+    iov[n] = {b->nb_start, static_cast<size_t>(b->nb_end - b->nb_start)};
+    *len += iov[n].iov_len;
+  }
+  if (extra) {
+    if (*len != c->co_outstanding) {  // more queued than one send takes: the caller's bytes wait
+      errno = EAGAIN;
+      return -1;
+    }
+    iov[n++] = {const_cast<char *>(extra), extra_len};
+  }
+  if (n == 1) return tvx_sys.sys_sendto(sock(c), iov[0].iov_base, iov[0].iov_len, MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
+  msghdr m{};
+  m.msg_iov = iov;
+  m.msg_iovlen = static_cast<size_t>(n);
+  return tvx_sys.sys_sendmsg(sock(c), &m, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+// Drops n sent bytes from the front of the queue.
+void consume(noblock_cookie *c, size_t n) {
+  while (n) {
+    noblock_buffer *b = head(c);
     size_t len = static_cast<size_t>(b->nb_end - b->nb_start);
-    ssize_t n = tvx_sys.sys_sendto(sock(c), b->nb_start, len, MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
-    if (n == static_cast<ssize_t>(len)) {
+    if (n >= len) {
       unlink_buffer(c, b);
+      n -= len;
       continue;
     }
+    b->nb_start += n;
+    c->co_outstanding -= n;
+    n = 0;
+  }
+}
+
+}  // namespace
+
+int noblock_write_flush(noblock_cookie *c) {
+  int retries = kFlushRetries;
+  while (head(c)) {
+    size_t len;
+    ssize_t n = send_queued(c, &len);
     if (n > 0) {
-      b->nb_start += n;
-      c->co_outstanding -= static_cast<size_t>(n);
+      consume(c, static_cast<size_t>(n));
       continue;
     }
     if (n == 0) {

@@ -259,6 +259,9 @@ TEST_F(Noblock, AbortDropsQueuedOutputAndLaterWritesDoNothing) {
 TEST_F(Noblock, ShortSendsAndInterruptionsLoseNothing) {
   int peer;
   task *tp = stream_task(&peer, 1 << 20);
+  // Several queued pages go in one sendmsg, the last one alone by sendto.
+  tvx_fault_short(TVX_SYS_SENDMSG, 7, 20);
+  tvx_fault_errno(TVX_SYS_SENDMSG, EINTR, 3);
   tvx_fault_short(TVX_SYS_SENDTO, 7, 20);
   tvx_fault_errno(TVX_SYS_SENDTO, EINTR, 3);
   std::string data = pattern(20000);

@@ -18,6 +18,10 @@
 //
 // Commands are static tables of rows (mgmt_cmd) ended by a row with a null
 // name; a row leads to a sub-table or runs a method with the rest of the line.
+// A last row with a null name but a sub-table takes any word as a value
+// (mc_values) and walks on in its sub-table; with a method instead, it gets
+// the unmatched word and the rest of the line (and, for "help ...", the help
+// flag, so it answers 200 or 201 itself).
 // Words are compared without regard to case. A daemon usually mounts its own
 // table beside the framework's in one call, before the scheduler starts:
 //
@@ -102,7 +106,8 @@ void mgmt_cmd_register(const mgmt_cmd *root_table);
 enum { MGMT_ROOTS_MAX = 4 };
 void mgmt_cmd_mount(const mgmt_cmd *table);
 // The framework's table with the daemon's beside it (null: the framework's
-// alone), and mgmt_init. The one call a daemon makes.
+// alone), and mgmt_init; in builds with the debug shell (mgmt/dbgsh.h) it
+// starts that too. The one call a daemon makes before mgmt_listen_on.
 void mgmt_framework_mount(const mgmt_cmd *daemon_table);
 extern const mgmt_cmd mgmt_framework_cmds[];
 // The trace handle that "set trace" and "show trace" change and show, and

@@ -3,11 +3,15 @@
 // that never waits.
 //
 // Output is copied once into a chain of page-sized buffers and sent as the
-// socket becomes writable; the stream's write function always takes every
-// byte it is given (or fails), so nothing is lost to a short write. A
+// socket becomes writable, the queued buffers gathered into one send; a large
+// write (16 KB or more, as stdio hands over big fwrites) goes out with the
+// queue straight from the caller's bytes, and only what the socket does not
+// take is copied. The stream's write function always takes every byte it is
+// given (or fails), so nothing is lost to a short write. A
 // generator produces a long reply piece by piece, called only when the queue
 // is empty, which bounds memory to about one buffer plus the socket's send
-// buffer.
+// buffer; what it writes in small pieces is queued and sent in one call when
+// it returns.
 //
 //   void mgmt_write_ready(task *tp) { noblock_write_ready(static_cast<noblock_cookie *>(task_get_data(tp))); }
 //   noblock_cookie *c = noblock_fdopen(tp, "mgmt", mgmt_write_ready);

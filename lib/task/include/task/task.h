@@ -323,5 +323,9 @@ void task_set_app_byte(task *tp, uint8_t b);
 // The state word and the live tasks, one line each (the management
 // channel's "show task").
 void task_dump(FILE *fp);
+// Appends the tracing state and the task list to "/var/tmp/PROGRAM_dump"
+// under an exclusive flock, waiting for another holder up to ten times 15
+// seconds (through task_daemon_nap). 0, or -1 after logging why.
+int trace_do_dump(void);
 
 }  // extern "C"
