@@ -27,8 +27,8 @@ constexpr uint32_t kOuter = 28;  // outer IPv4 and UDP headers in front of the r
                 static_cast<uint32_t>((p)[3])
 
 // The bridge domain of vni: in table rtb_id, or, with rtb_id 0, in the first
-// table after 0 that holds it (a table filed under id 0 is skipped). walked
-// says which way it was found.
+// table after 0 that holds it (a table filed under id 0 is skipped). for_mac
+// picks the MAC lookup's trace lines; caller names the function in them.
 bd_data *find_vni(uint32_t vni, uint32_t rtb_id, const char *caller, bool for_mac) {
   if (rtb_id != 0) {
     rtb_entry *rtb = tunechod_rtb_find(rtb_id);
