@@ -35,16 +35,19 @@ void *tunechod_app_alloc(size_t size) { return zeroed(size); }
 void *tunechod_app_alloc2(void *, size_t size) { return zeroed(size); }
 void tunechod_app_free(void *block) { free(block); }
 
+// The status of the last read, which tunechod_config_read reports.
+static int traceoptions_status;
+
 void tunechod_config_read_traceoptions(void) {
   static const char *const path[] = {"protocols", "overlay", nullptr};
-  int status = daemon_trace_read_config(0, path, &tunechod_trace);
+  traceoptions_status = daemon_trace_read_config(0, path, &tunechod_trace);
   TUNECHOD_TRACE(DAEMON_TRACE_CONFIG, "Trace config flags %d read status %d ",
-                 static_cast<int>(tunechod_trace.tc_flags), status);
+                 static_cast<int>(tunechod_trace.tc_flags), traceoptions_status);
 }
 
 int tunechod_config_read(void) {
-  static const char *const path[] = {"protocols", "overlay", nullptr};
-  if (daemon_trace_read_config(0, path, &tunechod_trace)) return 1;
+  tunechod_config_read_traceoptions();
+  if (traceoptions_status) return 1;
   TUNECHOD_TRACE(DAEMON_TRACE_CONFIG, "%s: traceflag configuration failed", "tunechod");
   return 0;
 }

@@ -122,9 +122,9 @@ int tunechod_parse_oam_packet(const uint8_t *data, uint32_t length, int raw_sock
   TUNECHOD_TRACE(DAEMON_TRACE_PACKETS, "Received UDP packet from %u.%u.%u.%u port %u to %u.%u.%u.%u port %u", QUAD(src),
                  static_cast<uint32_t>(ntohs(peer->sin_port)), QUAD(dst), static_cast<uint32_t>(TUNECHOD_PORT));
 
-  memset(oam_pkt, 0, length);
-  memcpy(oam_pkt, data, length);
-  const int v4 = tunechod_inner_ip_is_ipv4(oam_pkt);
+  // The inner IP version is read from the request itself (byte 22 lies inside
+  // any accepted length), so the request is copied once, behind the headers.
+  const int v4 = tunechod_inner_ip_is_ipv4(data);
   TUNECHOD_TRACE(DAEMON_TRACE_PACKETS, "Underlay type is  %d", v4);
 
   const uint32_t total = v4 ? TUNECHOD_REPLY_V4 : TUNECHOD_REPLY_V6;
@@ -140,7 +140,6 @@ int tunechod_parse_oam_packet(const uint8_t *data, uint32_t length, int raw_sock
   oam_put16(oam_pkt + 24, total - 20);
   // The whole request behind the headers; a long one reaches the buffer's end.
   memcpy(oam_pkt + kOuter, data, length);
-  if (length + kOuter < total) memset(oam_pkt + kOuter + length, 0, total - kOuter - length);
 
   uint8_t *e = oam_pkt + (v4 ? 78 : 98);
   uint8_t *t = e + 28;
