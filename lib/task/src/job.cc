@@ -373,21 +373,29 @@ void task_job_subjob_delete(task_job_ctx *c) {
   if (!subjob_remove(c)) task_job_delete(jp);
 }
 
-void task_job_delete_task(task *tp) {
+namespace {
+int delete_queued(task *tp, task_job *h) {
   int n = 0;
-  for (task_job *h : {fg_head(), bg_head()}) {
-    for (task_job *j = h->task_job_forw; j != h;) {
-      task_job *next = j->task_job_forw;
-      if (j->task_job_task == tp) {
-        // A sub-job job goes one sub-job per delete; the last takes the job.
-        int calls = 0;
-        for (task_job_ctx *c = ctx_head(j)->tjc_next; c != ctx_head(j); c = c->tjc_next) calls += !c->tjc_marker;
-        for (int i = 0; i < (calls ? calls : 1); i++) task_job_delete(j);
-        n++;
-      }
-      j = next;
+  for (task_job *j = h->task_job_forw; j != h;) {
+    task_job *next = j->task_job_forw;
+    if (j->task_job_task == tp) {
+      // A sub-job job goes one sub-job per delete; the last takes the job.
+      int calls = 0;
+      for (task_job_ctx *c = ctx_head(j)->tjc_next; c != ctx_head(j); c = c->tjc_next) calls += !c->tjc_marker;
+      for (int i = 0; i < (calls ? calls : 1); i++) task_job_delete(j);
+      n++;
     }
+    j = next;
   }
+  return n;
+}
+}  // namespace
+
+void task_job_delete_task(task *tp) {
+  int n = delete_queued(tp, fg_head()) + delete_queued(tp, bg_head());
+  // Foreground jobs taken off the queue by a dispatch that is still running
+  // (nested dispatches each hold their own list).
+  for (task_job_fg_list *l = jv()->taskjobs_fg_local; l; l = l->outer) n += delete_queued(tp, &l->head);
   if (n) TASK_TRACE(tp, TR_TASK, "task_job_delete_task: deleted %d jobs of task %s", n, task_name(tp));
 }
 
@@ -430,17 +438,18 @@ bool task_job_bg_queued(void) { return jv()->taskjobs_bg_queued != 0; }
 
 void task_job_fg_dispatch(void) {
   task_jobs_var *v = jv();
-  // Jobs created from here on go to the fresh queue and wait a pass.
-  task_job local;
-  local.task_job_forw = local.task_job_back = &local;
   task_job *h = fg_head();
-  if (h->task_job_forw != h) {
-    local.task_job_forw = h->task_job_forw;
-    local.task_job_back = h->task_job_back;
-    local.task_job_forw->task_job_back = &local;
-    local.task_job_back->task_job_forw = &local;
-    h->task_job_forw = h->task_job_back = h;
-  }
+  if (h->task_job_forw == h) return;
+  // Jobs created from here on go to the fresh queue and wait a pass.
+  task_job_fg_list l;
+  task_job &local = l.head;
+  local.task_job_forw = h->task_job_forw;
+  local.task_job_back = h->task_job_back;
+  local.task_job_forw->task_job_back = &local;
+  local.task_job_back->task_job_forw = &local;
+  h->task_job_forw = h->task_job_back = h;
+  l.outer = v->taskjobs_fg_local;
+  v->taskjobs_fg_local = &l;
   while (local.task_job_forw != &local) {
     task_job *jp = local.task_job_forw;
     // Still counted and linked while it runs, so that a delete from any
@@ -454,6 +463,7 @@ void task_job_fg_dispatch(void) {
     }
     job_free(jp);
   }
+  v->taskjobs_fg_local = l.outer;
   if (h->task_job_forw != h)
     TASK_TRACE(nullptr, TR_TASK, "task_job_fg_dispatch: %u foreground jobs queued for the next pass",
                v->taskjobs_fg_queued);

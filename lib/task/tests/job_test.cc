@@ -8,6 +8,7 @@ namespace tt {
 namespace {
 
 std::string runs;
+task *keeper_of_nest;
 void mark(task_job *jp) { runs += static_cast<const char *>(task_job_get_data(jp)); }
 
 TEST_F(Kernel, LowerPriorityStarvesAfterExactly65RunsThenAlternates) {
@@ -132,6 +133,44 @@ TEST_F(Kernel, SubJobDeletingItselfAndTheTasksJobs) {
 }
 
 }  // namespace
+// A foreground job that deletes a task takes the task's other foreground jobs
+// of the same dispatch with it, in an enclosing dispatch too (a job that runs
+// a nested pass).
+task *doomed;
+void kill_doomed(task_job *) {
+  runs += "K";
+  task_delete(doomed);
+}
+void nest_then_kill(task_job *) {
+  runs += "N";
+  task_job_create_foreground(keeper_of_nest, "inner", kill_doomed, nullptr);
+  passes(1);
+}
+
+TEST_F(Kernel, ForegroundJobDeletingATaskDropsItsJobsOfTheSameDispatch) {
+  runs.clear();
+  doomed = task_alloc("doomed", 5, nullptr);
+  task_create(doomed);
+  task_job_create_foreground(keeper, "killer", kill_doomed, nullptr);
+  task_job_create_foreground(doomed, "one", mark, const_cast<char *>("1"));
+  task_job_create_foreground(keeper, "other", mark, const_cast<char *>("O"));
+  task_job_create_foreground(doomed, "two", mark, const_cast<char *>("2"));
+  task_job_fg_dispatch();
+  EXPECT_EQ(runs, "KO");
+  EXPECT_EQ(task_var_jobs()->taskjobs_fg_queued, 0u);
+
+  runs.clear();
+  keeper_of_nest = keeper;
+  doomed = task_alloc("doomed again", 5, nullptr);
+  task_create(doomed);
+  task_job_create_foreground(keeper, "nest", nest_then_kill, nullptr);
+  task_job_create_foreground(doomed, "late", mark, const_cast<char *>("L"));
+  task_job_fg_dispatch();
+  EXPECT_EQ(runs, "NK");
+  EXPECT_EQ(task_var_jobs()->taskjobs_fg_queued, 0u);
+  EXPECT_FALSE(task_job_fg_queued());
+}
+
 int slices;
 TEST_F(Kernel, SliceIsOverAfterTheQuantumOrTenMilliseconds) {
   auto loop = [](task_job *jp) {

@@ -67,6 +67,12 @@ struct task_job {
   task_utime task_job_run_start;  // the kernel's time when the current run began
 };
 
+// The jobs a foreground dispatch took off the queue and has still to run.
+struct task_job_fg_list {
+  task_job head;
+  task_job_fg_list *outer;  // an enclosing dispatch's, when a job runs a nested pass
+};
+
 struct task_jobs_var {
   uint32_t taskjobs_bg_queued;
   uint32_t taskjobs_fg_queued;
@@ -78,6 +84,7 @@ struct task_jobs_var {
   task_job taskjobs_bg_head;  // "Job Background Queue"
   uint32_t task_job_weight[TASK_JOB_PRIO_MAX];
   uint32_t taskjobs_weights_added;
+  task_job_fg_list *taskjobs_fg_local;  // the innermost running foreground dispatch
 };
 
 task_jobs_var *task_var_jobs(void);
