@@ -460,7 +460,8 @@ int task_close(task *tp) {
   if (!tp || tp->task_socket < 0) return 0;
   int s = tp->task_socket;
   task_io_var *io = task_var_io(tp);
-  for (int q : io->task_eventQ) task_assert(s != q);
+  for (int i = 0; i < TASK_EVQ_N_PRIO; i++)
+    task_assert_text(s != io->task_eventQ[i], "s != close_tp->task_context->tvctx_io->task_eventQ[i]");
   task_reset_socket(tp);
   if (test_state()) return 0;
   task_fd_ring_note(s, TASK_FD_CLOSE, tp);

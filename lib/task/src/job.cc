@@ -59,7 +59,7 @@ void ctx_free(task_job_ctx *c) {
   task_block_free(subjob_block, c);
 }
 
-inline bool on_starving(const task_job *jp) { return jp->task_job_starving.tjl_next != nullptr; }
+inline bool thread_node_on_thread(const task_job_list *l) { return l->tjl_next != nullptr; }
 void starve_unlink(task_job *jp) {
   task_job_list *l = &jp->task_job_starving;
   if (!l->tjl_next) return;
@@ -214,7 +214,7 @@ void bg_run(task_job *jp, const char *text) {
     if (!jp->task_job_forw) {
       jp->task_job_credit = 0;
       starve_clear(jp);
-      task_assert(!on_starving(jp));
+      task_assert(!thread_node_on_thread(&jp->task_job_starving));
       job_free(jp);
       return;
     }
@@ -470,34 +470,34 @@ void task_job_fg_dispatch(void) {
 }
 
 void task_job_bg_dispatch(void) {
-  task_jobs_var *v = jv();
-  task_job *head = &v->taskjobs_bg_head;
+  task_jobs_var *jobs_var = jv();
+  task_job *head = &jobs_var->taskjobs_bg_head;
   task_job *jp = nullptr;
-  if (v->taskjobs_starving && v->taskjobs_starve_ok) {
-    task_job_list *l = v->taskjobs_starving_list.tjl_next;
-    jp = l != &v->taskjobs_starving_list
+  if (jobs_var->taskjobs_starving && jobs_var->taskjobs_starve_ok) {
+    task_job_list *l = jobs_var->taskjobs_starving_list.tjl_next;
+    jp = l != &jobs_var->taskjobs_starving_list
              ? reinterpret_cast<task_job *>(reinterpret_cast<char *>(l) - offsetof(task_job, task_job_starving))
              : nullptr;
     task_assert(!jp || (jp && (((jp->task_job_flags) & (0x02)) != 0)));
     task_sched_stat(SCHED_STAT_BG_STARVING);
-    v->taskjobs_starve_ok = 0;
+    jobs_var->taskjobs_starve_ok = 0;
   }
   if (!jp) {
     jp = head->task_job_forw;
-    v->taskjobs_starve_ok = 1;
+    jobs_var->taskjobs_starve_ok = 1;
     if (jp == head) {
-      task_assert(v->taskjobs_bg_queued == 0);
+      task_assert(jobs_var->taskjobs_bg_queued == 0);
       return;
     }
   }
-  uint32_t w = v->task_job_weight[jp->task_job_priority];
-  task_job *last = v->taskjobs_last[jp->task_job_priority];
+  uint32_t w = jobs_var->task_job_weight[jp->task_job_priority];
+  task_job *last = jobs_var->taskjobs_last[jp->task_job_priority];
   for (task_job *j = last ? last->task_job_forw : head; j != head; j = j->task_job_forw) {
     j->task_job_credit += w;
-    if (j->task_job_credit > v->task_job_weight[j->task_job_priority] && !(j->task_job_flags & TASK_JOB_STARVING)) {
+    if (j->task_job_credit > jobs_var->task_job_weight[j->task_job_priority] && !(j->task_job_flags & TASK_JOB_STARVING)) {
       j->task_job_flags |= TASK_JOB_STARVING;
       starve_append(j);
-      v->taskjobs_starving++;
+      jobs_var->taskjobs_starving++;
       TASK_TRACE(j->task_job_task, TR_TASK, "%s is getting starved by %s (or other)", j->task_job_name,
                  jp->task_job_name);
     }
