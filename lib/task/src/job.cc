@@ -6,6 +6,7 @@
 #include "mem/block.h"
 #include "mem/mem.h"
 #include "task/accounting.h"
+#include "trace/zevt.h"
 
 namespace {
 
@@ -158,12 +159,17 @@ void remove_marker(task_job *jp) {
 
 inline task_utime ms(uint32_t n) { return task_utime_from_usec(uint64_t{n} * 1000); }
 
+// Whether an event of "TASK-JOBS" asks for anything: read inline on every run.
+inline bool evt_on(unsigned n) { return task_job_evt && task_job_evt->zs_events[n].ze_action; }
+
 const char *job_name_of(const void *jp) { return static_cast<const task_job *>(jp)->task_job_name; }
 
 // The common run step: one call of the method, with its bookkeeping.
 void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
   task *tp = jp->task_job_task;
   TASK_TRACE(tp, TR_TASK, "%s running job %s for task %s", text, jp->task_job_name, task_name(tp));
+  if (__builtin_expect(evt_on(TASK_JOB_EVT_START), 0))
+    zevt_record(task_job_evt, TASK_JOB_EVT_START, "%s for task %s by %s", jp->task_job_name, task_name(tp), text);
   task_utime start{};
   if (jp->task_job_max_quantum) {
     task_time_update();
@@ -192,8 +198,12 @@ void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
     jp->task_job_quantum_left = task_utime_sub(jp->task_job_quantum_left, used);
     jp->task_job_loop_left = task_utime_sub(jp->task_job_loop_left, used);
   }
-  TASK_TRACE(tp, TR_TASK, "%s %s job %s for task %s", text, jp->task_job_forw ? "returned" : "completed",
-             jp->task_job_name, task_name(tp));
+  const char *outcome = jp->task_job_forw ? "returned" : "completed";
+  TASK_TRACE(tp, TR_TASK, "%s %s job %s for task %s", text, outcome, jp->task_job_name, task_name(tp));
+  if (__builtin_expect(evt_on(TASK_JOB_EVT_END), 0))
+    zevt_record(task_job_evt, TASK_JOB_EVT_END, "%s for task %s by %s is %s", jp->task_job_name, task_name(tp), text,
+                outcome);
+  if (__builtin_expect(evt_on(TASK_JOB_EVT_QUEUE), 0)) task_job_evt_queue_log();
   task_timer_hiprio_check();
 }
 
@@ -270,6 +280,7 @@ void task_jobs_init(task_jobs_var *v) {
   v->taskjobs_starving_list.tjl_next = v->taskjobs_starving_list.tjl_prev = &v->taskjobs_starving_list;
   v->taskjobs_starve_ok = 1;
   for (int p = 0; p < TASK_JOB_PRIO_MAX; p++) v->task_job_weight[p] = 1u << (2 * p);
+  task_job_events_register();
 }
 
 task_jobs_var *task_var_jobs(void) {
@@ -479,6 +490,9 @@ void task_job_bg_dispatch(void) {
              ? reinterpret_cast<task_job *>(reinterpret_cast<char *>(l) - offsetof(task_job, task_job_starving))
              : nullptr;
     task_assert(!jp || (jp && (((jp->task_job_flags) & (0x02)) != 0)));
+    if (jp && evt_on(TASK_JOB_EVT_STARVED_SELECTED))
+      zevt_record(task_job_evt, TASK_JOB_EVT_STARVED_SELECTED, "%s for task %s selected while starving",
+                  jp->task_job_name, task_name(jp->task_job_task));
     task_sched_stat(SCHED_STAT_BG_STARVING);
     jobs_var->taskjobs_starve_ok = 0;
   }
@@ -494,12 +508,14 @@ void task_job_bg_dispatch(void) {
   task_job *last = jobs_var->taskjobs_last[jp->task_job_priority];
   for (task_job *j = last ? last->task_job_forw : head; j != head; j = j->task_job_forw) {
     j->task_job_credit += w;
-    if (j->task_job_credit > jobs_var->task_job_weight[j->task_job_priority] && !(j->task_job_flags & TASK_JOB_STARVING)) {
+    if (j->task_job_credit > jobs_var->task_job_weight[j->task_job_priority] &&
+        !(j->task_job_flags & TASK_JOB_STARVING)) {
       j->task_job_flags |= TASK_JOB_STARVING;
       starve_append(j);
       jobs_var->taskjobs_starving++;
-      TASK_TRACE(j->task_job_task, TR_TASK, "%s is getting starved by %s (or other)", j->task_job_name,
-                 jp->task_job_name);
+      if (evt_on(TASK_JOB_EVT_STARVING))
+        zevt_record(task_job_evt, TASK_JOB_EVT_STARVING, "%s is getting starved by %s (or other)", j->task_job_name,
+                    jp->task_job_name);
     }
   }
   task_sched_stat(SCHED_STAT_BG_DISPATCH);

@@ -117,6 +117,29 @@ void *task_job_subjob_data(const task_job_ctx *jctx);
 // place and fills the rest of the table with it.
 void task_job_weight_add(uint32_t w);
 
+// The event system "TASK-JOBS" ("TASK JOBS Event System"), made by
+// task_kernel_init. Its events are off until the trace-events configuration
+// (or zevt_set_action) switches them on, "TASK-JOBS:1-2 memtrace" for
+// example. While "jobs queue" (5) is on, every run is followed by the
+// summary and a line per queued job, each as its own event (6 foreground, 7
+// background), so "5-7" shows the whole queue; "Misses" is a background
+// job's starvation credit.
+enum {
+  TASK_JOB_EVT_START = 1,         // "JOB for task TASK by DISPATCH" as a run begins
+  TASK_JOB_EVT_END = 2,           // the same, "is returned" (still queued) or "is completed"
+  TASK_JOB_EVT_STARVING = 3,      // "JOB is getting starved by JOB (or other)"
+  TASK_JOB_EVT_STARVED_SELECTED = 4,  // "JOB for task TASK selected while starving"
+  TASK_JOB_EVT_QUEUE = 5,         // "jobs queue: N foreground, N background, N starving"
+  TASK_JOB_EVT_QUEUE_FG = 6,      // "Job Name : %s, Priority : %d, Flags : %s" ("None")
+  TASK_JOB_EVT_QUEUE_BG = 7,      // "Job Name: %s, Priority : %d, Runs : %d, Misses : %d, Flags : <%s>"
+  TASK_JOB_EVT_COUNT = 7,
+};
+// Finds or makes the system: 0, or -1 after logging
+// ZTASK_JOBS_EVT_REGISTER_FAILED, and jobs run without events. Call it again
+// after zevt_system_destroy_all.
+int task_job_events_register(void);
+struct zevt_system *task_job_events(void);
+
 bool task_job_fg_queued(void);
 bool task_job_bg_queued(void);
 void task_job_fg_dispatch(void);
