@@ -141,6 +141,30 @@ TEST_F(Inet, InetOverridesOfTheMaskAlgebra) {
   EXPECT_DEATH(inet6_pfx_cmp(inet("1.1.1.1"), 8, inet6("::1"), 8), "socktype\\(addr1\\) == GF_INET6");
 }
 
+// INET6 keeps port, flow information and scope before its address: a cut
+// counts its bits from the address, not from the header.
+TEST_F(Inet, Inet6CutKeepsTheLeadingBitsOfTheAddress) {
+  zsockaddr_t *a = inet6("2001:db8:abcd:ef12::1", 443);
+  sockcutlen(a, 36);
+  EXPECT_EQ(text(a, 1), "2001:db8:a000::+443");
+  EXPECT_EQ(socklen(a), unsigned{SOCKADDR_IN6_LEN});
+  sockcutlen(a, 0);
+  EXPECT_EQ(text(a, 1), "::+443");
+
+  // With a source: the cut reaches into the source and the length follows it.
+  zsockaddr_t *mc = sockbuild(GF_INET6, SOCKADDR_IN6MC_LEN);
+  memcpy(mc->zs_data + 10, inet6("ff05::1")->zs_data + 10, 16);
+  memcpy(mc->zs_data + 26, inet6("2001:db8::5")->zs_data + 10, 16);
+  sockcutlen(mc, 128 + 20);
+  EXPECT_EQ(socklen(mc), unsigned{SOCKADDR_IN6_LEN + 3});
+  EXPECT_EQ(text(mc), "ff05::1, 2001:d00::");
+  // The cut address equals one built from the prefix.
+  zsockaddr_t *b = inet6("2001:db8:abcd:ef12::1");
+  sockcutlen(b, 64);
+  uint8_t p6[16] = {0x20, 0x01, 0x0d, 0xb8, 0xab, 0xcd, 0xef, 0x12};
+  EXPECT_TRUE(sockaddreq(b, inet6_prefix_to_sockaddr(p6, 64)));
+}
+
 TEST_F(Inet, FieldsAndTheMissingSource) {
   zsockaddr_t *a = inet("10.0.0.1", 53);
   EXPECT_EQ(socksrc_in(a), 0u);
