@@ -60,13 +60,7 @@ void inet_andmask(zsockaddr_t *a, const zsockaddr_t *mask) {
   socklen_set(a, len);
 }
 
-void inet_cutlen(zsockaddr_t *a, unsigned bits) {
-  uint8_t *pa = reinterpret_cast<uint8_t *>(a);
-  unsigned len = socklen(a), whole = sockbytes(bits), end = kOffset + whole;
-  if (bits & 7 && end <= len) pa[end - 1] &= static_cast<uint8_t>(0xff00u >> (bits & 7));
-  for (unsigned i = end; i < len; i++) pa[i] = 0;
-  if (end < len) socklen_set(a, std::max(end, 8u));
-}
+void inet_cutlen(zsockaddr_t *a, unsigned bits) { cut_bits(a, bits, kOffset, SOCKADDR_IN_LEN); }
 
 const zsockaddr_t *inet_hostmask(const zsockaddr_t *a) {
   return inet_sockmask_len(a->zs_gf, socklen(a) > 8 ? 64 : 32);

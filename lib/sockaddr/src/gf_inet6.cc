@@ -39,6 +39,9 @@ int inet6_cmp2(const zsockaddr_t *a, const zsockaddr_t *b) {
   return cmp_shorter_first(raw(a), socklen(a), raw(b), socklen(b), kOffset);
 }
 
+// The header before the address stays; a unicast address keeps its length.
+void inet6_cutlen(zsockaddr_t *a, unsigned bits) { cut_bits(a, bits, kOffset, SOCKADDR_IN6_LEN); }
+
 const zsockaddr_t *inet6_hostmask(const zsockaddr_t *a) {
   return inet6_sockmask_len(a->zs_gf, socklen(a) > SOCKADDR_IN6_LEN ? 256 : 128);
 }
@@ -76,6 +79,7 @@ int put_ntop(char *p, const uint8_t addr[16]) {
 
 void inet6_family_init(zsock_ops *ops) {
   ops->sockaddrcmp2 = inet6_cmp2;
+  ops->sockcutlen = inet6_cutlen;
   ops->sockhostmask = inet6_hostmask;
   ops->sockhostmasklen = inet6_hostmasklen;
   ops->sockmasklen = inet6_masklen;
