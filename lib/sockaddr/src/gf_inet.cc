@@ -62,8 +62,9 @@ void inet_andmask(zsockaddr_t *a, const zsockaddr_t *mask) {
 
 void inet_cutlen(zsockaddr_t *a, unsigned bits) { cut_bits(a, bits, kOffset, SOCKADDR_IN_LEN); }
 
+// The second index shares INET's masks.
 const zsockaddr_t *inet_hostmask(const zsockaddr_t *a) {
-  return inet_sockmask_len(a->zs_gf, socklen(a) > 8 ? 64 : 32);
+  return inet_sockmask_len(gf_inet, socklen(a) > 8 ? 64 : 32);
 }
 int inet_hostmasklen(unsigned) { return 32; }
 int inet_host_plen(const zsockaddr_t *a) { return socklen(a) > 8 ? 64 : 32; }
@@ -90,6 +91,29 @@ uint32_t inet_extract(const zsockaddr_t *a, void *) { return inet_sockextract_in
 uint32_t inet_extractsrc(const zsockaddr_t *a, void *) { return inet_sockextractsrc(a); }
 uint32_t inet_extractgrp(const zsockaddr_t *a, void *) { return sockextractgrp_in(a); }
 const uint8_t *inet_grp_ptr(const zsockaddr_t *a) { return raw(a) + kOffset; }
+
+zsockaddr_t *inet_build_mc(const zsockaddr_t *a, const void *arg) {
+  const auto *src = static_cast<const zsockaddr_t *>(arg);
+  ZSOCK_ASSERT(!src || socktype(src) == socktype(a));
+  // Read before building: the ring may hand out the block a lies in.
+  uint16_t port = sockport_in(a);
+  uint32_t group = addr_word(a), source = src ? addr_word(src) : 0;
+  zsockaddr_t *m = sockbuild(a->zs_gf, SOCKADDR_INMC_LEN);
+  in(m)->gin_port = port;
+  in(m)->gin_addr = group;
+  in(m)->gin_src = source;
+  return m;
+}
+
+// Flow fields exist in the full-size form only.
+bool has_flow(const zsockaddr_t *a) { return socklen(a) >= SOCKADDR_INMC_MAXLEN; }
+zsockaddr_inet_t *flow(zsockaddr_t *a) {
+  ZSOCK_ASSERT(socklen(a) == SOCKADDR_INMC_MAXLEN);
+  return in(a);
+}
+uint32_t inet_get_proto(const zsockaddr_t *a) { return has_flow(a) ? in(a)->gin_proto : 0; }
+uint32_t inet_get_sport(const zsockaddr_t *a) { return has_flow(a) ? in(a)->gin_sport : 0; }
+uint32_t inet_get_dport(const zsockaddr_t *a) { return has_flow(a) ? in(a)->gin_dport : 0; }
 
 // "a.b.c.d" in inet_aton's forms, then an optional "/" and a mask: a decimal
 // length, hexadecimal after "0x", or a dotted mask of at most four parts.
@@ -194,7 +218,12 @@ void inet_family_init(zsock_ops *ops) {
   ops->printer = inet_vprintf;
   ops->sockprefixcmp = inet_pfx_cmp;
   ops->setsockport = inet_setport;
+  ops->sockbuild_mc = inet_build_mc;
+  ops->getters[ZSOCK_GET_PROTO] = inet_get_proto;
+  ops->getters[ZSOCK_GET_SPORT] = inet_get_sport;
+  ops->getters[ZSOCK_GET_DPORT] = inet_get_dport;
   ops->zsock2fwd_sock = zsock2fwd_sock_inet;
+  ops->fwd_sock2zsock = fwd_sock2zsock_inet;
 }
 
 }  // namespace
@@ -210,6 +239,11 @@ void zsock_register_inet(unsigned gf) {
     h->register_ext('m', render_m, 0, 2, gf, 0);
     h->register_ext('p', render_p, 0, 2, gf, 0);
   }
+}
+
+void zsock_register_inet_alias(unsigned gf) {
+  check_gf();
+  zsock_init_family(172, gf, kOffset, kMaxSize, inet_masks, sizeof inet_masks, "INET", inet_family_init);
 }
 
 zsockaddr_t *sockbuild_in(uint16_t port, uint32_t addr) {
@@ -254,6 +288,10 @@ uint32_t socksrc_in(const zsockaddr_t *a) {
   return 0;
 }
 uint32_t inet_sockextractsrc(const zsockaddr_t *a) { return socksrc_in(a); }
+
+void setsockproto_in(zsockaddr_t *a, uint8_t proto) { flow(a)->gin_proto = proto; }
+void setsocksport_in(zsockaddr_t *a, uint16_t port) { flow(a)->gin_sport = port; }
+void setsockdport_in(zsockaddr_t *a, uint16_t port) { flow(a)->gin_dport = port; }
 
 void setsocksrc_in(zsockaddr_t *a, uint32_t src) {
   if (socklen(a) < SOCKADDR_INMC_LEN) socklen_set(a, SOCKADDR_INMC_LEN);
@@ -348,5 +386,10 @@ int sock2unix_inet(const zsockaddr_t *a, void *target) {
 }
 
 int zsock2fwd_sock_inet(const zsockaddr_t *a, void *target) { return sock2unix_inet(a, target); }
+
+zsockaddr_t *fwd_sock2zsock_inet(const void *fwd) {
+  const auto *sin = static_cast<const struct sockaddr_in *>(fwd);
+  return sin->sin_family == AF_INET ? sockbuild_in(sin->sin_port, sin->sin_addr.s_addr) : nullptr;
+}
 
 }  // extern "C"

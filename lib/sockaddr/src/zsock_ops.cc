@@ -112,10 +112,10 @@ using namespace zsock;
 
 // The slot of a's family, or nullptr when the family or the slot is empty.
 #define SLOT(a, name) (ops_of(a) ? ops_of(a)->name : nullptr)
-// The slot, or an assertion that names the operation.
+// The slot, or an assertion that names the operation (a null address too).
 #define NEED(a, name)                                  \
   ([&] {                                               \
-    auto fn_ = SLOT(a, name);                          \
+    auto fn_ = (a) ? SLOT(a, name) : nullptr;          \
     ZSOCK_ASSERT_TEXT(fn_ != nullptr, #name);          \
     return fn_;                                        \
   }())
@@ -208,6 +208,19 @@ int sock_host_plen(const zsockaddr_t *a) { return NEED(a, sock_host_plen)(a); }
 void setsockport(zsockaddr_t *a, unsigned port) { NEED(a, setsockport)(a, port); }
 int sock2unix(const zsockaddr_t *a, void *target) { return NEED(a, sock2unix)(a, target); }
 int zsock2fwd_sock(const zsockaddr_t *a, void *target) { return NEED(a, zsock2fwd_sock)(a, target); }
+uint32_t sockextract_in(const zsockaddr_t *a, void *arg) { return NEED(a, sockextract_in)(a, arg); }
+uint32_t sockextractsrc(const zsockaddr_t *a, void *arg) { return NEED(a, sockextractsrc)(a, arg); }
+uint32_t sockextractgrp(const zsockaddr_t *a, void *arg) { return NEED(a, sockextractgrp)(a, arg); }
+const uint8_t *sockgrp_ptr(const zsockaddr_t *a) { return NEED(a, sockgrp_ptr)(a); }
+zsockaddr_t *sockbuild_mc(const zsockaddr_t *a, const void *arg) { return NEED(a, sockbuild_mc)(a, arg); }
+
+// A family's converter may serve several indexes: the result carries gf.
+zsockaddr_t *fwd_sock2zsock(unsigned gf, const void *fwd) {
+  const zsock_family *r = row(gf);
+  zsockaddr_t *a = r && r->gf_ops->fwd_sock2zsock && fwd ? r->gf_ops->fwd_sock2zsock(fwd) : nullptr;
+  if (a) a->zs_gf = gf;
+  return a;
+}
 
 bool sockisunspec(const zsockaddr_t *a) {
   auto fn = a ? SLOT(a, isunspec) : nullptr;

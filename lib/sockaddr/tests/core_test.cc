@@ -267,6 +267,14 @@ TEST_F(Core, EmptySlotsAssertWithTheOperationsName) {
   EXPECT_DEATH(setsockport(g, 1), "setsockport");
   EXPECT_DEATH(sock2unix(g, nullptr), "sock2unix");
   EXPECT_DEATH(sockhostmasklen(kGeneric), "sockhostmasklen");
+  EXPECT_DEATH(sockextract_in(g, nullptr), "sockextract_in");
+  EXPECT_DEATH(sockextractsrc(g, nullptr), "sockextractsrc");
+  EXPECT_DEATH(sockextractgrp(g, nullptr), "sockextractgrp");
+  EXPECT_DEATH(sockgrp_ptr(g), "sockgrp_ptr");
+  EXPECT_DEATH(sockbuild_mc(g, nullptr), "sockbuild_mc");
+  EXPECT_DEATH(sockclean(nullptr), "sockclean") << "a null address names the operation too";
+  EXPECT_EQ(fwd_sock2zsock(kGeneric, "x"), nullptr) << "no conversion from the forwarding form";
+  EXPECT_EQ(fwd_sock2zsock(GF_MAX_DAEMON, "x"), nullptr);
   EXPECT_FALSE(sockishost(g, nullptr));  // default: not a host
   EXPECT_EQ(sockgetter(g, 0), 0u);
   EXPECT_EQ(sockgetter(nullptr, 0), 0u);
