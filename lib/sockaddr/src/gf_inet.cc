@@ -17,7 +17,7 @@ unsigned gf_inet = GF_UNSPEC;
 
 namespace {
 
-enum { kOffset = 4, kMaxSize = SOCKADDR_INMC_MAXLEN, kMaskCount = 129 };
+enum { kOffset = 4, kMaxSize = SOCKADDR_INMC_MAXLEN, kMaskCount = 129, kAddrBits = 32 };
 alignas(4) uint8_t inet_masks[kMaskCount * kMaxSize];
 
 inline const zsockaddr_inet_t *in(const zsockaddr_t *a) { return reinterpret_cast<const zsockaddr_inet_t *>(a); }
@@ -176,11 +176,14 @@ const char *render_i(char *buf, size_t size, const zsock_fmt_value *v, int) {
   return buf;
 }
 
+// The word's low half is the address; a group-and-source prefix (a length
+// past 32) takes its source from the high half, given with "ll" (%llzm), and
+// shows "*" for none, as the printer shows a missing source.
 const char *render_m(char *buf, size_t size, const zsock_fmt_value *v, int) {
-  uint32_t net = htonl(v[0].u32);
+  uint32_t net = htonl(static_cast<uint32_t>(v[0].u64));
+  uint32_t src = htonl(static_cast<uint32_t>(v[0].u64 >> 32));
+  if (v[1].u32 > 32 && src) return inet_snp_format_prefix_guts(buf, size + 1, net, &src, v[1].u32);
   if (v[1].u32 > 32) {
-    // A group-and-source length without the source at hand: the source is
-    // shown as "*", as the printer shows a missing one.
     if (size < 24) return nullptr;
     char *p = put_quad(buf, reinterpret_cast<const uint8_t *>(&net));
     memcpy(p, ",*/", 3);
@@ -236,8 +239,10 @@ void zsock_register_inet(unsigned gf) {
   zsock_init_family(2, gf, kOffset, kMaxSize, inet_masks, sizeof inet_masks, "INET", inet_family_init);
   if (const zsock_hooks *h = zsock_get_hooks(); h->register_ext) {
     h->register_ext('i', render_i, 0, 2, gf, 0);
-    h->register_ext('m', render_m, 0, 2, gf, 0);
-    h->register_ext('p', render_p, 0, 2, gf, 0);
+    // "m" and "p" take a length after their address: their second value,
+    // the bits of an address, makes the look-ups count two arguments.
+    h->register_ext('m', render_m, 0, 2, gf, kAddrBits);
+    h->register_ext('p', render_p, 0, 2, gf, kAddrBits);
   }
 }
 

@@ -285,6 +285,8 @@ TEST_F(Inet, FormatLettersRenderFromTheEndOfTheBuffer) {
   EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1/24");
   v[1].u32 = 40;
   EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1,*/40");
+  v[0].u64 = uint64_t{0x0a000009} << 32 | 0x0a000001;  // the source in the second word
+  EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1,10.0.0.9/40");
   zsockaddr_t *mc = inet("239.0.0.1");
   setsocksrc_in(mc, inet_addr("10.0.0.9"));
   v[0].ptr = mc;
