@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,6 +20,8 @@ namespace {
 
 enum { kOffset = 4, kMaxSize = SOCKADDR_INMC_MAXLEN, kMaskCount = 129, kAddrBits = 32 };
 alignas(4) uint8_t inet_masks[kMaskCount * kMaxSize];
+static_assert(offsetof(zsockaddr_inet_t, gin_addr) == kOffset && offsetof(zsockaddr_inet_t, gin_src) == 8 &&
+              offsetof(zsockaddr_inet_t, gin_sport) == SOCKADDR_INMC_LEN && sizeof(zsockaddr_inet_t) == kMaxSize);
 
 inline const zsockaddr_inet_t *in(const zsockaddr_t *a) { return reinterpret_cast<const zsockaddr_inet_t *>(a); }
 inline zsockaddr_inet_t *in(zsockaddr_t *a) { return reinterpret_cast<zsockaddr_inet_t *>(a); }
