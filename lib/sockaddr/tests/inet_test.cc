@@ -307,6 +307,15 @@ TEST_F(Inet, UnixAndMacAddresses) {
   EXPECT_STREQ(sun.sun_path, "/var/run/tunechod_mgmt");
   EXPECT_EQ(sun.sun_family, AF_UNIX);
   sockfree(u);
+  // An abstract name converts to exactly its bytes, or a reply would go to
+  // a name one byte longer.
+  static const char abs_name[] = "\0tvx-abstract";
+  const size_t abs_len = sizeof abs_name - 1;
+  zsockaddr_t *ab = sockalloc(gf_unix, abs_len + 2);
+  memcpy(ab->zs_data, abs_name, abs_len);
+  EXPECT_EQ(sock2unix(ab, &sun), static_cast<int>(offsetof(sockaddr_un, sun_path) + abs_len));
+  EXPECT_EQ(memcmp(sun.sun_path, abs_name, abs_len), 0);
+  sockfree(ab);
   // A damaged length under the header prints as an empty path, not as a
   // copy of nearly all memory.
   alignas(8) uint8_t damaged[8] = {1, static_cast<uint8_t>(gf_unix)};

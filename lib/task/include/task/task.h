@@ -335,5 +335,9 @@ void task_dump(FILE *fp);
 // under an exclusive flock, waiting for another holder up to ten times 15
 // seconds (through task_daemon_nap). 0, or -1 after logging why.
 int trace_do_dump(void);
+// The dump file at `path` opened for appending (a device or FIFO for
+// writing) and locked exclusively, or null after logging why. Waits for
+// another holder through task_daemon_nap, 15 seconds a time, ten times.
+FILE *trace_get_dump_file(const char *path);
 
 }  // extern "C"
