@@ -1,0 +1,122 @@
+// The facts as the kernel last told them, and what each event changed.
+#include <linux/neighbour.h>
+
+#include <cstring>
+
+#include "nlstate/nlstate.h"
+
+namespace nlstate {
+
+namespace {
+
+const std::set<int> kNone;
+
+std::string raw(const uint8_t *p, size_t n) { return std::string(reinterpret_cast<const char *>(p), n); }
+
+}  // namespace
+
+std::string mac_bytes(const uint8_t mac[6]) { return raw(mac, 6); }
+
+AddrKey key_of(const Addr &a) {
+  return {a.ifindex, a.family, raw(a.local, a.family == 2 ? 4 : 16), a.prefixlen};
+}
+
+// Self entries (the device's own table) and master entries (the bridge's) of
+// one MAC are two entries in the kernel, and so here.
+FdbKey key_of(const Fdb &f) {
+  return {f.ifindex, mac_bytes(f.mac), f.vlan, static_cast<uint8_t>(f.flags & (NTF_SELF | NTF_MASTER)),
+          raw(f.dst, f.dst_len)};
+}
+
+const Link *State::link(int ifindex) const {
+  auto it = links_.find(ifindex);
+  return it == links_.end() ? nullptr : &it->second;
+}
+
+const std::set<int> &State::members(int master) const {
+  auto it = members_.find(master);
+  return it == members_.end() ? kNone : it->second;
+}
+
+std::vector<const Fdb *> State::fdbs_of(int ifindex, const uint8_t mac[6]) const {
+  std::vector<const Fdb *> out;
+  std::string m = mac_bytes(mac);
+  for (auto it = fdbs_.lower_bound(FdbKey{ifindex, m, 0, 0, ""});
+       it != fdbs_.end() && std::get<0>(it->first) == ifindex && std::get<1>(it->first) == m; ++it)
+    out.push_back(&it->second);
+  return out;
+}
+
+std::vector<const Fdb *> State::fdbs_of(int ifindex) const {
+  std::vector<const Fdb *> out;
+  for (auto it = fdbs_.lower_bound(FdbKey{ifindex, "", 0, 0, ""});
+       it != fdbs_.end() && std::get<0>(it->first) == ifindex; ++it)
+    out.push_back(&it->second);
+  return out;
+}
+
+Change State::apply(const Event &e) {
+  Change c;
+  c.kind = e.kind;
+  switch (e.kind) {
+    case Kind::kLink: {
+      const int ix = e.link.ifindex;
+      auto it = links_.find(ix);
+      if (it != links_.end()) c.link_before = it->second;
+      if (it != links_.end() && it->second.master) members_[it->second.master].erase(ix);
+      if (e.removed) {
+        if (it == links_.end()) return c;
+        links_.erase(it);
+        for (auto a = addrs_.lower_bound(AddrKey{ix, 0, "", 0}); a != addrs_.end() && std::get<0>(a->first) == ix;) {
+          c.gone_addrs.push_back(a->second);
+          a = addrs_.erase(a);
+        }
+        for (auto f = fdbs_.lower_bound(FdbKey{ix, "", 0, 0, ""}); f != fdbs_.end() && std::get<0>(f->first) == ix;) {
+          c.gone_fdbs.push_back(f->second);
+          f = fdbs_.erase(f);
+        }
+        return c;
+      }
+      if (c.link_before && *c.link_before == e.link) {
+        c.link_before.reset();
+        if (e.link.master) members_[e.link.master].insert(ix);
+        return c;
+      }
+      links_[ix] = e.link;
+      if (e.link.master) members_[e.link.master].insert(ix);
+      c.link_after = e.link;
+      return c;
+    }
+    case Kind::kAddr: {
+      AddrKey k = key_of(e.addr);
+      auto it = addrs_.find(k);
+      if (it != addrs_.end()) c.addr_before = it->second;
+      if (e.removed) {
+        if (it != addrs_.end()) addrs_.erase(it);
+      } else if (!(c.addr_before && *c.addr_before == e.addr)) {
+        addrs_[k] = e.addr;
+        c.addr_after = e.addr;
+      } else {
+        c.addr_before.reset();
+      }
+      return c;
+    }
+    case Kind::kFdb: {
+      FdbKey k = key_of(e.fdb);
+      auto it = fdbs_.find(k);
+      if (it != fdbs_.end()) c.fdb_before = it->second;
+      if (e.removed) {
+        if (it != fdbs_.end()) fdbs_.erase(it);
+      } else if (!(c.fdb_before && *c.fdb_before == e.fdb)) {
+        fdbs_[k] = e.fdb;
+        c.fdb_after = e.fdb;
+      } else {
+        c.fdb_before.reset();
+      }
+      return c;
+    }
+  }
+  return c;
+}
+
+}  // namespace nlstate
