@@ -87,7 +87,10 @@ Change State::apply(const Event &e) {
       c.link_after = e.link;
       return c;
     }
+    // The kernel tells of a device before its addresses and entries, and
+    // their removal goes with it: any of a device unknown here is stale.
     case Kind::kAddr: {
+      if (!links_.count(e.addr.ifindex)) return c;
       AddrKey k = key_of(e.addr);
       auto it = addrs_.find(k);
       if (it != addrs_.end()) c.addr_before = it->second;
@@ -102,6 +105,7 @@ Change State::apply(const Event &e) {
       return c;
     }
     case Kind::kFdb: {
+      if (!links_.count(e.fdb.ifindex)) return c;
       FdbKey k = key_of(e.fdb);
       auto it = fdbs_.find(k);
       if (it != fdbs_.end()) c.fdb_before = it->second;

@@ -96,3 +96,12 @@ TEST(State, RemovalTakesAddressesAndEntriesOfThatDeviceOnly) {
   EXPECT_TRUE(st.fdbs_of(3, mac).empty());
   EXPECT_EQ(st.fdbs_of(4, mac).size(), 1u);
 }
+
+TEST(State, EntriesOfAnUnknownDeviceAreStale) {
+  State st;
+  EXPECT_FALSE(st.apply(addr(3, 1)).changed());
+  EXPECT_FALSE(st.apply(fdb(3, 1, NTF_SELF)).changed());
+  st.apply(link(3, "vx0"));
+  EXPECT_TRUE(st.addrs().empty());
+  EXPECT_TRUE(st.fdbs().empty());
+}

@@ -122,7 +122,8 @@ struct Change {
   }
 };
 
-// The facts, as the kernel last told them.
+// The facts, as the kernel last told them. An address or forwarding entry
+// of a device not known (yet, or any more) is stale and changes nothing.
 class State {
  public:
   Change apply(const Event &e);
