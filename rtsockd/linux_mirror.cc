@@ -58,21 +58,9 @@ uint16_t vrf_table(const Link *vrf) {
   return static_cast<uint16_t>(vrf->vrf_table);
 }
 
-uint16_t bd_table(const State &st, const Link &bridge) {
-  uint16_t t = bridge.master ? vrf_table(st.link(bridge.master)) : 0;
-  return t ? t : LinuxMirror::kDefaultTable;
-}
-
-// The VXLAN device that makes a bridge a bridge domain: the lowest index
-// among its members with a VNI of their own.
-const Link *vxlan_of(const State &st, int bridge) {
-  const Link *b = st.link(bridge);
-  if (!b || b->kind != "bridge" || bridge > static_cast<int>(kMaxIfd)) return nullptr;
-  for (int m : st.members(bridge)) {
-    const Link *l = st.link(m);
-    if (l && l->kind == "vxlan" && l->has_vni) return l;
-  }
-  return nullptr;
+// A bridge domain as the records can hold it: a 16-bit index.
+const Link *domain_vxlan(const State &st, int bridge) {
+  return bridge > static_cast<int>(kMaxIfd) ? nullptr : nlstate::vxlan_of(st, bridge);
 }
 
 std::unique_ptr<Object> ifd(const Link &l) {
@@ -145,13 +133,13 @@ std::unique_ptr<Object> ifa(const State &st, const nlstate::Addr &a) {
 }
 
 std::unique_ptr<Object> bd(const State &st, int bridge) {
-  const Link *vx = vxlan_of(st, bridge);
+  const Link *vx = domain_vxlan(st, bridge);
   if (!vx) return nullptr;
   const Link &b = *st.link(bridge);
   auto r = blank<rts_bd_msg>(RTS_T_BRIDGE_DOMAIN);
   std::string name = b.name;
   r.bdm_index = static_cast<uint16_t>(bridge);
-  r.rtb_id = bd_table(st, b);
+  r.rtb_id = nlstate::table_of(st, b);
   r.bdm_name = name.data();
   r.bdm_name_len = name_len(name);
   r.cfg_flags = RTS_BD_CFG_VXLAN;
@@ -207,7 +195,7 @@ std::map<std::string, std::unique_ptr<Object>> tables(const State &st) {
   };
   add(RTS_AF_INET, 0, "default.inet");
   add(RTS_AF_INET6, 0, "default.inet6");
-  add(RTS_AF_BRIDGE, LinuxMirror::kDefaultTable, "default.bridge");
+  add(RTS_AF_BRIDGE, nlstate::kDefaultTable, "default.bridge");
   for (auto &[ix, l] : st.links())
     if (uint16_t t = vrf_table(&l)) {
       add(RTS_AF_INET, t, l.name + ".inet");
@@ -257,9 +245,9 @@ std::vector<std::string> stored_routes(const Store &store, uint16_t table, int b
 }  // namespace
 
 int LinuxMirror::bd_of_port(const State &st, int ifindex) {
-  if (vxlan_of(st, ifindex)) return ifindex;
+  if (domain_vxlan(st, ifindex)) return ifindex;
   const Link *l = st.link(ifindex);
-  if (l && l->master && vxlan_of(st, l->master)) return l->master;
+  if (l && l->master && domain_vxlan(st, l->master)) return l->master;
   return 0;
 }
 
@@ -356,7 +344,7 @@ void LinuxMirror::sync_route(const State &st, int bridge, const uint8_t mac[6]) 
   ports.insert(ports.end(), st.members(bridge).begin(), st.members(bridge).end());
   for (int p : ports)
     if (!st.fdbs_of(p, mac).empty() && (!port || p < port)) port = p;
-  const uint16_t table = bd_table(st, *b);
+  const uint16_t table = nlstate::table_of(st, *b);
   auto want = port ? mac_route(table, bridge, mac, port) : nullptr;
   auto k = blank<rts_rt_msg>(RTS_T_ROUTE);
   Prefix key = mac_key(bridge, mac);

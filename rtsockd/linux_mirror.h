@@ -8,12 +8,12 @@
 //                   (or the peer of a point-to-point address), bcast
 //   bridge holding  bd: index and name the bridge's, vnid and udp_port the
 //   a VXLAN device  VXLAN device's, rtb_id the table of the bridge's VRF, else
-//                   kDefaultTable; cfg_flags 0x800
+//                   nlstate::kDefaultTable (254); cfg_flags 0x800
 //   forwarding      mac route of family 63 in the bd's table, for every entry
 //   entry           on the bridge, on a port of it or on its VXLAN device
 //   VRF             rttable of families 2, 28 and 63 under its table id, named
 //                   NAME.inet, NAME.inet6, NAME.bridge; beside default.inet and
-//                   default.inet6 (0) and default.bridge (kDefaultTable)
+//                   default.inet6 (0) and default.bridge (254)
 //
 // Devices whose index does not fit the record (an ifd index above 65535, a bd
 // index likewise, a VRF table above 65535) are left out.
@@ -32,10 +32,6 @@ namespace rtsockd {
 
 class LinuxMirror {
  public:
-  // The table of bridge domains whose bridge is in no VRF: Linux's main
-  // table. Non-zero, as a VNI walk skips table 0.
-  static constexpr uint16_t kDefaultTable = 254;
-
   // Applies one change to the store and tells the listeners; 0 or the
   // store's errno. A deletion is given the object as it was.
   using Publish = std::function<int(uint8_t op, std::unique_ptr<Object> obj)>;

@@ -55,6 +55,23 @@ std::vector<const Fdb *> State::fdbs_of(int ifindex) const {
   return out;
 }
 
+const Link *vxlan_of(const State &st, int bridge) {
+  const Link *b = st.link(bridge);
+  if (!b || b->kind != "bridge") return nullptr;
+  for (int m : st.members(bridge)) {
+    const Link *l = st.link(m);
+    if (l && l->kind == "vxlan" && l->has_vni) return l;
+  }
+  return nullptr;
+}
+
+uint16_t table_of(const State &st, const Link &bridge) {
+  const Link *vrf = bridge.master ? st.link(bridge.master) : nullptr;
+  if (vrf && vrf->kind == "vrf" && vrf->vrf_table > 0 && vrf->vrf_table <= 0xFFFF)
+    return static_cast<uint16_t>(vrf->vrf_table);
+  return kDefaultTable;
+}
+
 Change State::apply(const Event &e) {
   Change c;
   c.kind = e.kind;

@@ -145,6 +145,16 @@ class State {
   std::map<FdbKey, Fdb> fdbs_;
 };
 
+// The bridge-domain view that the backends share: a bridge holding a VXLAN
+// device with a VNI of its own is a bridge domain, and its table is that of
+// the VRF the bridge is enslaved to (1 to 65535), else kDefaultTable, Linux's
+// main table (non-zero: a VNI walk skips table 0).
+constexpr uint16_t kDefaultTable = 254;
+// The VXLAN device that makes a bridge a bridge domain (the lowest index
+// among several), or null when it is none.
+const Link *vxlan_of(const State &st, int bridge);
+uint16_t table_of(const State &st, const Link &bridge);
+
 // The rtnetlink sockets: one subscribed to link, address and neighbour
 // events, one for dumps. Subscribed before the dump, so that nothing that
 // changes during the dump is missed; events met again after it converge.
