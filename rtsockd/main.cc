@@ -82,6 +82,8 @@ int main(int argc, char **argv) {
     }
   }
   if (!state == !linux_state || optind != argc) {
+    if (optind == argc)
+      fprintf(stderr, "rtsockd: %s\n", state ? "-f and --linux exclude each other" : "no state: give -f STATE or --linux");
     fputs(kUsage, stderr);
     return 2;
   }
