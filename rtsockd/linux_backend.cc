@@ -14,10 +14,9 @@ LinuxBackend::LinuxBackend(Server &server, const Store &store)
 
 int LinuxBackend::publish(uint8_t op, std::unique_ptr<Object> obj) {
   const uint32_t type = obj->type;
-  const std::string line = print_object(type, obj->rec());
   int err = server_.publish(op, std::move(obj));
   if (err)
-    log("linux: cannot %s %s: %s", rts_op_name(op), line.c_str(),
+    log("linux: cannot %s a %s: %s", rts_op_name(op), kind_name(type),
         err == ENOSPC ? Store::quota_text().c_str() : strerror(err));
   return err;
 }

@@ -83,16 +83,18 @@ int Watch::dump(const Fn &fn) {
 }
 
 int Watch::read(const Fn &fn) {
-  std::vector<char> buf(MNL_SOCKET_BUFFER_SIZE);
-  for (;;) {
-    ssize_t n = mnl_socket_recvfrom(events_, buf.data(), buf.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return errno == EAGAIN ? 0 : errno;
-    // Events carry sequence 0 and the kernel's port 0: either check passes.
-    if (mnl_cb_run(buf.data(), static_cast<size_t>(n), 0, 0, on_message, const_cast<Fn *>(&fn)) < 0 &&
-        errno != ENOENT)
-      return errno;
-  }
+  // One datagram a call: the socket is watched level-triggered, so what is
+  // left wakes the caller again, and a lone event costs no second read.
+  static thread_local std::vector<char> buf(MNL_SOCKET_BUFFER_SIZE);
+  ssize_t n;
+  do n = mnl_socket_recvfrom(events_, buf.data(), buf.size());
+  while (n < 0 && errno == EINTR);
+  if (n < 0) return errno == EAGAIN ? 0 : errno;
+  // Events carry sequence 0 and the kernel's port 0: either check passes.
+  if (mnl_cb_run(buf.data(), static_cast<size_t>(n), 0, 0, on_message, const_cast<Fn *>(&fn)) < 0 &&
+      errno != ENOENT)
+    return errno;
+  return 0;
 }
 
 }  // namespace nlstate

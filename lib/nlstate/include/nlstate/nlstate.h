@@ -168,8 +168,9 @@ class Watch {
   int fd() const;
   // Links, then addresses, then forwarding entries.
   int dump(const std::function<void(const Event &)> &fn);
-  // Every event waiting, without blocking; ENOBUFS when the kernel dropped
-  // some (the caller dumps again), 0 when all were read.
+  // The events of one datagram, without blocking (call it each time fd() is
+  // readable); ENOBUFS when the kernel dropped some (the caller dumps
+  // again), else 0.
   int read(const std::function<void(const Event &)> &fn);
 
  private:
