@@ -19,7 +19,6 @@ Needs root.
 
 import argparse
 import os
-import socket
 import sys
 import tempfile
 import time
@@ -34,21 +33,11 @@ MAC, OTHER = "00:11:22:33:44:55", "00:11:22:33:44:99"
 
 
 def overlay_datagram(pair):
-    """One datagram from the remote br0 to the local one, through the kernel's VXLAN devices."""
-    with pair.local_ns.netns():
-        rx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    with pair.remote_ns.netns():
-        tx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    """One round trip across the overlay, through the kernel's VXLAN devices."""
     try:
-        rx.bind((lv.OVERLAY[lv.LOCAL], 5555))
-        rx.settimeout(2)
-        tx.sendto(b"over the kernel's vx0", (lv.OVERLAY[lv.LOCAL], 5555))
-        return rx.recv(2048).decode()
+        return lv.overlay_echo(pair, b"over the kernel's vx0", timeout=2).decode()
     except OSError as e:
         return f"lost ({e})"
-    finally:
-        rx.close()
-        tx.close()
 
 
 def main():
@@ -85,7 +74,7 @@ def main():
                     for line in r.stdout.splitlines():
                         if line and not line.startswith(("---", "rtt ", "return codes")):
                             print("  " + line, flush=True)
-                print(f"\nremote 10.0.0.1 -> local 10.0.0.2 over VXLAN: {overlay_datagram(pair)}", flush=True)
+                print(f"\nremote 10.0.0.1 -> local 10.0.0.2 and back over VXLAN: {overlay_datagram(pair)}", flush=True)
                 for v in (pair.remote, pair.local):
                     for p in (v.rtsockd, v.fdblearnd, v.tunechod):
                         if p.poll() is not None:

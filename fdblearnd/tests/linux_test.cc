@@ -3,26 +3,18 @@
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
 
+#include "events.h"
 #include "linux.h"
 
 namespace {
 
 using nlstate::Event;
-using nlstate::Kind;
 
 struct Kernel {
   nlstate::State st;
   void link(int ix, const std::string &name, const std::string &kind, int master = 0, uint32_t vni = 0,
             const char *remote = nullptr) {
-    Event e{};
-    e.kind = Kind::kLink;
-    e.link.ifindex = ix;
-    e.link.name = name;
-    e.link.kind = kind;
-    e.link.master = master;
-    e.link.has_vni = kind == "vxlan" && vni;
-    e.link.vni = vni;
-    if (kind == "vrf") e.link.vrf_table = vni;
+    Event e = nlstate::test::link_event(ix, name, kind, master, vni);
     if (remote) {
       inet_pton(AF_INET, remote, e.link.remote);
       e.link.remote_len = 4;
@@ -31,7 +23,7 @@ struct Kernel {
   }
   void fdb(int ix, const char *dst) {
     Event e{};
-    e.kind = Kind::kFdb;
+    e.kind = nlstate::Kind::kFdb;
     e.fdb.ifindex = ix;
     e.fdb.flags = NTF_SELF;
     inet_pton(AF_INET, dst, e.fdb.dst);

@@ -8,6 +8,7 @@
 #include <random>
 #include <sstream>
 
+#include "events.h"
 #include "linux_mirror.h"
 
 namespace {
@@ -40,49 +41,15 @@ struct Kernel {
   Peer peer;
   void apply(const Event &e) { peer.mirror.changed(st, st.apply(e)); }
   void link(int ix, const std::string &name, const std::string &kind, int master = 0, uint32_t vni = 0) {
-    Event e{};
-    e.kind = Kind::kLink;
-    e.link.ifindex = ix;
-    e.link.name = name;
-    e.link.kind = kind;
-    e.link.master = master;
-    e.link.mtu = 1500;
-    e.link.flags = IFF_UP;
-    e.link.loopback = name == "lo";
-    if (kind == "vxlan" && vni) {
-      e.link.has_vni = true;
-      e.link.vni = vni;
-      e.link.port = 4789;
-    }
-    if (kind == "vrf") e.link.vrf_table = vni;
-    apply(e);
+    apply(nlstate::test::link_event(ix, name, kind, master, vni));
   }
-  void unlink(int ix) {
-    Event e{};
-    e.kind = Kind::kLink;
-    e.removed = true;
-    e.link.ifindex = ix;
-    apply(e);
-  }
+  void unlink(int ix) { apply(nlstate::test::link_event(ix, "", "", 0, 0, true)); }
   void fdb(int ix, uint8_t last, bool removed = false, uint8_t flags = NTF_SELF) {
-    Event e{};
-    e.kind = Kind::kFdb;
-    e.removed = removed;
-    e.fdb.ifindex = ix;
-    e.fdb.flags = flags;
-    const uint8_t mac[6] = {0, 0x11, 0x22, 0x33, 0x44, last};
-    memcpy(e.fdb.mac, mac, 6);
-    apply(e);
+    apply(nlstate::test::fdb_event(ix, last, flags, removed));
   }
   void addr(int ix, uint8_t family, const uint8_t *local, uint8_t plen, const uint8_t *peer = nullptr,
             bool removed = false) {
-    Event e{};
-    e.kind = Kind::kAddr;
-    e.removed = removed;
-    e.addr.ifindex = ix;
-    e.addr.family = family;
-    e.addr.prefixlen = plen;
-    memcpy(e.addr.local, local, family == AF_INET ? 4 : 16);
+    Event e = nlstate::test::addr_event(ix, family, local, plen, removed);
     if (peer) {
       e.addr.has_peer = true;
       memcpy(e.addr.peer, peer, 4);

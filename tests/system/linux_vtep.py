@@ -66,10 +66,10 @@ def ip_json(ns, *argv):
     return json.loads(ns.call(list(argv)).stdout or "[]")
 
 
-class LinuxVtep:
+class LinuxVtep(vteps.Vtep):
     """The three programs with their Linux backends in one namespace."""
 
-    def __init__(self, ns, build, conf, quiet=True):
+    def __init__(self, ns, build, conf, quiet=True):  # pylint: disable=super-init-not-called
         self.ns = ns
         err = subprocess.DEVNULL if quiet else None
         self.rtsockd = ns.start([f"{build}/rtsockd/rtsockd", "--linux"], stderr=err)
@@ -82,12 +82,26 @@ class LinuxVtep:
                        what="tunechod's local channel")
         tvxns.wait_for(lambda: f"Adding [vni {VNI}," in self.trace(), what="the start-up scan")
 
-    def trace(self):
-        try:
-            with open(self.ns.path("/var/log/tunechod")) as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
+
+def overlay_echo(pair, data, timeout=10):
+    """A UDP datagram from the remote VTEP's br0 to the local one's and back,
+    through the kernel's VXLAN devices; what came back (OSError when lost)."""
+    with pair.local_ns.netns():
+        server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    with pair.remote_ns.netns():
+        client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    try:
+        server.bind((OVERLAY[LOCAL], 5555))
+        client.bind((OVERLAY[REMOTE], 0))
+        server.settimeout(timeout)
+        client.settimeout(timeout)
+        client.sendto(data, (OVERLAY[LOCAL], 5555))
+        got, peer = server.recvfrom(2048)
+        server.sendto(got, peer)
+        return client.recv(2048)
+    finally:
+        server.close()
+        client.close()
 
 
 class LinuxPair:

@@ -45,27 +45,6 @@ def mirrored_macs(ns):
     return out
 
 
-def overlay_echo(pair, data):
-    """A UDP datagram from the remote VTEP's br0 to the local one's and back,
-    through the kernel's VXLAN devices."""
-    with pair.local_ns.netns():
-        server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    with pair.remote_ns.netns():
-        client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    try:
-        server.bind((lv.OVERLAY[lv.LOCAL], 5555))
-        client.bind((lv.OVERLAY[lv.REMOTE], 0))
-        server.settimeout(10)
-        client.settimeout(10)
-        client.sendto(data, (lv.OVERLAY[lv.LOCAL], 5555))
-        got, peer = server.recvfrom(2048)
-        server.sendto(got, peer)
-        return client.recv(2048)
-    finally:
-        server.close()
-        client.close()
-
-
 def bd_deleted(vtep, count):
     return vtep.trace().count(f"Deleting [vni {lv.VNI},") >= count
 
@@ -103,7 +82,7 @@ def test_the_overlay_ping_follows_the_kernel(pair):
 
     # The kernel's VXLAN devices carry the overlay all the while, and the
     # responders saw none of it as a request.
-    assert overlay_echo(pair, b"through vx1") == b"through vx1"
+    assert lv.overlay_echo(pair, b"through vx1") == b"through vx1"
     for v in (pair.remote, pair.local):
         for p in (v.rtsockd, v.fdblearnd, v.tunechod):
             assert p.poll() is None

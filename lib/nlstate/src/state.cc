@@ -11,6 +11,22 @@ namespace {
 
 const std::set<int> kNone;
 
+// An address or entry added, replaced or removed: what it was and is.
+template <class K, class V>
+void upsert(std::map<K, V> &m, const K &k, const V &v, bool removed, std::optional<V> *before,
+            std::optional<V> *after) {
+  auto it = m.find(k);
+  if (it != m.end()) *before = it->second;
+  if (removed) {
+    if (it != m.end()) m.erase(it);
+  } else if (!(*before && **before == v)) {
+    m[k] = v;
+    *after = v;
+  } else {
+    before->reset();  // told again as it is: no change
+  }
+}
+
 std::string raw(const uint8_t *p, size_t n) { return std::string(reinterpret_cast<const char *>(p), n); }
 
 }  // namespace
@@ -106,36 +122,12 @@ Change State::apply(const Event &e) {
     }
     // The kernel tells of a device before its addresses and entries, and
     // their removal goes with it: any of a device unknown here is stale.
-    case Kind::kAddr: {
-      if (!links_.count(e.addr.ifindex)) return c;
-      AddrKey k = key_of(e.addr);
-      auto it = addrs_.find(k);
-      if (it != addrs_.end()) c.addr_before = it->second;
-      if (e.removed) {
-        if (it != addrs_.end()) addrs_.erase(it);
-      } else if (!(c.addr_before && *c.addr_before == e.addr)) {
-        addrs_[k] = e.addr;
-        c.addr_after = e.addr;
-      } else {
-        c.addr_before.reset();
-      }
+    case Kind::kAddr:
+      if (links_.count(e.addr.ifindex)) upsert(addrs_, key_of(e.addr), e.addr, e.removed, &c.addr_before, &c.addr_after);
       return c;
-    }
-    case Kind::kFdb: {
-      if (!links_.count(e.fdb.ifindex)) return c;
-      FdbKey k = key_of(e.fdb);
-      auto it = fdbs_.find(k);
-      if (it != fdbs_.end()) c.fdb_before = it->second;
-      if (e.removed) {
-        if (it != fdbs_.end()) fdbs_.erase(it);
-      } else if (!(c.fdb_before && *c.fdb_before == e.fdb)) {
-        fdbs_[k] = e.fdb;
-        c.fdb_after = e.fdb;
-      } else {
-        c.fdb_before.reset();
-      }
+    case Kind::kFdb:
+      if (links_.count(e.fdb.ifindex)) upsert(fdbs_, key_of(e.fdb), e.fdb, e.removed, &c.fdb_before, &c.fdb_after);
       return c;
-    }
   }
   return c;
 }

@@ -3,41 +3,21 @@
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
 
-#include "nlstate/nlstate.h"
+#include "events.h"
 
 using namespace nlstate;
 
 namespace {
 
 Event link(int ix, const char *name, int master = 0, bool removed = false) {
-  Event e{};
-  e.kind = Kind::kLink;
-  e.removed = removed;
-  e.link.ifindex = ix;
-  e.link.name = name;
-  e.link.master = master;
-  return e;
+  return test::link_event(ix, name, "", master, 0, removed);
 }
 
-Event fdb(int ix, uint8_t last, uint8_t flags, bool removed = false) {
-  Event e{};
-  e.kind = Kind::kFdb;
-  e.removed = removed;
-  e.fdb.ifindex = ix;
-  e.fdb.mac[5] = last;
-  e.fdb.flags = flags;
-  return e;
-}
+Event fdb(int ix, uint8_t last, uint8_t flags, bool removed = false) { return test::fdb_event(ix, last, flags, removed); }
 
 Event addr(int ix, uint8_t last, bool removed = false) {
-  Event e{};
-  e.kind = Kind::kAddr;
-  e.removed = removed;
-  e.addr.ifindex = ix;
-  e.addr.family = 2;
-  e.addr.prefixlen = 24;
-  e.addr.local[3] = last;
-  return e;
+  const uint8_t a[4] = {192, 0, 2, last};
+  return test::addr_event(ix, 2, a, 24, removed);
 }
 
 }  // namespace
@@ -85,7 +65,7 @@ TEST(State, RemovalTakesAddressesAndEntriesOfThatDeviceOnly) {
   st.apply(fdb(3, 1, NTF_MASTER));  // the same MAC in the bridge's table: another entry
   st.apply(fdb(3, 2, NTF_SELF));
   st.apply(fdb(4, 1, NTF_SELF));
-  uint8_t mac[6] = {0, 0, 0, 0, 0, 1};
+  uint8_t mac[6] = {0, 0x11, 0x22, 0x33, 0x44, 1};
   EXPECT_EQ(st.fdbs_of(3, mac).size(), 2u);
   EXPECT_EQ(st.fdbs_of(3).size(), 3u);
   Change c = st.apply(link(3, "vx0", 0, true));
