@@ -15,9 +15,6 @@ namespace nlstate {
 
 namespace {
 
-// Room for the events of a burst (4,000 devices made at once, 10,000
-// forwarding entries) before the kernel drops any: root may pass rmem_max.
-constexpr int kEventBuffer = 32 << 20;
 constexpr unsigned kGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_NEIGH;
 
 using Fn = std::function<void(const Event &)>;
@@ -35,11 +32,11 @@ Watch::~Watch() {
   if (dumps_) mnl_socket_close(dumps_);
 }
 
-int Watch::open() {
+int Watch::open(int event_buffer) {
   events_ = mnl_socket_open2(NETLINK_ROUTE, SOCK_NONBLOCK | SOCK_CLOEXEC);
   dumps_ = mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC);
   if (!events_ || !dumps_) return errno;
-  int size = kEventBuffer;
+  int size = event_buffer;
   int fd = mnl_socket_get_fd(events_);
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) < 0)
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);

@@ -164,7 +164,10 @@ class Watch {
   Watch(const Watch &) = delete;
   Watch &operator=(const Watch &) = delete;
   ~Watch();
-  int open();
+  // Room for a burst of events before the kernel drops any (4,000 devices
+  // made at once, 10,000 forwarding entries); root may go past rmem_max.
+  static constexpr int kEventBuffer = 32 << 20;
+  int open(int event_buffer = kEventBuffer);
   int fd() const;
   // Links, then addresses, then forwarding entries.
   int dump(const std::function<void(const Event &)> &fn);
