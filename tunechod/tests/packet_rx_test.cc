@@ -2,8 +2,11 @@
 // device, the packet socket's filter on real traffic, and the IPv4 and UDP
 // headers read in front of the request.
 #include <arpa/inet.h>
+#include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <net/if.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -159,4 +162,58 @@ TEST_F(PacketRx, HeadersAreReadAndBadOnesRefused) {
   EXPECT_EQ(tunechod_rx_ip_packet(bad.data(), bad.size(), 1), 1);
   EXPECT_EQ(tunechod_rx_ip_packet(bad.data(), 12, 1), 1);
   EXPECT_EQ(tunechod_stats.rx_datagrams, seen);
+}
+
+// Frames on a veth pair from its other end: to this end's link address
+// passes, a broadcast or a frame to another host (seen here all the same)
+// does not.
+TEST_F(PacketRx, OnlyFramesToThisHostsLinkAddress) {
+  ASSERT_EQ(system("ip link add pr0 type veth peer name pr1 && ip link set pr0 up && ip link set pr1 up"), 0);
+  const int pr0 = static_cast<int>(if_nametoindex("pr0")), pr1 = static_cast<int>(if_nametoindex("pr1"));
+  uint8_t mac0[6] = {};
+  {
+    int q = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq ifr{};
+    strcpy(ifr.ifr_name, "pr0");
+    ASSERT_EQ(ioctl(q, SIOCGIFHWADDR, &ifr), 0);
+    memcpy(mac0, ifr.ifr_hwaddr.sa_data, 6);
+    close(q);
+  }
+  int s = tunechod_packet_socket();
+  ASSERT_GE(s, 0);
+  int tx = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP));
+  ASSERT_GE(tx, 0);
+  auto send_to = [&](const uint8_t dst[6], uint8_t mark) {
+    std::vector<uint8_t> req = request(100);
+    req[1] = mark;
+    std::vector<uint8_t> p = ip_packet(req, 5);
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_protocol = htons(ETH_P_IP);
+    to.sll_ifindex = pr1;
+    to.sll_halen = 6;
+    memcpy(to.sll_addr, dst, 6);
+    ASSERT_EQ(sendto(tx, p.data(), p.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to),
+              static_cast<ssize_t>(p.size()));
+  };
+  const uint8_t broadcast[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, other[6] = {0x02, 0, 0, 0, 0, 0x99};
+  send_to(broadcast, 1);
+  send_to(other, 2);
+  send_to(mac0, 3);
+  send_to(mac0, 4);
+  std::vector<int> marks;
+  uint8_t buf[2048];
+  while (marks.size() < 2) {
+    pollfd p = {s, POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 5000), 1);
+    sockaddr_ll from{};
+    socklen_t len = sizeof from;
+    ssize_t n = recvfrom(s, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &len);
+    ASSERT_GT(n, 29);
+    EXPECT_EQ(from.sll_ifindex, pr0);
+    marks.push_back(buf[29]);
+  }
+  EXPECT_EQ(marks, (std::vector<int>{3, 4}));
+  close(tx);
+  close(s);
 }
