@@ -181,6 +181,7 @@ int main(int argc, char **argv) {
       from_linux ? "the kernel" : file);
 
   std::vector<Client> clients;
+  bool stale = false;  // --linux: the kernel changed since the entries were made
   int64_t paused_until = 0;
   bool said_out_of_fds = false;
   for (;;) {
@@ -219,7 +220,9 @@ int main(int argc, char **argv) {
       }
     }
 
-    if ((fds[2].revents & POLLIN) && kernel.read()) state = from_kernel(kernel.facts);
+    // The entries are made again when a question comes, not per event: a
+    // burst of forwarding entries costs one rebuild.
+    if ((fds[2].revents & POLLIN) && kernel.read()) stale = true;
 
     for (size_t i = 0; i < clients.size(); i++) {
       Client &c = clients[i];
@@ -232,6 +235,10 @@ int main(int argc, char **argv) {
           size_t nul = c.query.find('\0');
           if (nul != std::string::npos || c.query.size() >= kQueryMax) {
             if (nul != std::string::npos) c.query.resize(nul);
+            if (stale) {
+              state = from_kernel(kernel.facts);
+              stale = false;
+            }
             reply_and_close(c, state);
           }
         } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {

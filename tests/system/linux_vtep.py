@@ -62,6 +62,23 @@ def fields(line):
     return kind, dict(f.split("=", 1) for f in rest)
 
 
+def fdblearnd_answer(ns, question):
+    """fdblearnd's answer to "RTB/VNI/ZERO/VTEP", without its NUL."""
+    s = socket.socket(socket.AF_UNIX)
+    try:
+        s.connect(ns.path("/var/run/ping_ceip_fdblearnd_communication"))
+        s.sendall(question.encode() + b"\0")
+        answer = b""
+        while not answer.endswith(b"\0"):
+            chunk = s.recv(1024)
+            if not chunk:
+                break
+            answer += chunk
+        return answer.rstrip(b"\0").decode()
+    finally:
+        s.close()
+
+
 def ip_json(ns, *argv):
     return json.loads(ns.call(list(argv)).stdout or "[]")
 

@@ -4,7 +4,6 @@ kernel, and what an operator changes with ip and bridge is what the overlay
 ping reports, without a restart."""
 
 import json
-import socket
 
 import pytest
 
@@ -79,6 +78,9 @@ def test_the_overlay_ping_follows_the_kernel(pair):
     tvxns.wait_for(lambda: pair.remote.trace().count(f"Adding [vni {lv.VNI},") >= 2, what="the new bridge domain")
     r = probe(pair)
     assert r and r["return_code"] == 4 and r["mac_status"] == 1, r
+    vx1 = lv.ip_json(remote, "ip", "-j", "link", "show", "vx1")[0]["ifindex"]
+    assert lv.fdblearnd_answer(remote, "0/100/0/0") == f"br0/{vx1}"
+    assert lv.fdblearnd_answer(remote, "0/200/0/0").startswith("br1/")
 
     # The kernel's VXLAN devices carry the overlay all the while, and the
     # responders saw none of it as a request.
@@ -137,9 +139,6 @@ def test_the_mirror_is_what_ip_and_bridge_show(pair):
         assert f["table"] == "254" and f["prefix"].startswith(f"{int(bd['index']) >> 8:02x}:{int(bd['index']) & 255:02x}:")
 
     # fdblearnd answers from the same kernel: the bridge's name and vx0's index.
-    s = socket.socket(socket.AF_UNIX)
-    s.connect(ns.path("/var/run/ping_ceip_fdblearnd_communication"))
-    s.sendall(b"0/100/0/0\0")
-    answer = s.recv(1024)
-    s.close()
-    assert answer == f"br0/{by_name['vx0']['ifindex']}\0".encode()
+    assert lv.fdblearnd_answer(ns, "0/100/0/0") == f"br0/{by_name['vx0']['ifindex']}"
+    assert lv.fdblearnd_answer(ns, "254/100/0/0") == f"br0/{by_name['vx0']['ifindex']}"
+    assert lv.fdblearnd_answer(ns, "0/200/0/0") == ""
