@@ -58,6 +58,21 @@ uint16_t vrf_table(const Link *vrf) {
   return static_cast<uint16_t>(vrf->vrf_table);
 }
 
+// The store's key of an address: interface, family and local address (the
+// prefix length is no part of it).
+std::string ifa_key(const nlstate::AddrKey &key) {
+  const uint8_t family = std::get<1>(key);
+  auto r = blank<rts_ifa_msg>(RTS_T_IFADDR);
+  Prefix local = prefix(reinterpret_cast<const uint8_t *>(std::get<2>(key).data()), family,
+                        family == AF_INET ? 32 : 128);
+  r.ifam_ifl_index = static_cast<uint32_t>(std::get<0>(key));
+  r.ifam_af = rts_af(family);
+  r.ifam_local = local.bytes;
+  r.ifam_local_bits = local.bits;
+  r.ifam_local_plen = local.plen();
+  return Store::key_of(RTS_T_IFADDR, &r);
+}
+
 // A bridge domain as the records can hold it: a 16-bit index.
 const Link *domain_vxlan(const State &st, int bridge) {
   return bridge > static_cast<int>(kMaxIfd) ? nullptr : nlstate::vxlan_of(st, bridge);
@@ -294,20 +309,9 @@ void LinuxMirror::sync_link(const State &st, int ix) {
 }
 
 void LinuxMirror::sync_addr(const State &st, const nlstate::AddrKey &key) {
+  if (std::get<0>(key) > static_cast<int>(kMaxIfd)) return;
   auto it = st.addrs().find(key);
-  nlstate::Addr a{};
-  a.ifindex = std::get<0>(key);
-  a.family = std::get<1>(key);
-  memcpy(a.local, std::get<2>(key).data(), std::get<2>(key).size());
-  if (a.ifindex > static_cast<int>(kMaxIfd)) return;
-  auto r = blank<rts_ifa_msg>(RTS_T_IFADDR);
-  Prefix local = prefix(a.local, a.family, a.family == AF_INET ? 32 : 128);
-  r.ifam_ifl_index = static_cast<uint32_t>(a.ifindex);
-  r.ifam_af = rts_af(a.family);
-  r.ifam_local = local.bytes;
-  r.ifam_local_bits = local.bits;
-  r.ifam_local_plen = local.plen();
-  sync(RTS_T_IFADDR, Store::key_of(RTS_T_IFADDR, &r), it == st.addrs().end() ? nullptr : ifa(st, it->second));
+  sync(RTS_T_IFADDR, ifa_key(key), it == st.addrs().end() ? nullptr : ifa(st, it->second));
 }
 
 void LinuxMirror::sync_bd(const State &st, int bridge) {
@@ -384,26 +388,19 @@ void LinuxMirror::full(const State &st) {
     if (!bd_of_port(st, b)) routes.push_back(key);
   }
   for (auto &key : routes) sync(RTS_T_ROUTE, key, nullptr);
+  std::set<std::string> addrs;
+  for (auto &[key, a] : st.addrs()) addrs.insert(ifa_key(key));
   for (uint32_t type : {RTS_T_IFADDR, RTS_T_IFFAMILY, RTS_T_IFLOGICAL, RTS_T_IFDEV}) {
-    std::vector<std::pair<std::string, int>> gone;
+    std::vector<std::string> gone;
     for (auto &[key, obj] : store_.table(type)) {
       const void *r = obj->rec();
-      int ix = type == RTS_T_IFADDR     ? static_cast<int>(static_cast<const rts_ifa_msg *>(r)->ifam_ifl_index)
-               : type == RTS_T_IFFAMILY ? static_cast<int>(static_cast<const rts_iff_msg *>(r)->iffm_ifl_index)
-               : type == RTS_T_IFLOGICAL ? static_cast<int>(static_cast<const rts_ifl_msg *>(r)->iflm_index)
-                                         : static_cast<const rts_ifd_msg *>(r)->ifdm_index;
-      bool wanted = st.link(ix) != nullptr;
-      if (wanted && type == RTS_T_IFADDR) {
-        auto *a = static_cast<const rts_ifa_msg *>(r);
-        wanted = false;
-        for (auto &[k, fact] : st.addrs())
-          if (fact.ifindex == ix && rts_af(fact.family) == a->ifam_af && a->ifam_local &&
-              memcmp(fact.local, a->ifam_local, fact.family == AF_INET ? 4 : 16) == 0)
-            wanted = true;
-      }
-      if (!wanted) gone.emplace_back(key, ix);
+      const int ix = type == RTS_T_IFADDR     ? static_cast<int>(static_cast<const rts_ifa_msg *>(r)->ifam_ifl_index)
+                     : type == RTS_T_IFFAMILY ? static_cast<int>(static_cast<const rts_iff_msg *>(r)->iffm_ifl_index)
+                     : type == RTS_T_IFLOGICAL ? static_cast<int>(static_cast<const rts_ifl_msg *>(r)->iflm_index)
+                                               : static_cast<const rts_ifd_msg *>(r)->ifdm_index;
+      if (type == RTS_T_IFADDR ? !addrs.count(key) : !st.link(ix)) gone.push_back(key);
     }
-    for (auto &[key, ix] : gone) sync(type, key, nullptr);
+    for (auto &key : gone) sync(type, key, nullptr);
   }
 }
 
