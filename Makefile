@@ -5,7 +5,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all setup configure build check run asan bench fuzz clean
+.PHONY: all setup configure build check run run-linux asan bench fuzz clean
 
 all: build
 
@@ -28,6 +28,11 @@ check: build
 # ping-overlay every second until Ctrl-C (root; see scripts/lab.py).
 run: build
 	/usr/bin/python3 scripts/lab.py --build $(BUILD)
+
+# The same on two Linux VTEPs built with iproute2 (kernel VXLAN devices and
+# bridges), the stack on its Linux backends (root; see docs/linux.md).
+run-linux: build
+	/usr/bin/python3 scripts/lab-linux.py --build $(BUILD)
 
 # Unit tests under AddressSanitizer and UndefinedBehaviorSanitizer; system tests
 # run the real programs and stay in the plain build.

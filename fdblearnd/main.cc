@@ -1,5 +1,5 @@
-// fdblearnd -f STATE [-s SOCKET]: the learning daemon's answering side, in the
-// foreground, logging to standard error. One connection carries one query and
+// fdblearnd -f STATE | --linux [-s SOCKET]: the learning daemon's answering
+// side, in the foreground, logging to standard error. One connection carries one query and
 // one answer (see state.h for both and for the state file).
 #include <poll.h>
 #include <signal.h>
@@ -19,6 +19,7 @@
 
 #include "oam/oam.h"
 #include "platform/path.h"
+#include "linux.h"
 #include "state.h"
 
 using namespace fdblearnd;
@@ -32,8 +33,10 @@ constexpr int64_t kPauseMs = 100;      // listening paused this long when out of
 
 const char kUsage[] =
     "usage: fdblearnd -f STATE [-s SOCKET]\n"
+    "       fdblearnd --linux [-s SOCKET]\n"
     "  -f STATE   state file: lines \"RTB VNI VTEP NAME IFL_INDEX\" (VTEP a dotted\n"
     "             address or *); SIGHUP reads it again\n"
+    "  --linux    answer from this host's VXLAN devices in bridges, followed over rtnetlink\n"
     "  -s SOCKET  listen here instead of " FDBLEARND_PATH " under the root\n"
     "exit status: 0 on SIGTERM or SIGINT, 1 on a state or socket error, 2 on a usage error\n";
 
@@ -88,6 +91,33 @@ int listen_on(const std::string &path) {
   return fd;
 }
 
+// The kernel's VXLAN devices, followed for --linux.
+struct Kernel {
+  nlstate::Watch watch;
+  nlstate::State facts;
+  // A new dump into new facts; false with a log line.
+  bool dump() {
+    nlstate::State fresh;
+    if (int err = watch.dump([&](const nlstate::Event &e) { fresh.apply(e); })) {
+      log("rtnetlink dump: %s", strerror(err));
+      return false;
+    }
+    facts = std::move(fresh);
+    return true;
+  }
+  // The events waiting; true when the entries are to be made again.
+  bool read() {
+    bool changed = false;
+    int err = watch.read([&](const nlstate::Event &e) { changed |= facts.apply(e).changed(); });
+    if (err == ENOBUFS) {
+      log("the kernel dropped events: reading its state again");
+      return dump();
+    }
+    if (err) log("rtnetlink: %s", strerror(err));
+    return changed;
+  }
+};
+
 void reply_and_close(Client &c, const State &state) {
   std::string text = answer(state, c.query);
   send(c.fd, text.c_str(), text.size() + 1, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -99,6 +129,7 @@ void reply_and_close(Client &c, const State &state) {
 
 int main(int argc, char **argv) {
   const char *file = nullptr;
+  bool from_linux = false;
   std::string path;
   for (int i = 1; i < argc; i++) {
     std::string a = argv[i];
@@ -106,22 +137,33 @@ int main(int argc, char **argv) {
       fputs(kUsage, stdout);
       return 0;
     }
-    if ((a == "-f" || a == "-s") && i + 1 < argc) {
+    if (a == "--linux") {
+      from_linux = true;
+    } else if ((a == "-f" || a == "-s") && i + 1 < argc) {
       (a == "-f" ? (void)(file = argv[++i]) : (void)(path = argv[++i]));
     } else {
       fprintf(stderr, "fdblearnd: unexpected argument '%s'\n%s", argv[i], kUsage);
       return 2;
     }
   }
-  if (!file) {
-    fprintf(stderr, "fdblearnd: no state file given (-f)\n%s", kUsage);
+  if (!file == !from_linux) {
+    fprintf(stderr, "fdblearnd: %s\n%s", file ? "-f and --linux exclude each other" : "no state file given (-f)",
+            kUsage);
     return 2;
   }
   if (path.empty()) path = tvx_path(FDBLEARND_PATH);
 
   State state;
   std::string why;
-  if (!load(file, &state, &why)) {
+  Kernel kernel;
+  if (from_linux) {
+    if (int err = kernel.watch.open()) {
+      log("rtnetlink: %s", strerror(err));
+      return 1;
+    }
+    if (!kernel.dump()) return 1;
+    state = from_kernel(kernel.facts);
+  } else if (!load(file, &state, &why)) {
     log("%s", why.c_str());
     return 1;
   }
@@ -135,9 +177,11 @@ int main(int argc, char **argv) {
   int sfd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
   int lfd = listen_on(path);
   if (sfd < 0 || lfd < 0) return 1;
-  log("listening on %s with %zu entries from %s", path.c_str(), state.entries.size(), file);
+  log("listening on %s with %zu entries from %s", path.c_str(), state.entries.size(),
+      from_linux ? "the kernel" : file);
 
   std::vector<Client> clients;
+  bool stale = false;  // --linux: the kernel changed since the entries were made
   int64_t paused_until = 0;
   bool said_out_of_fds = false;
   for (;;) {
@@ -146,6 +190,7 @@ int main(int argc, char **argv) {
     fds.push_back({sfd, POLLIN, 0});
     bool listening = clients.size() < kMaxClients && now >= paused_until;
     fds.push_back({listening ? lfd : -1, POLLIN, 0});
+    fds.push_back({from_linux ? kernel.watch.fd() : -1, POLLIN, 0});
     int64_t wait = -1;
     for (const Client &c : clients) {
       fds.push_back({c.fd, POLLIN, 0});
@@ -162,7 +207,9 @@ int main(int argc, char **argv) {
     if (fds[0].revents & POLLIN) {
       signalfd_siginfo si;
       while (read(sfd, &si, sizeof si) == sizeof si) {
-        if (si.ssi_signo == SIGHUP) {
+        if (si.ssi_signo == SIGHUP && from_linux) {
+          if (kernel.dump()) state = from_kernel(kernel.facts);
+        } else if (si.ssi_signo == SIGHUP) {
           if (load(file, &state, &why)) log("reread %s: %zu entries", file, state.entries.size());
           else log("%s; keeping the state in force", why.c_str());
         } else {
@@ -173,9 +220,13 @@ int main(int argc, char **argv) {
       }
     }
 
+    // The entries are made again when a question comes, not per event: a
+    // burst of forwarding entries costs one rebuild.
+    if ((fds[2].revents & POLLIN) && kernel.read()) stale = true;
+
     for (size_t i = 0; i < clients.size(); i++) {
       Client &c = clients[i];
-      short ev = fds[2 + i].revents;
+      short ev = fds[3 + i].revents;
       if (ev & (POLLIN | POLLHUP | POLLERR)) {
         char buf[kQueryMax];
         ssize_t n = recv(c.fd, buf, kQueryMax - c.query.size(), MSG_DONTWAIT);
@@ -184,6 +235,10 @@ int main(int argc, char **argv) {
           size_t nul = c.query.find('\0');
           if (nul != std::string::npos || c.query.size() >= kQueryMax) {
             if (nul != std::string::npos) c.query.resize(nul);
+            if (stale) {
+              state = from_kernel(kernel.facts);
+              stale = false;
+            }
             reply_and_close(c, state);
           }
         } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {

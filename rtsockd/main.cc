@@ -1,5 +1,6 @@
-// rtsockd -f STATE [-s SOCKET]: the route-socket peer, in the foreground,
-// logging to standard error.
+// rtsockd -f STATE | --linux [-s SOCKET]: the route-socket peer, in the
+// foreground, logging to standard error.
+#include <getopt.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 
 #include "platform/path.h"
 #include "rtsock/rts_lower.h"
+#include "linux_backend.h"
 #include "server.h"
 
 using namespace rtsockd;
@@ -47,7 +49,10 @@ bool load(const char *file, Store &store) {
 
 const char kUsage[] =
     "usage: rtsockd -f STATE [-s SOCKET]\n"
+    "       rtsockd --linux [-s SOCKET]\n"
     "  -f STATE   the state file: one object a line, \"KIND field=value ...\"\n"
+    "  --linux    mirror this host's own links, addresses, VXLAN devices in bridges (as bridge\n"
+    "             domains) and bridge forwarding entries over rtnetlink, following every change\n"
     "  -s SOCKET  the route-socket path (default $RTSOCK_PATH, else /var/run/rtsock under the root);\n"
     "             the admin socket is SOCKET.admin\n"
     "Exit status: 0 when stopped by TERM or INT, 1 when it cannot start, 2 on a usage error.\n"
@@ -60,11 +65,15 @@ int main(int argc, char **argv) {
       return 0;
     }
   const char *state = nullptr;
+  bool linux_state = false;
   std::string path;
+  static const option kLong[] = {{"linux", no_argument, nullptr, 'L'}, {nullptr, 0, nullptr, 0}};
   int opt;
-  while ((opt = getopt(argc, argv, "f:s:")) != -1) {
+  while ((opt = getopt_long(argc, argv, "f:s:", kLong, nullptr)) != -1) {
     if (opt == 'f') {
       state = optarg;
+    } else if (opt == 'L') {
+      linux_state = true;
     } else if (opt == 's') {
       path = optarg;
     } else {
@@ -72,7 +81,9 @@ int main(int argc, char **argv) {
       return 2;
     }
   }
-  if (!state || optind != argc) {
+  if (!state == !linux_state || optind != argc) {
+    if (optind == argc)
+      fprintf(stderr, "rtsockd: %s\n", state ? "-f and --linux exclude each other" : "no state: give -f STATE or --linux");
     fputs(kUsage, stderr);
     return 2;
   }
@@ -87,9 +98,12 @@ int main(int argc, char **argv) {
   std::string dir = path.substr(0, path.rfind('/'));
   if (!dir.empty() && dir != path) tvx_mkdirs(dir.c_str(), 0755);
   Store store;
-  if (!load(state, store)) return 1;
+  if (state && !load(state, store)) return 1;
   Server server(store, path);
+  LinuxBackend kernel(server, store);
+  if (linux_state && !kernel.load()) return 1;
   if (!server.start()) return 1;
+  if (linux_state) kernel.attach();
   log("serving %zu objects on %s, admin on %s", store.size(), server.path().c_str(),
       server.admin_path().c_str());
   return server.run();

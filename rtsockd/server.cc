@@ -26,7 +26,7 @@ namespace rtsockd {
 
 namespace {
 
-enum : uint64_t { kListen = 1, kAdminListen, kSignal, kData, kCtl, kAdmin };
+enum : uint64_t { kListen = 1, kAdminListen, kSignal, kData, kCtl, kAdmin, kSource };
 constexpr uint64_t tag(uint64_t kind, int id) { return kind << 32 | static_cast<uint32_t>(id); }
 
 constexpr int kBackoffFirstMs = 250, kBackoffMaxMs = 8000;
@@ -247,6 +247,7 @@ int Server::run() {
           if (it != admins_.end()) on_admin(it->second, e);
           break;
         }
+        case kSource: sources_[static_cast<size_t>(id)](); break;
       }
     }
     reap();
@@ -606,6 +607,25 @@ void Server::flush(Client &c) {
         static_cast<unsigned long long>(c.dropped));
     c.stalled = false;
   }
+}
+
+int Server::publish(uint8_t op, std::unique_ptr<Object> obj) {
+  const uint32_t type = obj->type;
+  if (op == RTS_OP_DELETE) {
+    if (int err = store_.apply(op, type, obj->rec())) return err;
+    notify(type, op, obj->rec(), 0, nullptr);
+    return 0;
+  }
+  // Kept as it is, and told from the store's copy: no second clone.
+  const std::string key = Store::key_of(type, obj->rec());
+  if (int err = store_.apply(op, std::move(obj))) return err;
+  notify(type, op, const_cast<Object *>(store_.find_exact(type, key))->rec(), 0, nullptr);
+  return 0;
+}
+
+void Server::watch_source(int fd, std::function<void()> ready) {
+  watch(fd, EPOLLIN, tag(kSource, static_cast<int>(sources_.size())));
+  sources_.push_back(std::move(ready));
 }
 
 void Server::notify(uint32_t type, uint8_t op, void *record, uint32_t sender, const Client *origin) {

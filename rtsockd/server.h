@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -69,6 +70,14 @@ class Server {
 
   // One admin command; the reply's lines, the last "ok" or "error: ...".
   std::string command(const std::string &line);
+  // A change from another source than the clients and the admin socket (the
+  // Linux backend): applied to the store and told to every listener, as the
+  // admin socket's are. 0 or the store's errno. A deletion is given the
+  // object as it was.
+  int publish(uint8_t op, std::unique_ptr<Object> obj);
+  // Another descriptor that the loop watches for reading, after start();
+  // ready is called each time it is readable.
+  void watch_source(int fd, std::function<void()> ready);
   // One record of a client that has said hello, as its data socket gave it:
   // the verdict; replies go to c.data. (The record fuzzer's entry too.)
   int record(Client &c, const uint8_t *buf, size_t n) { return handle(c, buf, n); }
@@ -144,6 +153,7 @@ class Server {
   std::map<int, Client> clients_;
   std::map<int, AdminConn> admins_;
   Faults faults_;
+  std::vector<std::function<void()>> sources_;
   std::vector<uint8_t> rbuf_;
   std::vector<uint8_t> arena_;
 };

@@ -71,6 +71,17 @@ void tunechod_rx_init(void) {
   task *tp = task_alloc("tunechod-rx-task", 0, nullptr);
   task_set_data(tp, &tunechod_app);
   task_set_terminate(tp, tunechod_task_exit);
+  if (tunechod_port_held()) {
+    int s = tunechod_packet_socket();
+    if (s < 0) __task_quit__(errno);
+    task_set_socket(tp, s);
+    task_set_recv(tp, tunechod_rx_read_packet);
+    if (!task_create(tp)) __task_quit__(22);
+    tunechod_app.rx_task = tp;
+    TUNECHOD_TRACE(DAEMON_TRACE_PACKETS, "UDP port %d is held by the kernel's VXLAN device: requests from packet socket %d",
+                   TUNECHOD_PORT, s);
+    return;
+  }
   task_set_addr(tp, sockcreate_in(htons(TUNECHOD_PORT), INADDR_ANY));
   int s = task_get_socket(tp, AF_INET, SOCK_DGRAM, 0);
   if (s < 0) __task_quit__(errno);

@@ -112,6 +112,14 @@ rtb_entry *tunechod_rtb_find(uint32_t rtb_id);
 
 // ---- Echo processing (oam_rx.cc) ------------------------------------------------------
 void tunechod_rx_read(task *tp);
+// Where the kernel's own VXLAN device holds UDP 4789 (a Linux VTEP):
+// requests come from a packet socket instead (packet_rx.cc).
+int tunechod_port_held(void);      // 1 when a bind to *:4789 fails with EADDRINUSE
+int tunechod_packet_socket(void);  // -1 with errno
+void tunechod_rx_read_packet(task *tp);
+// One IPv4 packet from the packet socket: 0 when it was a UDP datagram
+// handed to tunechod_recv_oam_packet, 1 when it was not one.
+int tunechod_rx_ip_packet(const uint8_t *pkt, size_t n, uint32_t ifindex);
 void tunechod_recv_oam_packet(const uint8_t *data, uint32_t length, int raw_socket, sockaddr_in *peer,
                               sockaddr_in *local, uint32_t rtb_id, uint32_t ifl_index);
 int tunechod_parse_oam_packet(const uint8_t *data, uint32_t length, int raw_socket, sockaddr_in *peer,

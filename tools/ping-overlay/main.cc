@@ -92,7 +92,9 @@ uint32_t ask_local_responder(const po_options &o) {
 
 // Replies come to this VTEP's port 4789. Bound to the tunnel source, this
 // socket wins over a local responder bound to the wildcard address, which
-// would otherwise take them for malformed requests.
+// would otherwise take them for malformed requests. Where the port is held
+// without sharing (a Linux VTEP's own VXLAN device, which drops the replies
+// as it drops any unknown VXLAN flag), the raw socket reads them alone: -1.
 int reply_socket(in_addr src) {
   int fd = ping_recv_socket_v4();
   sockaddr_in sin{};
@@ -100,6 +102,10 @@ int reply_socket(in_addr src) {
   sin.sin_port = htons(OAM_PORT);
   sin.sin_addr = src;
   if (bind(fd, reinterpret_cast<sockaddr *>(&sin), sizeof sin) < 0) {
+    if (errno == EADDRINUSE) {
+      close(fd);
+      return -1;
+    }
     char s[INET_ADDRSTRLEN];
     fail("cannot receive replies on %s port %d: %s", inet_ntop(AF_INET, &src, s, sizeof s), OAM_PORT,
          strerror(errno));
@@ -149,7 +155,7 @@ struct session {
 
   void drain() {
     uint8_t buf[2048];
-    (void)recv(reply_fd, buf, sizeof buf, MSG_DONTWAIT);
+    if (reply_fd >= 0) (void)recv(reply_fd, buf, sizeof buf, MSG_DONTWAIT);
   }
 
   // An ICMP error quotes our probe (Linux quotes up to 576 bytes, enough
