@@ -15,8 +15,8 @@ task_block *timer_block;
 task_block *auto_block;
 constexpr task_utime kGap{0, 1};
 
-void tree_now(task_utime *out) { *out = task_now; }
-void tree_jitter(const task_utime *interval, uint32_t jitter, task_utime *r) {
+void tree_now(const htimer *, task_utime *out) { *out = task_now; }
+void tree_jitter(const htimer *, const task_utime *interval, uint32_t jitter, task_utime *r) {
   task_timer_jitter_reduction(interval, jitter, r);
 }
 constexpr hier_timers_link_personality kPersonality = {tree_now, tree_jitter};
@@ -134,7 +134,7 @@ void task_timer_init(void) {
   patricia_root_init(&tv->timer_auto_tree.tat_root, false, 16,
                      PATRICIA_KEY_OFFSET(task_timer_auto_parent, auto_parent_node, auto_parent_key));
   tv->timer_time_hook = hook;
-  htimer_set_personality(&kPersonality);
+  htimer_set_personality(node(&tv->timer_master_root), &kPersonality);
 }
 
 void task_timer_jitter_reduction(const task_utime *interval, uint32_t percent, task_utime *reduction) {
@@ -463,12 +463,20 @@ void after_fire(task_timer *tip, const task_utime &fired_at) {
 
 const char *timer_name_of(const void *tip) { return task_timer_name(static_cast<const task_timer *>(tip)); }
 
-// One timer: its method or its job. The leaf is stopped while the method
-// runs, so that a nested pass does not fire it again. The method runs as
-// its task's (sp: the dispatching context's scheduler record).
+// A timer whose method is already running further up the stack, met again
+// by a nested pass: it is stopped, not run twice; the dispatch that runs its
+// method decides its next expiry when the method returns.
+inline bool nested(task_timer *tip) {
+  if (!(tip->task_timer_flags & TIMERF_PROCESSING)) return false;
+  htimer_stop(node(tip));
+  return true;
+}
+
+// One timer: its method or its job. The leaf stays in the tree, running and
+// expired, while its method runs. The method runs as its task's (sp: the
+// dispatching context's scheduler record).
 void fire(task_timer *tip, task_sched_var *sp) {
   task_utime fired_at = tip->task_hier_timer.ht_expiry;
-  htimer_stop(node(tip));
   tip->task_timer_flags &= ~TIMERF_TOUCHED;
   task *saved = sp->tasksched_current;
   if (tip->task_timer_task) sp->tasksched_current = tip->task_timer_task;
@@ -506,6 +514,7 @@ int task_timer_dispatch(task_timer *root, bool is_high, int limit) {
   while (htimer *next = htimer_next_expired(node(root))) {
     task_timer *tip = reinterpret_cast<task_timer *>(next);
     task_assert(!(((tip->task_timer_flags) & (0x100ul)) != 0));
+    if (nested(tip)) continue;
     fire(tip, sp);
     count++;
     if (count == limit) break;
@@ -525,8 +534,8 @@ int task_timer_appl_dispatch(task_timer *root) {
   int count = 0;
   while (htimer *next = htimer_next_expired(node(root))) {
     task_timer *tip = reinterpret_cast<task_timer *>(next);
+    if (nested(tip)) continue;
     task_utime fired_at = tip->task_hier_timer.ht_expiry;
-    htimer_stop(node(tip));
     tip->task_timer_flags &= ~TIMERF_TOUCHED;
     if (tip->task_timer_method) {
       tip->task_timer_flags |= TIMERF_PROCESSING;

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "fixture.h"
+#include "htimer/ztimers.h"
 #include "platform/grand.h"
 
 namespace tt {
@@ -259,6 +260,100 @@ TEST_F(Kernel, RandomRunsAgainstAModel) {
       }
     }
   }
+}
+
+}  // namespace
+}  // namespace tt
+
+namespace tt {
+namespace {
+
+// A stand-alone timer set whose clock reads far behind the kernel's: what a
+// method of the set does to kernel timers must still use the kernel's clock.
+uint64_t set_clock_us;
+void set_clock(void *, task_utime *now) { *now = task_utime_from_usec(set_clock_us); }
+task_timer *kernel_timer;
+bool kernel_timer_expired_inside;
+uint32_t kernel_timer_left_inside;
+void set_kernel_timer(ztimer *, void *) {
+  task_utime ten{10, 0}, twenty{20, 0};
+  task_timer_uset(kernel_timer, &ten, nullptr, 20);  // with jitter: the tree's own relative set
+  task_timer_set_uinterval(kernel_timer, &twenty);   // from its present expiry
+  kernel_timer_expired_inside = task_timer_expired(kernel_timer);
+  kernel_timer_left_inside = task_timer_seconds_left(kernel_timer);
+}
+
+TEST_F(Kernel, KernelTimersSetInsideAStandAloneSetKeepTheKernelsClock) {
+  set_clock_us = 5'000'000;  // the kernel's clock reads 1000 s
+  ztimer_set *set = ztimer_set_create(set_clock, nullptr);
+  ztimer *z = ztimer_create(set, nullptr, true, set_kernel_timer, nullptr);
+  task_utime one{1, 0};
+  ztimer_start(z, &one, 0, false);
+  kernel_timer = task_timer_create_idle(keeper, "k", 0, note, nullptr);
+  set_clock_us += 1'000'000;
+  ASSERT_EQ(ztimer_dispatch(set), 1);
+  EXPECT_FALSE(kernel_timer_expired_inside);
+  // 1000 + 10, then 20 more, each less up to a fifth for the jitter
+  EXPECT_GE(kernel_timer_left_inside, 23u);
+  double at = secs(kernel_timer->task_hier_timer.ht_expiry);
+  EXPECT_GE(at, 1024.0);
+  EXPECT_LE(at, 1030.0);
+  dispatch_normal();
+  EXPECT_TRUE(fire_times.empty()) << "fired at once on the set's clock";
+  ztimer_delete(z);
+  ztimer_set_destroy(set);
+}
+
+// The other way round: a stand-alone timer started from a kernel timer's
+// method runs on its set's clock.
+ztimer_set *started_set;
+ztimer *started;
+void start_set_timer(task_timer *, uint32_t) {
+  task_utime one{1, 0};
+  ztimer_start(started, &one, 50, false);
+}
+
+TEST_F(Kernel, AStandAloneTimerStartedFromAKernelMethodKeepsItsSetsClock) {
+  set_clock_us = 5'000'000;
+  started_set = ztimer_set_create(set_clock, nullptr);
+  started = ztimer_create(started_set, nullptr, true, nullptr, nullptr);
+  task_timer_create(keeper, "s", TIMERF_DELETE, 0, 1, 0, start_set_timer, nullptr);
+  advance(1);
+  dispatch_normal();
+  uint64_t at = task_utime_to_usec(started->zt_node.ht_expiry);
+  EXPECT_GE(at, 5'500'000u);
+  EXPECT_LE(at, 6'000'000u);
+  task_utime left;
+  EXPECT_TRUE(ztimer_next(started_set, &left));
+  EXPECT_EQ(task_utime_to_usec(left), at - set_clock_us);
+  ztimer_delete(started);
+  ztimer_set_destroy(started_set);
+}
+
+// The design keeps a firing timer in the tree while its method runs: it is
+// running and expired, and a time-left query says zero.
+bool running_inside, expired_inside;
+uint32_t left_inside = 99;
+void look_at_self(task_timer *t, uint32_t) {
+  running_inside = task_timer_running(t);
+  expired_inside = task_timer_expired(t);
+  left_inside = task_timer_seconds_left(t);
+}
+
+TEST_F(Kernel, AFiringTimerStaysRunningWhileItsMethodRuns) {
+  task_timer *t = task_timer_create(keeper, "self", 0, 10, 0, 0, look_at_self, nullptr);
+  task_timer *o = task_timer_create(keeper, "once", 0, 0, 5, 0, look_at_self, nullptr);
+  advance(5);
+  dispatch_normal();
+  EXPECT_TRUE(running_inside);
+  EXPECT_TRUE(expired_inside);
+  EXPECT_EQ(left_inside, 0u);
+  EXPECT_FALSE(task_timer_running(o));  // a one-shot stops after its method
+  running_inside = expired_inside = false;
+  advance(5);
+  dispatch_normal();
+  EXPECT_TRUE(running_inside && expired_inside);
+  EXPECT_EQ(task_timer_seconds_left(t), 10u);  // and a repeating one keeps its phase
 }
 
 }  // namespace

@@ -141,7 +141,7 @@ int task_timer_appl_dispatch(task_timer *root);
 // The percent jitter of an expiry, as the reduction it brings.
 void task_timer_jitter_reduction(const task_utime *interval, uint32_t percent, task_utime *reduction);
 
-// Creates the class roots and installs the kernel's tree personality.
+// Creates the class roots; the master root runs on the kernel's cached time.
 void task_timer_init(void);
 
 // Per task, its timers by class (high, normal, low, stopped), indented by
