@@ -451,7 +451,12 @@ bool htimer_verify(const htimer *p) {
 }
 
 htimer *htimer_next_expired(htimer *root) {
-  if (!htimer_expired(root)) return nullptr;
+  task_utime t = now(root);
+  return htimer_next_expired_at(root, &t);
+}
+
+htimer *htimer_next_expired_at(htimer *root, const task_utime *now) {
+  if (!htimer_running(root) || task_utime_lt(*now, root->ht_expiry)) return nullptr;
   htimer *cur_timer = root;
   while (!htimer_is_leaf(cur_timer)) {
     cur_timer = cur_timer->ht_first;

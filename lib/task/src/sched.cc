@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "clock.h"
 #include "internal.h"
 #include "mem/mem.h"
 #include "mem/pool.h"
@@ -78,12 +79,12 @@ void task_time_update(void) {
     hook(&task_now);
     return;
   }
-  timespec ts;
-  if (clock_gettime(CLOCK_MONOTONIC, &ts) != 0) {
+  uint64_t ns;
+  if (__builtin_expect(!task_clock_ns(&ns), 0)) {
     TASK_TRACE(nullptr, TR_TASK, "%s: gettimeofday() failed: %m", "task_time_update");
     task_assert(0 == "clock_gettime");
   }
-  task_now = task_utime{static_cast<uint32_t>(ts.tv_sec), static_cast<uint32_t>(ts.tv_nsec / 1000)};
+  task_now = task_utime_from_ns(ns);
 }
 
 void task_set_time_hook(task_time_hook_fn hook) {
@@ -124,6 +125,7 @@ void task_kernel_init_late(void) {
   tvcfull *full = &task_var_main_context;
   task_jobs_init(&main_jobs);
   task_timer_init();
+  task_tsc_init(&task_tsc, task_tsc_usable());
   task_time_update();
   grand_seed(task_now.ut_sec ^ task_now.ut_usec);
   task_evq_init();

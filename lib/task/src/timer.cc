@@ -511,7 +511,7 @@ int task_timer_dispatch(task_timer *root, bool is_high, int limit) {
   task_assert(limit != 0);
   task_sched_var *sp = task_var_scheduler(nullptr);
   int count = 0;
-  while (htimer *next = htimer_next_expired(node(root))) {
+  while (htimer *next = htimer_next_expired_at(node(root), &task_now)) {
     task_timer *tip = reinterpret_cast<task_timer *>(next);
     task_assert(!(((tip->task_timer_flags) & (0x100ul)) != 0));
     if (nested(tip)) continue;
@@ -532,7 +532,7 @@ void task_timer_hiprio_dispatch(task_timer_var *tv, task_sched_stats *stats) {
 
 int task_timer_appl_dispatch(task_timer *root) {
   int count = 0;
-  while (htimer *next = htimer_next_expired(node(root))) {
+  while (htimer *next = htimer_next_expired_at(node(root), &task_now)) {
     task_timer *tip = reinterpret_cast<task_timer *>(next);
     if (nested(tip)) continue;
     task_utime fired_at = tip->task_hier_timer.ht_expiry;

@@ -89,6 +89,9 @@ void htimer_attach(htimer *root, htimer *parent);
 void htimer_detach(htimer *node);
 void htimer_spread(htimer *parent);
 htimer *htimer_next_expired(htimer *root);
+// The same against a now the caller has read (a dispatcher that keeps its
+// tree's time cached needs no walk to the root for its clock).
+htimer *htimer_next_expired_at(htimer *root, const task_utime *now);
 bool htimer_expired(const htimer *node);
 void htimer_time_left(const htimer *node, task_utime *left);
 
