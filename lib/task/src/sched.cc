@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "clock.h"
+#include "format/task_fmt.h"
 #include "internal.h"
 #include "mem/mem.h"
 #include "mem/pool.h"
@@ -100,6 +101,10 @@ void task_kernel_init(void) {
 void task_kernel_init_early(void) {
   if (kernel_early) return;
   kernel_early = true;
+  // The kernel's trace lines are checked against the framework's directives
+  // when compiled (%t, %A, ...): they are rendered by its formatter too.
+  ztrace_set_printf(task_fmt_snprintf, task_fmt_fprintf, task_fmt_sprintf, task_fmt_vsprintf, task_fmt_vsnprintf,
+                    task_fmt_vfprintf);
   if (!task_memory_is_up()) task_memory_init(nullptr);
   tvcfull *full = &task_var_main_context;
   full->tvcfull_tasks = &main_base;

@@ -1,9 +1,12 @@
 // Timers over the hierarchical timer tree: creation under per-task class
 // parents, the setters, auto parents, deletion deferred around the method,
 // and dispatch with phase-keeping catch-up.
+#include <time.h>
+
 #include <cstdio>
 #include <cstring>
 
+#include "format/task_fmt.h"
 #include "internal.h"
 #include "mem/block.h"
 #include "platform/grand.h"
@@ -106,11 +109,6 @@ void reparent(task_timer *tip, htimer *parent) {
   tip->task_hier_timer.ht_expiry = keep;
 }
 
-const char *fmt_t(const task_utime &t, char *buf, size_t n) {
-  snprintf(buf, n, "%u.%06u", t.ut_sec, t.ut_usec);
-  return buf;
-}
-
 }  // namespace
 
 task_timer_var task_main_timers;
@@ -135,6 +133,12 @@ void task_timer_init(void) {
                      PATRICIA_KEY_OFFSET(task_timer_auto_parent, auto_parent_node, auto_parent_key));
   tv->timer_time_hook = hook;
   htimer_set_personality(node(&tv->timer_master_root), &kPersonality);
+  // %t prints a time of the cached (monotonic) clock as a time of day.
+  timespec real, mono;
+  clock_gettime(CLOCK_REALTIME, &real);
+  clock_gettime(CLOCK_MONOTONIC, &mono);
+  int64_t ns = (int64_t{real.tv_sec} - mono.tv_sec) * 1'000'000'000 + (real.tv_nsec - mono.tv_nsec);
+  task_fmt_set_time_offset(ns / 1'000'000'000, static_cast<int32_t>(ns % 1'000'000'000 / 1000));
 }
 
 void task_timer_jitter_reduction(const task_utime *interval, uint32_t percent, task_utime *reduction) {
@@ -226,26 +230,25 @@ void task_timer_uset(task_timer *tip, const task_utime *interval, const task_uti
   assert_settable(tip);
   tip->task_timer_flags |= TIMERF_TOUCHED;
   tip->task_timer_jitter = jitter;
-  char a[24], b[24], c[24];
+  static constexpr task_utime kNone{0, 0};
   if (interval && !task_utime_zero(interval)) {
     tip->task_timer_uinterval = *interval;
     set_rel(tip, offset ? offset : interval, jitter);
     if (offset)
       TASK_TRACE(tip->task_timer_task, TR_TIMER,
-                 "task_timer_uset: timer %s <%s> set to interval %s offset %s with jitter %d at %s",
-                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", fmt_t(*interval, a, 24),
-                 fmt_t(*offset, b, 24), jitter, fmt_t(tip->task_hier_timer.ht_expiry, c, 24));
+                 "task_timer_uset: timer %s <%s> set to interval %#t offset %#t with jitter %d at %t",
+                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", interval, offset,
+                 static_cast<int>(jitter), &tip->task_hier_timer.ht_expiry);
     else
-      TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %s with jitter %d at %s",
-                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", fmt_t(*interval, a, 24),
-                 jitter, fmt_t(tip->task_hier_timer.ht_expiry, c, 24));
+      TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %#t with jitter %d at %t",
+                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", interval,
+                 static_cast<int>(jitter), &tip->task_hier_timer.ht_expiry);
   } else if (offset && !task_utime_zero(offset)) {
     tip->task_timer_uinterval = task_utime{0, 0};
     set_rel(tip, offset, jitter);
-    TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %s offset %s with jitter %d at %s",
-               task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName",
-               fmt_t(task_utime{0, 0}, a, 24), fmt_t(*offset, b, 24), jitter,
-               fmt_t(tip->task_hier_timer.ht_expiry, c, 24));
+    TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %#t offset %#t with jitter %d at %t",
+               task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", &kNone, offset,
+               static_cast<int>(jitter), &tip->task_hier_timer.ht_expiry);
   } else {
     TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: resetting %s", task_timer_name(tip));
     task_timer_reset(tip);
@@ -275,9 +278,8 @@ void task_timer_set_uinterval(task_timer *tip, const task_utime *interval) {
     htimer_set_periodic(node(tip), interval, tip->task_timer_jitter);
   else
     set_rel(tip, interval, tip->task_timer_jitter);
-  char a[24];
-  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uinterval: timer %s interval set to %s", task_timer_name(tip),
-             fmt_t(*interval, a, 24));
+  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uinterval: timer %s interval set to %#t", task_timer_name(tip),
+             interval);
 }
 
 void task_timer_reset(task_timer *tip) {
@@ -326,9 +328,8 @@ void task_timer_uset_oneshot_latest(task_timer *tip, const task_utime *offset, u
   tip->task_timer_uinterval = task_utime{0, 0};
   tip->task_timer_jitter = jitter;
   htimer_set_latest(node(tip), offset, jitter, &kGap, from_latest);
-  char a[24];
-  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_set_oneshot_latest: timer %s interval set to %s",
-             task_timer_name(tip), fmt_t(*offset, a, 24));
+  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_set_oneshot_latest: timer %s interval set to %#t",
+             task_timer_name(tip), offset);
 }
 
 void task_timer_uset_interval_latest(task_timer *tip, const task_utime *interval, uint32_t jitter,
@@ -337,9 +338,8 @@ void task_timer_uset_interval_latest(task_timer *tip, const task_utime *interval
   tip->task_timer_uinterval = *interval;
   tip->task_timer_jitter = jitter;
   htimer_set_latest(node(tip), interval, jitter, &kGap, from_latest);
-  char a[24];
-  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset_interval_latest: timer %s interval set to %s",
-             task_timer_name(tip), fmt_t(*interval, a, 24));
+  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset_interval_latest: timer %s interval set to %#t",
+             task_timer_name(tip), interval);
 }
 
 void task_timer_uset_latest_auto(task_timer_auto_tree *tree, task_timer *timer, const task_utime *interval,
