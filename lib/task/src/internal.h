@@ -55,6 +55,10 @@ void task_lowmem_forget(task *tp);
 void task_module_state_alloc(task_app_ctx_t *ctx);
 void task_module_state_reset(void);
 
+// mem_timer.cc: the memory-high check's timer on the scheduler task, and its
+// threshold from app_mem_high_percent (0: 80 %).
+void task_memory_timers_init(const task_app_ctx_t *ctx);
+
 // fork.cc: the start pid, taken again after detaching.
 void task_process_ids_init(void);
 
