@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -78,6 +79,56 @@ TEST_F(TimerText, SettingTracesTimesThroughTheFormatter) {
             "task_timer_uinterval: timer keeper_tick interval set to 3.250000\n"
             "task_timer_set_oneshot_latest: timer keeper_tick interval set to 3.250000\n"
             "task_timer_uset_interval_latest: timer keeper_tick interval set to 1:30.500000\n");
+}
+
+std::string dump() {
+  char *text = nullptr;
+  size_t len = 0;
+  FILE *f = open_memstream(&text, &len);
+  task_timer_dump(f);
+  fclose(f);
+  std::string s(text, len);
+  free(text);
+  return s;
+}
+
+void nothing(task_timer *, uint32_t) {}
+
+TEST_F(TimerText, DumpListsEachTasksTimersByClassInFiringOrder) {
+  task_timer_create(keeper, "tick", 0, 10, 0, 0, nothing, nullptr);           // 1010, every 10
+  task_timer_create(keeper, "soon", TIMERF_HIPRIO, 0, 5, 0, nothing, nullptr);  // 1005
+  task_timer_create(keeper, "slow", TIMERF_LOWPRIO, 20, 0, 30, nothing, nullptr);
+  task_timer_create_idle(keeper, "idle", 0, nothing, nullptr);
+  task_timer *group = task_timer_create_parent(keeper, "group", 0, nullptr);
+  task_utime three{3, 0}, half{0, 500000};
+  task_timer_create_internal(keeper, "member", 0, group, true, nullptr, &three, 0, nothing, nullptr);  // 1003
+  task_timer_create_internal(keeper, "late", 0, nullptr, true, nullptr, &half, 0, nothing, nullptr);   // 1000.5
+  task_timer_create(nullptr, "orphan", 0, 7, 0, 0, nothing, nullptr);                                  // 1007
+  advance(1.25);  // "late" is due, nothing dispatched
+  // "slow" fires up to 6 s early, at random: its time left is masked.
+  std::string text = std::regex_replace(dump(), std::regex("\\| slow +[0-9:.]+ "), "| slow <jittered> ");
+  EXPECT_EQ(text,
+            "\tTask " + std::string(task_name(keeper)) + ":\n"
+            "\n\t\tHigh priority timers:\n"
+            "\t\t        Timer Name                          Expires  Jitter  Interval  Flags\n"
+            "\t\t| soon                                     3.750000       0         0  HT\n"
+            "\n\t\tNormal priority timers:\n"
+            "\t\t        Timer Name                          Expires  Jitter  Interval  Flags\n"
+            "\t\t| late                                         late       0         0  T\n"
+            "\t\t| group                                    1.750000       0         0  \n"
+            "\t\t| | member                                 1.750000       0         0  T\n"
+            "\t\t| tick                                     8.750000       0        10  T\n"
+            "\n\t\tLow priority timers:\n"
+            "\t\t        Timer Name                          Expires  Jitter  Interval  Flags\n"
+            "\t\t| slow <jittered>      30        20  TL\n"
+            "\n\t\tStopped timers:\n"
+            "\t\t        Timer Name                          Expires  Jitter  Interval  Flags\n"
+            "\t\t| idle                                            -       0         0  \n"
+            "\n"
+            "\tTimers without tasks:\n\n"
+            "\n\t\tNormal priority timers:\n"
+            "\t\t        Timer Name                          Expires  Jitter  Interval  Flags\n"
+            "\t\torphan                                     5.750000       0         7  T\n");
 }
 
 }  // namespace
