@@ -109,6 +109,35 @@ void reparent(task_timer *tip, htimer *parent) {
   tip->task_hier_timer.ht_expiry = keep;
 }
 
+
+// Detaches and re-attaches: a running node keeps its expiry, a parent its
+// running children.
+void move_under(task_timer *tip, task_timer *parent) {
+  htimer_detach(node(tip));
+  htimer_attach(node(tip), node(parent));
+}
+
+// The parent a task's timer of these flags hangs under when none is given.
+task_timer *home_of(task *tp, uint32_t flags) {
+  if (!tp) return class_root(flags);
+  if (flags & TIMERF_APPLROOT) {
+    task_timer *tatr = tp->task_timer_root;
+    task_assert(tatr);
+    return tatr;
+  }
+  task_timer *&slot = tp->task_timer_parent[class_index(flags)];
+  if (!slot) slot = task_timer_create_parent(tp, "Task parent", flags & 0x142, class_root(flags));
+  return slot;
+}
+
+bool is_task_parent(const task_timer *tip) {
+  const task *tp = tip->task_timer_task;
+  if (!tp) return false;
+  for (task_timer *slot : tp->task_timer_parent)
+    if (slot == tip) return true;
+  return false;
+}
+
 }  // namespace
 
 task_timer_var task_main_timers;
@@ -164,19 +193,7 @@ task_timer *task_timer_create_internal(task *tp, const char *name, uint32_t flag
   tip->task_timer_method = reinterpret_cast<void *>(method);
   tip->task_timer_data = data;
   tip->task_timer_task = tp;
-  if (!parent) {
-    if (tp && (flags & TIMERF_APPLROOT)) {
-      task_timer *tatr = tp->task_timer_root;
-      task_assert(tatr);
-      parent = tatr;
-    } else if (tp) {
-      task_timer *&slot = tp->task_timer_parent[class_index(flags)];
-      if (!slot) slot = task_timer_create_parent(tp, "Task parent", flags & 0x142, class_root(flags));
-      parent = slot;
-    } else {
-      parent = class_root(flags);
-    }
-  }
+  if (!parent) parent = home_of(tp, flags);
   task_assert((tip->task_timer_flags & 0x02ul) == (parent->task_timer_flags & 0x02ul));
   task_assert((tip->task_timer_flags & 0x40ul) == (parent->task_timer_flags & 0x40ul));
   if (is_leaf)
@@ -378,6 +395,28 @@ void task_timer_uset_latest_auto(task_timer_auto_tree *tree, task_timer *timer, 
 void task_timer_set_jitter(task_timer *timer, uint32_t jitter) {
   task_assert(timer->task_timer_auto_parent == ((void *)0));
   timer->task_timer_jitter = jitter;
+}
+
+void task_timer_set_parent(task_timer *timer, task_timer *parent) {
+  task_assert(timer->task_timer_auto_parent == ((void *)0));
+  task_assert(htimer_initialized(&parent->task_hier_timer) && !htimer_is_leaf(&parent->task_hier_timer));
+  for (const htimer *h = &parent->task_hier_timer; h; h = h->ht_parent) task_assert(h != &timer->task_hier_timer);
+  if (!htimer_is_leaf(&timer->task_hier_timer))
+    task_assert((timer->task_timer_flags & 0x142ul) == (parent->task_timer_flags & 0x142ul));
+  timer->task_timer_flags = (timer->task_timer_flags & ~0x142ul) | (parent->task_timer_flags & 0x142ul);
+  move_under(timer, parent);
+}
+
+void task_timer_set_task(task_timer *tip, task *tp) {
+  task *old = tip->task_timer_task;
+  if (old == tp) return;
+  task_assert(!is_task_parent(tip));
+  if (tp) task_verify(tp);
+  bool at_home = tip->task_hier_timer.ht_parent == node(home_of(old, tip->task_timer_flags));
+  owner_unlink(tip);
+  tip->task_timer_task = tp;
+  owner_link(tip);
+  if (at_home) move_under(tip, home_of(tp, tip->task_timer_flags));
 }
 
 void task_timer_spread(task_timer *tip) {

@@ -117,6 +117,15 @@ void task_timer_uset_interval_latest(task_timer *tip, const task_utime *interval
 void task_timer_uset_latest_auto(task_timer_auto_tree *tree, task_timer *tip, const task_utime *interval,
                                  uint32_t jitter);
 void task_timer_set_jitter(task_timer *tip, uint32_t jitter);
+// Moves a timer, and what runs under it, under another parent timer: it keeps
+// whether it runs and when, and a leaf takes the new parent's class (a parent
+// timer keeps its own, as its children have it). Not for a timer on an auto
+// parent, nor under itself.
+void task_timer_set_parent(task_timer *tip, task_timer *parent);
+// Gives a timer to another task (null: to the timers without a task). One
+// that hung under its old task's class parent (or application root) moves to
+// the new task's; one under a parent of its own stays there.
+void task_timer_set_task(task_timer *tip, task *tp);
 void task_timer_spread(task_timer *tip);
 
 // ---- Deletion and queries --------------------------------------------------------------
