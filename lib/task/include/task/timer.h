@@ -4,8 +4,9 @@
 // node per class ("Task parent"), so a task's timers form a small sorted list
 // and the next expiry of the whole process is one read at the master root.
 //
-// Dispatch clears "Touched" before the method; a method that re-sets its own
-// timer keeps what it set. A repeating timer held up for several periods fires
+// Dispatch clears "Touched" before the method; the timer stays in the tree,
+// running and expired, while its method runs, and a method that re-sets its
+// own timer keeps what it set. A repeating timer held up for several periods fires
 // once and keeps its phase. "Processing" and "Free" make deleting a timer from
 // inside its own method safe: the record is freed when the method returns.
 //
@@ -153,8 +154,9 @@ void task_timer_jitter_reduction(const task_utime *interval, uint32_t percent, t
 // Creates the class roots; the master root runs on the kernel's cached time.
 void task_timer_init(void);
 
-// Per task, its timers by class (high, normal, low, stopped), indented by
-// depth; "late" for an expired one; then the timers without a task.
+// Per task, its running timers by class (high, normal, low) in firing order,
+// children under their parent timer indented by depth, then its stopped
+// timers; "late" for an expired one; then the timers without a task.
 void task_timer_dump(FILE *fp);
 
 }  // extern "C"
