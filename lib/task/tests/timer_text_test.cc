@@ -81,16 +81,7 @@ TEST_F(TimerText, SettingTracesTimesThroughTheFormatter) {
             "task_timer_uset_interval_latest: timer keeper_tick interval set to 1:30.500000\n");
 }
 
-std::string dump() {
-  char *text = nullptr;
-  size_t len = 0;
-  FILE *f = open_memstream(&text, &len);
-  task_timer_dump(f);
-  fclose(f);
-  std::string s(text, len);
-  free(text);
-  return s;
-}
+std::string dump() { return printed(task_timer_dump); }
 
 void nothing(task_timer *, uint32_t) {}
 
