@@ -11,6 +11,7 @@
 // TimerFire: N timers all due, armed and then dispatched by one loop pass;
 //   CPU time per timer. TimerFireRefresh: the same with libev refreshing its
 //   cached time after every callback, as ours does.
+// ClockRead: one refresh of the cached time against a bare clock_gettime.
 // JobSlice: one pass of a running loop that runs one slice of an idle-time job
 //   with a zero wait (ours: a background job; libev: ev_idle; libuv: uv_idle).
 #include <benchmark/benchmark.h>
@@ -19,6 +20,8 @@
 #include <event2/event.h>
 #include <sched.h>
 #include <uv.h>
+
+#include <time.h>
 
 #include <random>
 #include <vector>
@@ -212,6 +215,25 @@ void fire_libuv(benchmark::State &st) {
   uv_loop_close(&loop);
 }
 
+// ---- ClockRead ----
+// One refresh of the cached time: ours (the TSC where it is invariant) against
+// the clock_gettime it replaces.
+void clock_ours(benchmark::State &st) {
+  kernel();
+  for (auto _ : st) {
+    task_time_update();
+    benchmark::DoNotOptimize(task_now);
+  }
+}
+
+void clock_floor(benchmark::State &st) {
+  timespec ts;
+  for (auto _ : st) {
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    benchmark::DoNotOptimize(ts);
+  }
+}
+
 // ---- JobSlice ----
 // Each loop runs on its own and its idle-time callback takes the benchmark's
 // next iteration, so one iteration is one pass of a running loop (its wait
@@ -274,6 +296,8 @@ BENCHMARK(fire_libevent)->Name("TimerFire/libevent");
 BENCHMARK(fire_libuv)->Name("TimerFire/libuv");
 BENCHMARK(fire_ours)->Name("TimerFireRefresh/ours");
 BENCHMARK(fire_libev_refresh)->Name("TimerFireRefresh/libev");
+BENCHMARK(clock_ours)->Name("ClockRead/ours");
+BENCHMARK(clock_floor)->Name("ClockRead/floor");
 BENCHMARK(slice_ours)->Name("JobSlice/ours");
 BENCHMARK(slice_libev)->Name("JobSlice/libev");
 BENCHMARK(slice_libuv)->Name("JobSlice/libuv");
