@@ -109,7 +109,6 @@ void reparent(task_timer *tip, htimer *parent) {
   tip->task_hier_timer.ht_expiry = keep;
 }
 
-
 // Detaches and re-attaches: a running node keeps its expiry, a parent its
 // running children.
 void move_under(task_timer *tip, task_timer *parent) {
@@ -130,15 +129,15 @@ task_timer *home_of(task *tp, uint32_t flags) {
   return slot;
 }
 
-bool is_task_parent(const task_timer *tip) {
+}  // namespace
+
+bool task_timer_is_task_parent(const task_timer *tip) {
   const task *tp = tip->task_timer_task;
   if (!tp) return false;
   for (task_timer *slot : tp->task_timer_parent)
     if (slot == tip) return true;
   return false;
 }
-
-}  // namespace
 
 task_timer_var task_main_timers;
 
@@ -410,7 +409,7 @@ void task_timer_set_parent(task_timer *timer, task_timer *parent) {
 void task_timer_set_task(task_timer *tip, task *tp) {
   task *old = tip->task_timer_task;
   if (old == tp) return;
-  task_assert(!is_task_parent(tip));
+  task_assert(!task_timer_is_task_parent(tip));
   if (tp) task_verify(tp);
   bool at_home = tip->task_hier_timer.ht_parent == node(home_of(old, tip->task_timer_flags));
   owner_unlink(tip);

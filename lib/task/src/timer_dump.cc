@@ -16,11 +16,6 @@ constexpr uint32_t kClassBits = TIMERF_HIPRIO | TIMERF_LOWPRIO;
 
 inline const task_timer *timer_of(const htimer *h) { return reinterpret_cast<const task_timer *>(h); }
 
-bool is_task_parent(const task *tp, const task_timer *t) {
-  return std::find(std::begin(tp->task_timer_parent), std::end(tp->task_timer_parent), t) !=
-         std::end(tp->task_timer_parent);
-}
-
 // Parents between a timer and its class root (a task's timer sits at 1, under
 // its "Task parent").
 int depth_of(const task_timer *tip) {
@@ -88,7 +83,7 @@ void running_class(FILE *fp, const task *tp, int cls, uint32_t bits, const char 
   if (mine) walk(fp, tp, &mine->task_hier_timer, title, shown);
   std::vector<const task_timer *> rest;
   for (const task_timer *t = tp->task_timers; t; t = t->task_timer_next)
-    if (task_timer_running(t) && (t->task_timer_flags & kClassBits) == bits && !is_task_parent(tp, t) &&
+    if (task_timer_running(t) && (t->task_timer_flags & kClassBits) == bits && !task_timer_is_task_parent(t) &&
         !under(t, mine))
       rest.push_back(t);
   std::stable_sort(rest.begin(), rest.end(), [](const task_timer *a, const task_timer *b) {
@@ -107,7 +102,7 @@ void timers_of(FILE *fp, const task *tp) {
   // Stopped ones in the order they were made (the list holds the newest first).
   std::vector<const task_timer *> stopped;
   for (const task_timer *t = tp->task_timers; t; t = t->task_timer_next)
-    if (!task_timer_running(t) && !is_task_parent(tp, t)) stopped.push_back(t);
+    if (!task_timer_running(t) && !task_timer_is_task_parent(t)) stopped.push_back(t);
   bool shown = false;
   for (auto it = stopped.rbegin(); it != stopped.rend(); ++it) {
     heading(fp, "\n\t\tStopped timers:\n", shown);
