@@ -4,6 +4,7 @@
 #include <cpuid.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -72,8 +73,10 @@ void task_tsc_init(task_tsc_clock *c, bool usable) {
 
 namespace {
 
-// An anchor: the rate over everything since the first anchor, the base moved
-// to the real clock but never behind what the old base gave.
+// An anchor: the rate over everything since the first anchor and the base
+// moved to the real clock. A cached time found ahead of the real clock is
+// never stepped back: the base stays, and the next span runs slow enough to
+// work the excess off by its end.
 void anchor(task_tsc_clock *c, uint64_t tsc, uint64_t mono) {
   if (c->tc_first_tsc == 0) {
     c->tc_first_tsc = tsc;
@@ -93,11 +96,18 @@ void anchor(task_tsc_clock *c, uint64_t tsc, uint64_t mono) {
     c->tc_state = TASK_TSC_OFF;
     return;
   }
-  c->tc_mult = mult;
+  uint64_t span = span_for(mult, TASK_TSC_ANCHOR_NS);
   c->tc_base_tsc = tsc;
-  c->tc_base_ns = mono > est ? mono : est;
-  c->tc_span = span_for(mult, TASK_TSC_ANCHOR_NS);
+  c->tc_span = span;
   c->tc_state = TASK_TSC_ON;
+  if (est <= mono) {
+    c->tc_mult = mult;
+    c->tc_base_ns = mono;
+    return;
+  }
+  uint64_t excess = std::min(est - mono, TASK_TSC_ANCHOR_NS / 2);
+  c->tc_mult = static_cast<uint64_t>((static_cast<unsigned __int128>(TASK_TSC_ANCHOR_NS - excess) << 32) / span);
+  c->tc_base_ns = est;
 }
 
 }  // namespace
@@ -110,8 +120,12 @@ uint64_t task_tsc_reading(task_tsc_clock *c, uint64_t tsc, uint64_t mono) {
 }
 
 bool task_tsc_read_slow(task_tsc_clock *c, uint64_t *ns) {
-  uint64_t t = c->tc_state == TASK_TSC_OFF ? 0 : __rdtsc(), m;
+  uint64_t m;
+  if (c->tc_state == TASK_TSC_OFF) return mono_ns(ns);
+  // The ticks on both sides of the clock's reading, and their midpoint.
+  uint64_t t1 = __rdtsc();
   if (!mono_ns(&m)) return false;
-  *ns = task_tsc_reading(c, t, m);
+  uint64_t t2 = __rdtsc();
+  *ns = task_tsc_reading(c, t1 + (t2 - t1) / 2, m);
   return true;
 }

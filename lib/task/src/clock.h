@@ -6,7 +6,8 @@
 // second of ticks has passed, which moves the base to the real clock and
 // measures the rate again over everything since the first anchor, so an error
 // never grows past what one second of ticks can hold. The clock never runs
-// backwards: a new base is never earlier than what the old one gave.
+// backwards: an anchor that finds it ahead of the real clock keeps its base
+// and runs the next span slow, so that the excess is gone by the span's end.
 #pragma once
 
 #include <x86intrin.h>

@@ -71,18 +71,27 @@ TEST(TscClock, NoisyCalibrationConvergesAndNeverRunsBackwards) {
   }
 }
 
-TEST(TscClock, AClockThatRanAheadHoldsUntilTheRealOneCatchesUp) {
+TEST(TscClock, AnAnchorBehindTheTicksNeverStepsBackAndIsWorkedOff) {
   task_tsc_clock c;
   task_tsc_init(&c, true);
   machine m{3e9};
   m.read(&c, 0);
   m.read(&c, 60'000'000);
   ASSERT_EQ(c.tc_state, TASK_TSC_ON);
-  // The ticks run 1% fast from here on: by the next anchor they are ahead.
-  uint64_t before = task_tsc_reading(&c, m.tsc(1'059'000'000) + 30'000'000, 0);
-  uint64_t at_anchor = task_tsc_reading(&c, m.tsc(1'070'000'000) + 30'300'000, m.mono(1'070'000'000));
+  // At the next anchor the monotonic clock reads 1 ms ahead of the ticks (the
+  // process lost the processor between the two readings).
+  uint64_t before = m.read(&c, 1'059'000'000);
+  uint64_t at_anchor = task_tsc_reading(&c, m.tsc(1'070'000'000), m.mono(1'070'000'000) + 1'000'000);
   EXPECT_GE(at_anchor, before);
-  EXPECT_GT(at_anchor, m.ns0 + 1'070'000'000) << "the base is never moved back to the real clock";
+  // The next anchor finds the cached time ahead of the real clock: it is
+  // never stepped back, but the excess is worked off within a span.
+  uint64_t last = at_anchor;
+  for (uint64_t t = 1'071'000'000; t < 4'000'000'000; t += 1'000'000) {
+    uint64_t got = m.read(&c, t);
+    ASSERT_GE(got, last) << t;
+    last = got;
+    if (t > 3'200'000'000) ASSERT_LT(std::llabs(static_cast<long long>(got - (m.ns0 + t))), 5'000) << t;
+  }
 }
 
 TEST(TscClock, FallsBackWhereTheTicksCannotBeTrusted) {
