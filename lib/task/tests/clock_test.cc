@@ -90,7 +90,9 @@ TEST(TscClock, AnAnchorBehindTheTicksNeverStepsBackAndIsWorkedOff) {
     uint64_t got = m.read(&c, t);
     ASSERT_GE(got, last) << t;
     last = got;
-    if (t > 3'200'000'000) ASSERT_LT(std::llabs(static_cast<long long>(got - (m.ns0 + t))), 5'000) << t;
+    if (t > 3'200'000'000) {
+      ASSERT_LT(std::llabs(static_cast<long long>(got - (m.ns0 + t))), 5'000) << t;
+    }
   }
 }
 
