@@ -1,6 +1,6 @@
 // The TSC clock on made-up readings: calibration, the conversion between
-// anchors, re-anchoring that never runs backwards, a rate error that shrinks
-// as the baseline grows, and the fallbacks.
+// anchors, re-anchoring that never runs backwards and works off an excess, a
+// rate error that shrinks as the baseline grows, and the fallbacks.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -71,7 +71,7 @@ TEST(TscClock, NoisyCalibrationConvergesAndNeverRunsBackwards) {
   }
 }
 
-TEST(TscClock, AnAnchorBehindTheTicksNeverStepsBackAndIsWorkedOff) {
+TEST(TscClock, ACachedTimeAheadOfTheRealClockNeverStepsBackAndIsWorkedOff) {
   task_tsc_clock c;
   task_tsc_init(&c, true);
   machine m{3e9};
