@@ -74,19 +74,28 @@ void task_sched_stat(int which, uint32_t n) { task_var_scheduler(nullptr)->sched
 
 task_utime task_scheduler_last_wait(void) { return last_wait; }
 
-void task_time_update(void) {
+namespace {
+
+[[gnu::cold, gnu::noinline]] void clock_failed(void) {
+  TASK_TRACE(nullptr, TR_TASK, "%s: gettimeofday() failed: %m", "task_time_update");
+  task_assert(0 == "clock_gettime");
+}
+
+// The refresh, inlined into the check that runs after every callback.
+inline void refresh_time(void) {
   task_time_hook_fn hook = task_timer_main()->timer_time_hook;
-  if (hook) {
+  if (__builtin_expect(hook != nullptr, 0)) {
     hook(&task_now);
     return;
   }
   uint64_t ns;
-  if (__builtin_expect(!task_clock_ns(&ns), 0)) {
-    TASK_TRACE(nullptr, TR_TASK, "%s: gettimeofday() failed: %m", "task_time_update");
-    task_assert(0 == "clock_gettime");
-  }
+  if (__builtin_expect(!task_clock_ns(&ns), 0)) clock_failed();
   task_now = task_utime_from_ns(ns);
 }
+
+}  // namespace
+
+void task_time_update(void) { refresh_time(); }
 
 void task_set_time_hook(task_time_hook_fn hook) {
   task_timer_main()->timer_time_hook = hook;
@@ -155,7 +164,7 @@ void task_scheduler_init(task_var_context *context) {
 // Runs after every callback, so it reads the context once and looks at the
 // high root's running bit before asking whether it has expired.
 void task_timer_hiprio_check(void) {
-  task_time_update();
+  refresh_time();
   tvcfull *full = task_var_full(task_var_get_context());
   auto *tv = static_cast<task_timer_var *>(full->tvcfull_timers);
   if (!tv) tv = task_timer_main();
