@@ -9,7 +9,9 @@
 //   its own random interval (1 to 100 s), spread over 100 tasks; the anchors get
 //   the same intervals.
 // TimerFire: N timers all due, armed and then dispatched by one loop pass;
-//   CPU time per timer.
+//   CPU time per timer. TimerFireRefresh: the same with libev refreshing its
+//   cached time after every callback, as ours does.
+// ClockRead: one refresh of the cached time against a bare clock_gettime.
 // JobSlice: one pass of a running loop that runs one slice of an idle-time job
 //   with a zero wait (ours: a background job; libev: ev_idle; libuv: uv_idle).
 #include <benchmark/benchmark.h>
@@ -18,6 +20,8 @@
 #include <event2/event.h>
 #include <sched.h>
 #include <uv.h>
+
+#include <time.h>
 
 #include <random>
 #include <vector>
@@ -167,6 +171,21 @@ void fire_libev(benchmark::State &st) {
   ev_loop_destroy(loop);
 }
 
+// libev under the rule ours keeps: the cached time refreshed after every
+// callback (ev_now_update, its clock_gettime), so the difference between
+// TimerFire/libev and this is what the rule alone costs.
+void fire_libev_refresh(benchmark::State &st) {
+  struct ev_loop *loop = ev_loop_new(EVFLAG_AUTO);
+  std::vector<ev_timer> t(kFire);
+  for (auto &x : t) ev_timer_init(&x, [](struct ev_loop *l, ev_timer *, int) { ev_now_update(l); }, 0, 0);
+  for (auto _ : st) {
+    for (auto &x : t) ev_timer_start(loop, &x);
+    ev_run(loop, EVRUN_NOWAIT);
+  }
+  st.SetItemsProcessed(st.iterations() * kFire);
+  ev_loop_destroy(loop);
+}
+
 void fire_libevent(benchmark::State &st) {
   event_base *base = le().base_new();
   std::vector<event *> t(kFire);
@@ -194,6 +213,25 @@ void fire_libuv(benchmark::State &st) {
   for (auto &x : t) uv_close(reinterpret_cast<uv_handle_t *>(&x), nullptr);
   uv_run(&loop, UV_RUN_DEFAULT);
   uv_loop_close(&loop);
+}
+
+// ---- ClockRead ----
+// One refresh of the cached time: ours (the TSC where it is invariant) against
+// the clock_gettime it replaces.
+void clock_ours(benchmark::State &st) {
+  kernel();
+  for (auto _ : st) {
+    task_time_update();
+    benchmark::DoNotOptimize(task_now);
+  }
+}
+
+void clock_floor(benchmark::State &st) {
+  timespec ts;
+  for (auto _ : st) {
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    benchmark::DoNotOptimize(ts);
+  }
 }
 
 // ---- JobSlice ----
@@ -256,6 +294,10 @@ BENCHMARK(fire_ours)->Name("TimerFire/ours");
 BENCHMARK(fire_libev)->Name("TimerFire/libev");
 BENCHMARK(fire_libevent)->Name("TimerFire/libevent");
 BENCHMARK(fire_libuv)->Name("TimerFire/libuv");
+BENCHMARK(fire_ours)->Name("TimerFireRefresh/ours");
+BENCHMARK(fire_libev_refresh)->Name("TimerFireRefresh/libev");
+BENCHMARK(clock_ours)->Name("ClockRead/ours");
+BENCHMARK(clock_floor)->Name("ClockRead/floor");
 BENCHMARK(slice_ours)->Name("JobSlice/ours");
 BENCHMARK(slice_libev)->Name("JobSlice/libev");
 BENCHMARK(slice_libuv)->Name("JobSlice/libuv");

@@ -17,28 +17,36 @@ extern "C" void __assert_fail(const char *assertion, const char *file, unsigned 
 
 namespace {
 
-void monotonic_now(task_utime *out) {
+void monotonic_now(const htimer *, task_utime *out) {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   *out = task_utime{static_cast<uint32_t>(ts.tv_sec), static_cast<uint32_t>(ts.tv_nsec / 1000)};
 }
-void no_jitter(const task_utime *, uint32_t, task_utime *reduction) { *reduction = task_utime{0, 0}; }
+void no_jitter(const htimer *, const task_utime *, uint32_t, task_utime *reduction) {
+  *reduction = task_utime{0, 0};
+}
 
 constexpr hier_timers_link_personality kDefault = {monotonic_now, no_jitter};
-const hier_timers_link_personality *personality = &kDefault;
 
-inline task_utime now() {
+inline const hier_timers_link_personality *clock_of(const htimer *root) {
+  return root->ht_clock ? root->ht_clock : &kDefault;
+}
+
+// "now" on the clock of the tree that holds node.
+inline task_utime now(const htimer *node) {
+  const htimer *root = htimer_root(node);
   task_utime t;
-  personality->now(&t);
+  clock_of(root)->now(root, &t);
   return t;
 }
 
-// base + interval, brought forward by the jitter.
-task_utime jittered(const task_utime &base, const task_utime *interval, uint32_t jitter) {
+// base + interval, brought forward by the jitter of node's tree.
+task_utime jittered(const htimer *node, const task_utime &base, const task_utime *interval, uint32_t jitter) {
   task_utime e = task_utime_add(base, *interval);
   if (jitter) {
+    const htimer *root = htimer_root(node);
     task_utime r;
-    personality->jitter(interval, jitter, &r);
+    clock_of(root)->jitter(root, interval, jitter, &r);
     e = task_utime_sub(e, r);
   }
   return e;
@@ -291,11 +299,12 @@ int black_height(const htimer_order *o, const htimer_order *parent) {
 
 extern "C" {
 
-const hier_timers_link_personality *htimer_set_personality(const hier_timers_link_personality *p) {
-  const hier_timers_link_personality *old = personality;
-  personality = p ? p : &kDefault;
-  return old;
+void htimer_set_personality(htimer *root, const hier_timers_link_personality *p) {
+  HT_ASSERT(root->ht_parent == NULL);
+  root->ht_clock = p;
 }
+
+const hier_timers_link_personality *htimer_personality(const htimer *node) { return clock_of(htimer_root(node)); }
 
 void htimer_init_parent(htimer *node, htimer *parent, uint16_t user) { init_node(node, parent, user, 0); }
 void htimer_init_leaf(htimer *node, htimer *parent, uint16_t user) { init_node(node, parent, user, HTIMER_LEAF); }
@@ -307,21 +316,21 @@ void htimer_set_abs(htimer *timer, const task_utime *expiry) {
 }
 
 void htimer_set_rel(htimer *leaf, const task_utime *interval, uint32_t jitter) {
-  task_utime e = jittered(now(), interval, jitter);
+  task_utime e = jittered(leaf, now(leaf), interval, jitter);
   htimer_set_abs(leaf, &e);
 }
 
 void htimer_set_periodic(htimer *leaf, const task_utime *interval, uint32_t jitter) {
-  task_utime base = htimer_running(leaf) ? leaf->ht_expiry : now();
-  task_utime e = jittered(base, interval, jitter);
+  task_utime base = htimer_running(leaf) ? leaf->ht_expiry : now(leaf);
+  task_utime e = jittered(leaf, base, interval, jitter);
   htimer_set_abs(leaf, &e);
 }
 
 void htimer_set_latest(htimer *timer, const task_utime *interval, uint32_t jitter, const task_utime *gap,
                        bool from_latest) {
   HT_ASSERT(timer->ht_parent);
-  task_utime t = now();
-  task_utime e = jittered(t, interval, jitter);
+  task_utime t = now(timer);
+  task_utime e = jittered(timer, t, interval, jitter);
   if (htimer *first = timer->ht_parent->ht_first) {
     const task_utime &l = first->ht_prev->ht_expiry;
     if (task_utime_lt(e, l)) {
@@ -362,8 +371,11 @@ void htimer_attach(htimer *root, htimer *parent) {
 void htimer_detach(htimer *node) {
   htimer *p = node->ht_parent;
   if (!p) return;
+  const hier_timers_link_personality *clock = htimer_root(p)->ht_clock;
   if (htimer_running(node)) after_unlink(p, unlink(node));
   node->ht_parent = nullptr;
+  node->ht_order = htimer_order{};
+  node->ht_clock = clock;
 }
 
 void htimer_spread(htimer *parent) {
@@ -378,7 +390,7 @@ void htimer_spread(htimer *parent) {
   } while (cur_timer != c);
   if (n < 3) return;
   const task_utime last = c->ht_prev->ht_expiry;
-  task_utime t = now();
+  task_utime t = now(parent);
   while (n > 1) {
     task_utime w = task_utime_div(task_utime_sub(last, t), n);
     task_utime p = task_utime_add(t, w);
@@ -401,11 +413,11 @@ done:
 }
 
 bool htimer_expired(const htimer *node) {
-  return htimer_running(node) && !task_utime_lt(now(), node->ht_expiry);
+  return htimer_running(node) && !task_utime_lt(now(node), node->ht_expiry);
 }
 
 void htimer_time_left(const htimer *node, task_utime *left) {
-  *left = htimer_running(node) ? task_utime_sub(node->ht_expiry, now()) : task_utime{0, 0};
+  *left = htimer_running(node) ? task_utime_sub(node->ht_expiry, now(node)) : task_utime{0, 0};
 }
 
 bool htimer_verify(const htimer *p) {
@@ -439,7 +451,12 @@ bool htimer_verify(const htimer *p) {
 }
 
 htimer *htimer_next_expired(htimer *root) {
-  if (!htimer_expired(root)) return nullptr;
+  task_utime t = now(root);
+  return htimer_next_expired_at(root, &t);
+}
+
+htimer *htimer_next_expired_at(htimer *root, const task_utime *now) {
+  if (!htimer_running(root) || task_utime_lt(*now, root->ht_expiry)) return nullptr;
   htimer *cur_timer = root;
   while (!htimer_is_leaf(cur_timer)) {
     cur_timer = cur_timer->ht_first;

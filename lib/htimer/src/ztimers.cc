@@ -1,6 +1,7 @@
 // The stand-alone timer set: records, auto parents and the dispatcher.
 #include "htimer/ztimers.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,36 +15,23 @@ extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *fi
 
 namespace {
 
-// The tree reads "now" through one process-wide personality; a set's clock
-// is installed for the length of each operation on the set.
-ztimer_set *current_set;
-
-void set_now(task_utime *out) { current_set->zs_clock(current_set->zs_clock_arg, out); }
+// The set's tree runs on the set's clock: the personality finds the set
+// from the root it is given.
+inline ztimer_set *set_of(const htimer *root) {
+  return reinterpret_cast<ztimer_set *>(reinterpret_cast<uintptr_t>(root) - offsetof(ztimer_set, zs_root));
+}
+void set_now(const htimer *root, task_utime *out) {
+  ztimer_set *set = set_of(root);
+  set->zs_clock(set->zs_clock_arg, out);
+}
 
 // Jitter in percent of the interval, at most 50, drawn in microseconds.
-void set_jitter(const task_utime *interval, uint32_t jitter, task_utime *r) {
+void set_jitter(const htimer *, const task_utime *interval, uint32_t jitter, task_utime *r) {
   uint64_t span = task_utime_to_usec(*interval) * (jitter > 50 ? 50 : jitter) / 100;
   *r = task_utime_from_usec(span ? grand(span > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(span)) : 0);
 }
 
 constexpr hier_timers_link_personality kSetPersonality = {set_now, set_jitter};
-
-class OnSet {
- public:
-  explicit OnSet(ztimer_set *set) : prev_set_(current_set), prev_(htimer_set_personality(&kSetPersonality)) {
-    current_set = set;
-  }
-  ~OnSet() {
-    current_set = prev_set_;
-    htimer_set_personality(prev_);
-  }
-  OnSet(const OnSet &) = delete;
-  OnSet &operator=(const OnSet &) = delete;
-
- private:
-  ztimer_set *prev_set_;
-  const hier_timers_link_personality *prev_;
-};
 
 void make_key(uint8_t key[12], const task_utime *interval, uint8_t jitter) {
   uint32_t words[3] = {interval->ut_sec, interval->ut_usec, jitter};
@@ -77,6 +65,7 @@ ztimer_set *ztimer_set_create(ztimer_clock clock, void *clock_arg) {
   auto *set = static_cast<ztimer_set *>(calloc(1, sizeof(ztimer_set)));
   ZT_ASSERT(set != nullptr);
   htimer_init_parent(&set->zs_root, nullptr, 0);
+  htimer_set_personality(&set->zs_root, &kSetPersonality);
   patricia_root_init(&set->zs_autoparents, false, sizeof(ztimer_auto_parent::zap_key),
                      PATRICIA_KEY_OFFSET(ztimer_auto_parent, zap_pnode, zap_key));
   set->zs_clock = clock;
@@ -112,12 +101,10 @@ void ztimer_delete(ztimer *t) {
     t->zt_flags |= ZTIMER_DELETE;
     return;
   }
-  OnSet on(t->zt_set);
   free_timer(t);
 }
 
 void ztimer_start(ztimer *t, const task_utime *interval, uint8_t jitter, bool repeat) {
-  OnSet on(t->zt_set);
   t->zt_interval = *interval;
   t->zt_jitter = jitter;
   t->zt_flags = static_cast<uint8_t>((t->zt_flags & ~(ZTIMER_STOPPED | ZTIMER_REPEAT)) | (repeat ? ZTIMER_REPEAT : 0));
@@ -125,7 +112,6 @@ void ztimer_start(ztimer *t, const task_utime *interval, uint8_t jitter, bool re
 }
 
 void ztimer_stop(ztimer *t) {
-  OnSet on(t->zt_set);
   htimer_stop(&t->zt_node);
   t->zt_flags |= ZTIMER_STOPPED;
 }
@@ -133,7 +119,6 @@ void ztimer_stop(ztimer *t) {
 void ztimer_autoparent(ztimer *t, const task_utime *interval, uint8_t jitter, bool repeat) {
   ZT_ASSERT_TEXT(htimer_is_leaf(&t->zt_node), "autoparenting non-leaf timer");
   ztimer_set *set = t->zt_set;
-  OnSet on(set);
   uint8_t key[12];
   make_key(key, interval, jitter);
   ztimer_auto_parent *ap = nullptr;
@@ -163,7 +148,6 @@ void ztimer_autoparent(ztimer *t, const task_utime *interval, uint8_t jitter, bo
 }
 
 int ztimer_dispatch(ztimer_set *set) {
-  OnSet on(set);
   int ran = 0;
   while (ran < ZTIMERS_BATCH) {
     htimer *n = htimer_next_expired(&set->zs_root);
@@ -201,7 +185,6 @@ int ztimer_dispatch(ztimer_set *set) {
 }
 
 bool ztimer_next(ztimer_set *set, task_utime *left) {
-  OnSet on(set);
   if (!htimer_running(&set->zs_root)) {
     *left = task_utime{0, 0};
     return false;

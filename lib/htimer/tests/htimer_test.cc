@@ -12,9 +12,11 @@
 namespace {
 
 task_utime fake_now;
-void test_now(task_utime *out) { *out = fake_now; }
+void test_now(const htimer *, task_utime *out) { *out = fake_now; }
 // Jitter as a plain number of microseconds, so tests can predict it.
-void test_jitter(const task_utime *, uint32_t jitter, task_utime *r) { *r = task_utime_from_usec(jitter); }
+void test_jitter(const htimer *, const task_utime *, uint32_t jitter, task_utime *r) {
+  *r = task_utime_from_usec(jitter);
+}
 constexpr hier_timers_link_personality kTest = {test_now, test_jitter};
 
 task_utime sec(double s) { return task_utime_from_usec(static_cast<uint64_t>(s * 1e6)); }
@@ -23,10 +25,9 @@ class Tree : public ::testing::Test {
  protected:
   void SetUp() override {
     fake_now = sec(100);
-    htimer_set_personality(&kTest);
     htimer_init_parent(&root, nullptr, 0);
+    htimer_set_personality(&root, &kTest);
   }
-  void TearDown() override { htimer_set_personality(nullptr); }
 
   // The running children of p, first to last, checking the list's links.
   static std::vector<htimer *> children(const htimer *p) {
@@ -212,6 +213,58 @@ TEST_F(Tree, AttachAndDetachCarryMinima) {
   htimer_stop(&other);
   EXPECT_FALSE(htimer_running(&root));
   check(&root);
+}
+
+// A second clock, an hour ahead, that reads its offset from its root.
+struct offset_root {
+  htimer root;
+  uint64_t ahead_us;
+};
+void offset_now(const htimer *root, task_utime *out) {
+  auto *r = reinterpret_cast<const offset_root *>(root);
+  *out = task_utime_from_usec(task_utime_to_usec(fake_now) + r->ahead_us);
+}
+constexpr hier_timers_link_personality kOffset = {offset_now, test_jitter};
+
+TEST_F(Tree, EachTreeRunsOnItsOwnClock) {
+  offset_root other{};
+  other.ahead_us = 3600'000'000;
+  htimer_init_parent(&other.root, nullptr, 0);
+  htimer_set_personality(&other.root, &kOffset);
+  htimer sub{}, mine{}, theirs{}, moved{};
+  htimer_init_parent(&sub, &other.root, 0);
+  htimer_init_leaf(&theirs, &sub, 0);
+  htimer_init_leaf(&mine, &root, 0);
+  htimer_init_leaf(&moved, &sub, 0);
+  task_utime ten = sec(10), twenty = sec(20);
+  htimer_set_rel(&mine, &ten, 0);
+  htimer_set_rel(&theirs, &twenty, 0);
+  EXPECT_TRUE(task_utime_eq(mine.ht_expiry, sec(110)));
+  EXPECT_TRUE(task_utime_eq(theirs.ht_expiry, sec(3720)));
+  htimer_set_periodic(&moved, &twenty, 5);  // not running: from its tree's now, less the jitter
+  EXPECT_TRUE(task_utime_eq(moved.ht_expiry, task_utime_from_usec(3720'000'000 - 5)));
+  fake_now = sec(111);
+  EXPECT_TRUE(htimer_expired(&mine));
+  EXPECT_FALSE(htimer_expired(&theirs));
+  EXPECT_EQ(htimer_next_expired(&root), &mine);
+  EXPECT_EQ(htimer_next_expired(&other.root), nullptr);
+  task_utime left;
+  htimer_time_left(&theirs, &left);
+  EXPECT_TRUE(task_utime_eq(left, sec(9)));
+  EXPECT_EQ(htimer_personality(&theirs), &kOffset);
+  // A sub-tree takes the clock of the tree it hangs in, and keeps it when
+  // it is let go.
+  htimer_detach(&sub);
+  EXPECT_EQ(htimer_personality(&theirs), &kOffset);
+  htimer_attach(&sub, &root);
+  EXPECT_EQ(htimer_personality(&theirs), &kTest);
+  EXPECT_TRUE(htimer_expired(&mine));
+  htimer_time_left(&theirs, &left);
+  EXPECT_TRUE(task_utime_eq(left, sec(3609)));  // its expiry stays; only the clock reading it changed
+  check(&root);
+  htimer_detach(&sub);
+  htimer_init_parent(&other.root, nullptr, 0);  // re-initialising a root clears its clock
+  EXPECT_NE(htimer_personality(&other.root), &kOffset);
 }
 
 TEST_F(Tree, MisuseAsserts) {

@@ -1,5 +1,6 @@
-// Text dumps of the kernel's state: the task list, the timers, the job
-// queues, the accounting records (the management channel's show commands).
+// Text dumps of the kernel's state: the task list, the job queues, the
+// accounting records (the management channel's show commands; the timers'
+// dump is timer_dump.cc).
 #include <cstdio>
 
 #include "internal.h"
@@ -11,66 +12,12 @@ const char *const task_flag_words[] = {"Accept",  "Connect",      "Delete",
                                        "LowPrio", "MServer",      "ReadDisable",
                                        "WriteDisable", "SocketReplicationEnabled", "Destination-addresses-required",
                                        "appl-managed-timer-root", "automerge"};
-const char timer_flag_letters[] = "DHTFPSL^A";
 
 bool live(const task *tp) { return !(tp->task_flags & TASK_FLAG_DELETE); }
 
 void flag_words(FILE *fp, uint32_t flags) {
   for (unsigned i = 0; i < sizeof task_flag_words / sizeof task_flag_words[0]; i++)
     if (flags & (1u << i)) fprintf(fp, " %s", task_flag_words[i]);
-}
-
-// Depth of a timer below its class root: a task's timers sit under its "Task parent".
-int depth_of(const task_timer *tip) {
-  int d = 0;
-  for (const htimer *h = tip->task_hier_timer.ht_parent; h && h->ht_parent && h->ht_parent->ht_parent; h = h->ht_parent)
-    d++;
-  return d;
-}
-
-void timer_line(FILE *fp, const task_timer *tip) {
-  static const char bars[] = "| | | | | | | | | | | | ";
-  int depth = depth_of(tip);
-  int bar = depth * 2 < static_cast<int>(sizeof bars - 1) ? depth * 2 : static_cast<int>(sizeof bars - 1);
-  char expires[32];
-  if (!task_timer_running(tip)) {
-    snprintf(expires, sizeof expires, "-");
-  } else if (task_timer_expired(tip)) {
-    snprintf(expires, sizeof expires, "late");
-  } else {
-    task_utime left;
-    task_timer_time_left(tip, &left);
-    snprintf(expires, sizeof expires, "%u.%06u", left.ut_sec, left.ut_usec);
-  }
-  char letters[16];
-  size_t n = 0;
-  for (unsigned i = 0; i < sizeof timer_flag_letters - 1; i++)
-    if (tip->task_timer_flags & (1u << i)) letters[n++] = timer_flag_letters[i];
-  letters[n] = '\0';
-  fprintf(fp, "\t\t%.*s%-*s %10s  %6u  %u.%06u  %s\n", bar, bars, 36 - bar,
-          tip->task_timer_name ? tip->task_timer_name : "NoName", expires, tip->task_timer_jitter,
-          tip->task_timer_uinterval.ut_sec, tip->task_timer_uinterval.ut_usec, letters);
-}
-
-void timer_class(FILE *fp, const task *tp, const char *title, bool (*in)(const task_timer *)) {
-  bool any = false;
-  for (const task_timer *t = tp->task_timers; t; t = t->task_timer_next) {
-    if (!htimer_is_leaf(&t->task_hier_timer) || !in(t)) continue;
-    if (!any) fprintf(fp, "%s%s        Timer Name                          Expires  Jitter  Interval  Flags\n", title, "\t\t");
-    any = true;
-    timer_line(fp, t);
-  }
-}
-
-void timers_of(FILE *fp, const task *tp) {
-  timer_class(fp, tp, "\n\t\tHigh priority timers:\n",
-              [](const task_timer *t) { return task_timer_running(t) && (t->task_timer_flags & TIMERF_HIPRIO); });
-  timer_class(fp, tp, "\n\t\tNormal priority timers:\n", [](const task_timer *t) {
-    return task_timer_running(t) && !(t->task_timer_flags & (TIMERF_HIPRIO | TIMERF_LOWPRIO));
-  });
-  timer_class(fp, tp, "\n\t\tLow priority timers:\n",
-              [](const task_timer *t) { return task_timer_running(t) && (t->task_timer_flags & TIMERF_LOWPRIO); });
-  timer_class(fp, tp, "\n\t\tStopped timers:\n", [](const task_timer *t) { return !task_timer_running(t); });
 }
 
 void job_queue(FILE *fp, const char *title, task_job *head) {
@@ -100,20 +47,6 @@ void task_dump(FILE *fp) {
             static_cast<int>(tp->task_pid));
     flag_words(fp, tp->task_flags);
     fputc('\n', fp);
-  }
-}
-
-void task_timer_dump(FILE *fp) {
-  for (task *tp = task_next(task_get_head()); tp && tp != task_get_head(); tp = task_next(tp)) {
-    if (!live(tp) || !tp->task_timers) continue;
-    fprintf(fp, "\tTask %s:\n", task_name(tp));
-    timers_of(fp, tp);
-    fputc('\n', fp);
-  }
-  task *head = task_get_head();
-  if (head && head->task_timers) {
-    fprintf(fp, "\tTimers without tasks:\n\n");
-    timers_of(fp, head);
   }
 }
 

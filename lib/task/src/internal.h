@@ -61,6 +61,13 @@ void task_lowmem_forget(task *tp);
 void task_module_state_alloc(task_app_ctx_t *ctx);
 void task_module_state_reset(void);
 
+// timer.cc: whether a timer is one of its task's "Task parent" timers.
+bool task_timer_is_task_parent(const task_timer *tip);
+
+// mem_timer.cc: the memory-high check's timer on the scheduler task, and its
+// threshold from app_mem_high_percent (0: 80 %).
+void task_memory_timers_init(const task_app_ctx_t *ctx);
+
 // fork.cc: the start pid, taken again after detaching.
 void task_process_ids_init(void);
 

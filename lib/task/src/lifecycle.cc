@@ -277,6 +277,7 @@ void task_daemon_init(task_app_ctx_t *ctx, int argc, char **argv) {
   task_process_ids_init();  // detaching made a new process
   task_module_state_alloc(ctx);
   task_kernel_init_late();
+  task_memory_timers_init(ctx);
   if (ctx->app_start_hook) ctx->app_start_hook();
   if (ctx->app_init_begin) ctx->app_init_begin();
   task_milestone("libRoleAgent Init");

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "clock.h"
+#include "format/task_fmt.h"
 #include "internal.h"
 #include "mem/mem.h"
 #include "mem/pool.h"
@@ -72,19 +74,28 @@ void task_sched_stat(int which, uint32_t n) { task_var_scheduler(nullptr)->sched
 
 task_utime task_scheduler_last_wait(void) { return last_wait; }
 
-void task_time_update(void) {
+namespace {
+
+[[gnu::cold, gnu::noinline]] void clock_failed(void) {
+  TASK_TRACE(nullptr, TR_TASK, "%s: gettimeofday() failed: %m", "task_time_update");
+  task_assert(0 == "clock_gettime");
+}
+
+// The refresh, inlined into the check that runs after every callback.
+inline void refresh_time(void) {
   task_time_hook_fn hook = task_timer_main()->timer_time_hook;
-  if (hook) {
+  if (__builtin_expect(hook != nullptr, 0)) {
     hook(&task_now);
     return;
   }
-  timespec ts;
-  if (clock_gettime(CLOCK_MONOTONIC, &ts) != 0) {
-    TASK_TRACE(nullptr, TR_TASK, "%s: gettimeofday() failed: %m", "task_time_update");
-    task_assert(0 == "clock_gettime");
-  }
-  task_now = task_utime{static_cast<uint32_t>(ts.tv_sec), static_cast<uint32_t>(ts.tv_nsec / 1000)};
+  uint64_t ns;
+  if (__builtin_expect(!task_clock_ns(&ns), 0)) clock_failed();
+  task_now = task_utime_from_ns(ns);
 }
+
+}  // namespace
+
+void task_time_update(void) { refresh_time(); }
 
 void task_set_time_hook(task_time_hook_fn hook) {
   task_timer_main()->timer_time_hook = hook;
@@ -99,6 +110,10 @@ void task_kernel_init(void) {
 void task_kernel_init_early(void) {
   if (kernel_early) return;
   kernel_early = true;
+  // The kernel's trace lines are checked against the framework's directives
+  // when compiled (%t, %A, ...): they are rendered by its formatter too.
+  ztrace_set_printf(task_fmt_snprintf, task_fmt_fprintf, task_fmt_sprintf, task_fmt_vsprintf, task_fmt_vsnprintf,
+                    task_fmt_vfprintf);
   if (!task_memory_is_up()) task_memory_init(nullptr);
   tvcfull *full = &task_var_main_context;
   full->tvcfull_tasks = &main_base;
@@ -124,6 +139,7 @@ void task_kernel_init_late(void) {
   tvcfull *full = &task_var_main_context;
   task_jobs_init(&main_jobs);
   task_timer_init();
+  task_tsc_init(&task_tsc, task_tsc_usable());
   task_time_update();
   grand_seed(task_now.ut_sec ^ task_now.ut_usec);
   task_evq_init();
@@ -148,7 +164,7 @@ void task_scheduler_init(task_var_context *context) {
 // Runs after every callback, so it reads the context once and looks at the
 // high root's running bit before asking whether it has expired.
 void task_timer_hiprio_check(void) {
-  task_time_update();
+  refresh_time();
   tvcfull *full = task_var_full(task_var_get_context());
   auto *tv = static_cast<task_timer_var *>(full->tvcfull_timers);
   if (!tv) tv = task_timer_main();

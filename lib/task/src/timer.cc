@@ -1,9 +1,12 @@
 // Timers over the hierarchical timer tree: creation under per-task class
 // parents, the setters, auto parents, deletion deferred around the method,
 // and dispatch with phase-keeping catch-up.
+#include <time.h>
+
 #include <cstdio>
 #include <cstring>
 
+#include "format/task_fmt.h"
 #include "internal.h"
 #include "mem/block.h"
 #include "platform/grand.h"
@@ -15,8 +18,8 @@ task_block *timer_block;
 task_block *auto_block;
 constexpr task_utime kGap{0, 1};
 
-void tree_now(task_utime *out) { *out = task_now; }
-void tree_jitter(const task_utime *interval, uint32_t jitter, task_utime *r) {
+void tree_now(const htimer *, task_utime *out) { *out = task_now; }
+void tree_jitter(const htimer *, const task_utime *interval, uint32_t jitter, task_utime *r) {
   task_timer_jitter_reduction(interval, jitter, r);
 }
 constexpr hier_timers_link_personality kPersonality = {tree_now, tree_jitter};
@@ -106,12 +109,35 @@ void reparent(task_timer *tip, htimer *parent) {
   tip->task_hier_timer.ht_expiry = keep;
 }
 
-const char *fmt_t(const task_utime &t, char *buf, size_t n) {
-  snprintf(buf, n, "%u.%06u", t.ut_sec, t.ut_usec);
-  return buf;
+// Detaches and re-attaches: a running node keeps its expiry, a parent its
+// running children.
+void move_under(task_timer *tip, task_timer *parent) {
+  htimer_detach(node(tip));
+  htimer_attach(node(tip), node(parent));
+}
+
+// The parent a task's timer of these flags hangs under when none is given.
+task_timer *home_of(task *tp, uint32_t flags) {
+  if (!tp) return class_root(flags);
+  if (flags & TIMERF_APPLROOT) {
+    task_timer *tatr = tp->task_timer_root;
+    task_assert(tatr);
+    return tatr;
+  }
+  task_timer *&slot = tp->task_timer_parent[class_index(flags)];
+  if (!slot) slot = task_timer_create_parent(tp, "Task parent", flags & 0x142, class_root(flags));
+  return slot;
 }
 
 }  // namespace
+
+bool task_timer_is_task_parent(const task_timer *tip) {
+  const task *tp = tip->task_timer_task;
+  if (!tp) return false;
+  for (task_timer *slot : tp->task_timer_parent)
+    if (slot == tip) return true;
+  return false;
+}
 
 task_timer_var task_main_timers;
 
@@ -134,7 +160,13 @@ void task_timer_init(void) {
   patricia_root_init(&tv->timer_auto_tree.tat_root, false, 16,
                      PATRICIA_KEY_OFFSET(task_timer_auto_parent, auto_parent_node, auto_parent_key));
   tv->timer_time_hook = hook;
-  htimer_set_personality(&kPersonality);
+  htimer_set_personality(node(&tv->timer_master_root), &kPersonality);
+  // %t prints a time of the cached (monotonic) clock as a time of day.
+  timespec real, mono;
+  clock_gettime(CLOCK_REALTIME, &real);
+  clock_gettime(CLOCK_MONOTONIC, &mono);
+  int64_t ns = (int64_t{real.tv_sec} - mono.tv_sec) * 1'000'000'000 + (real.tv_nsec - mono.tv_nsec);
+  task_fmt_set_time_offset(ns / 1'000'000'000, static_cast<int32_t>(ns % 1'000'000'000 / 1000));
 }
 
 void task_timer_jitter_reduction(const task_utime *interval, uint32_t percent, task_utime *reduction) {
@@ -160,19 +192,7 @@ task_timer *task_timer_create_internal(task *tp, const char *name, uint32_t flag
   tip->task_timer_method = reinterpret_cast<void *>(method);
   tip->task_timer_data = data;
   tip->task_timer_task = tp;
-  if (!parent) {
-    if (tp && (flags & TIMERF_APPLROOT)) {
-      task_timer *tatr = tp->task_timer_root;
-      task_assert(tatr);
-      parent = tatr;
-    } else if (tp) {
-      task_timer *&slot = tp->task_timer_parent[class_index(flags)];
-      if (!slot) slot = task_timer_create_parent(tp, "Task parent", flags & 0x142, class_root(flags));
-      parent = slot;
-    } else {
-      parent = class_root(flags);
-    }
-  }
+  if (!parent) parent = home_of(tp, flags);
   task_assert((tip->task_timer_flags & 0x02ul) == (parent->task_timer_flags & 0x02ul));
   task_assert((tip->task_timer_flags & 0x40ul) == (parent->task_timer_flags & 0x40ul));
   if (is_leaf)
@@ -226,26 +246,25 @@ void task_timer_uset(task_timer *tip, const task_utime *interval, const task_uti
   assert_settable(tip);
   tip->task_timer_flags |= TIMERF_TOUCHED;
   tip->task_timer_jitter = jitter;
-  char a[24], b[24], c[24];
+  static constexpr task_utime kNone{0, 0};
   if (interval && !task_utime_zero(interval)) {
     tip->task_timer_uinterval = *interval;
     set_rel(tip, offset ? offset : interval, jitter);
     if (offset)
       TASK_TRACE(tip->task_timer_task, TR_TIMER,
-                 "task_timer_uset: timer %s <%s> set to interval %s offset %s with jitter %d at %s",
-                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", fmt_t(*interval, a, 24),
-                 fmt_t(*offset, b, 24), jitter, fmt_t(tip->task_hier_timer.ht_expiry, c, 24));
+                 "task_timer_uset: timer %s <%s> set to interval %#t offset %#t with jitter %d at %t",
+                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", interval, offset,
+                 static_cast<int>(jitter), &tip->task_hier_timer.ht_expiry);
     else
-      TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %s with jitter %d at %s",
-                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", fmt_t(*interval, a, 24),
-                 jitter, fmt_t(tip->task_hier_timer.ht_expiry, c, 24));
+      TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %#t with jitter %d at %t",
+                 task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", interval,
+                 static_cast<int>(jitter), &tip->task_hier_timer.ht_expiry);
   } else if (offset && !task_utime_zero(offset)) {
     tip->task_timer_uinterval = task_utime{0, 0};
     set_rel(tip, offset, jitter);
-    TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %s offset %s with jitter %d at %s",
-               task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName",
-               fmt_t(task_utime{0, 0}, a, 24), fmt_t(*offset, b, 24), jitter,
-               fmt_t(tip->task_hier_timer.ht_expiry, c, 24));
+    TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: timer %s <%s> set to interval %#t offset %#t with jitter %d at %t",
+               task_timer_name(tip), tip->task_timer_name ? tip->task_timer_name : "NoName", &kNone, offset,
+               static_cast<int>(jitter), &tip->task_hier_timer.ht_expiry);
   } else {
     TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset: resetting %s", task_timer_name(tip));
     task_timer_reset(tip);
@@ -275,9 +294,8 @@ void task_timer_set_uinterval(task_timer *tip, const task_utime *interval) {
     htimer_set_periodic(node(tip), interval, tip->task_timer_jitter);
   else
     set_rel(tip, interval, tip->task_timer_jitter);
-  char a[24];
-  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uinterval: timer %s interval set to %s", task_timer_name(tip),
-             fmt_t(*interval, a, 24));
+  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uinterval: timer %s interval set to %#t", task_timer_name(tip),
+             interval);
 }
 
 void task_timer_reset(task_timer *tip) {
@@ -326,9 +344,8 @@ void task_timer_uset_oneshot_latest(task_timer *tip, const task_utime *offset, u
   tip->task_timer_uinterval = task_utime{0, 0};
   tip->task_timer_jitter = jitter;
   htimer_set_latest(node(tip), offset, jitter, &kGap, from_latest);
-  char a[24];
-  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_set_oneshot_latest: timer %s interval set to %s",
-             task_timer_name(tip), fmt_t(*offset, a, 24));
+  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_set_oneshot_latest: timer %s interval set to %#t",
+             task_timer_name(tip), offset);
 }
 
 void task_timer_uset_interval_latest(task_timer *tip, const task_utime *interval, uint32_t jitter,
@@ -337,9 +354,8 @@ void task_timer_uset_interval_latest(task_timer *tip, const task_utime *interval
   tip->task_timer_uinterval = *interval;
   tip->task_timer_jitter = jitter;
   htimer_set_latest(node(tip), interval, jitter, &kGap, from_latest);
-  char a[24];
-  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset_interval_latest: timer %s interval set to %s",
-             task_timer_name(tip), fmt_t(*interval, a, 24));
+  TASK_TRACE(tip->task_timer_task, TR_TIMER, "task_timer_uset_interval_latest: timer %s interval set to %#t",
+             task_timer_name(tip), interval);
 }
 
 void task_timer_uset_latest_auto(task_timer_auto_tree *tree, task_timer *timer, const task_utime *interval,
@@ -378,6 +394,28 @@ void task_timer_uset_latest_auto(task_timer_auto_tree *tree, task_timer *timer, 
 void task_timer_set_jitter(task_timer *timer, uint32_t jitter) {
   task_assert(timer->task_timer_auto_parent == ((void *)0));
   timer->task_timer_jitter = jitter;
+}
+
+void task_timer_set_parent(task_timer *timer, task_timer *parent) {
+  task_assert(timer->task_timer_auto_parent == ((void *)0));
+  task_assert(htimer_initialized(&parent->task_hier_timer) && !htimer_is_leaf(&parent->task_hier_timer));
+  for (const htimer *h = &parent->task_hier_timer; h; h = h->ht_parent) task_assert(h != &timer->task_hier_timer);
+  if (!htimer_is_leaf(&timer->task_hier_timer))
+    task_assert((timer->task_timer_flags & 0x142ul) == (parent->task_timer_flags & 0x142ul));
+  timer->task_timer_flags = (timer->task_timer_flags & ~0x142ul) | (parent->task_timer_flags & 0x142ul);
+  move_under(timer, parent);
+}
+
+void task_timer_set_task(task_timer *tip, task *tp) {
+  task *old = tip->task_timer_task;
+  if (old == tp) return;
+  task_assert(!task_timer_is_task_parent(tip));
+  if (tp) task_verify(tp);
+  bool at_home = tip->task_hier_timer.ht_parent == node(home_of(old, tip->task_timer_flags));
+  owner_unlink(tip);
+  tip->task_timer_task = tp;
+  owner_link(tip);
+  if (at_home) move_under(tip, home_of(tp, tip->task_timer_flags));
 }
 
 void task_timer_spread(task_timer *tip) {
@@ -463,12 +501,20 @@ void after_fire(task_timer *tip, const task_utime &fired_at) {
 
 const char *timer_name_of(const void *tip) { return task_timer_name(static_cast<const task_timer *>(tip)); }
 
-// One timer: its method or its job. The leaf is stopped while the method
-// runs, so that a nested pass does not fire it again. The method runs as
-// its task's (sp: the dispatching context's scheduler record).
+// A timer whose method is already running further up the stack, met again
+// by a nested pass: it is stopped, not run twice; the dispatch that runs its
+// method decides its next expiry when the method returns.
+inline bool nested(task_timer *tip) {
+  if (!(tip->task_timer_flags & TIMERF_PROCESSING)) return false;
+  htimer_stop(node(tip));
+  return true;
+}
+
+// One timer: its method or its job. The leaf stays in the tree, running and
+// expired, while its method runs. The method runs as its task's (sp: the
+// dispatching context's scheduler record).
 void fire(task_timer *tip, task_sched_var *sp) {
   task_utime fired_at = tip->task_hier_timer.ht_expiry;
-  htimer_stop(node(tip));
   tip->task_timer_flags &= ~TIMERF_TOUCHED;
   task *saved = sp->tasksched_current;
   if (tip->task_timer_task) sp->tasksched_current = tip->task_timer_task;
@@ -503,9 +549,10 @@ int task_timer_dispatch(task_timer *root, bool is_high, int limit) {
   task_assert(limit != 0);
   task_sched_var *sp = task_var_scheduler(nullptr);
   int count = 0;
-  while (htimer *next = htimer_next_expired(node(root))) {
+  while (htimer *next = htimer_next_expired_at(node(root), &task_now)) {
     task_timer *tip = reinterpret_cast<task_timer *>(next);
     task_assert(!(((tip->task_timer_flags) & (0x100ul)) != 0));
+    if (nested(tip)) continue;
     fire(tip, sp);
     count++;
     if (count == limit) break;
@@ -523,10 +570,10 @@ void task_timer_hiprio_dispatch(task_timer_var *tv, task_sched_stats *stats) {
 
 int task_timer_appl_dispatch(task_timer *root) {
   int count = 0;
-  while (htimer *next = htimer_next_expired(node(root))) {
+  while (htimer *next = htimer_next_expired_at(node(root), &task_now)) {
     task_timer *tip = reinterpret_cast<task_timer *>(next);
+    if (nested(tip)) continue;
     task_utime fired_at = tip->task_hier_timer.ht_expiry;
-    htimer_stop(node(tip));
     tip->task_timer_flags &= ~TIMERF_TOUCHED;
     if (tip->task_timer_method) {
       tip->task_timer_flags |= TIMERF_PROCESSING;

@@ -1,5 +1,7 @@
 #include "fixture.h"
 
+#include <cstdlib>
+
 namespace tt {
 
 task_utime fake_now;
@@ -37,6 +39,17 @@ int fake_wait(int level, task_kevent *out, int max, const task_utime *timeout) {
 void advance(double s) {
   fake_now = task_utime_add(fake_now, sec(s));
   task_time_update();
+}
+
+std::string printed(void (*dump)(FILE *)) {
+  char *text = nullptr;
+  size_t len = 0;
+  FILE *f = open_memstream(&text, &len);
+  dump(f);
+  fclose(f);
+  std::string out(text, len);
+  free(text);
+  return out;
 }
 
 void passes(int n) {

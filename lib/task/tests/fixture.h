@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <cstdio>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "evlog/evlog.h"
@@ -28,6 +30,8 @@ extern std::function<void()> on_wait;
 inline task_utime sec(double s) { return task_utime_from_usec(static_cast<uint64_t>(s * 1e6 + 0.5)); }
 inline double secs(const task_utime &t) { return t.ut_sec + t.ut_usec / 1e6; }
 void advance(double s);
+// What a dump function prints.
+std::string printed(void (*dump)(FILE *));
 // Runs n passes of the nested loop.
 void passes(int n);
 

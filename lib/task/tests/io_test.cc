@@ -789,13 +789,7 @@ TEST(FdRing, WrapsAndDumps) {
   EXPECT_EQ(recs[0].tfr_fd, 105);
   EXPECT_EQ(recs[TASK_FD_RING_SIZE - 1].tfr_fd, 100 + TASK_FD_RING_SIZE + 4);
   EXPECT_EQ(task_fd_ring_get(recs, 2), 2u);
-  char *text = nullptr;
-  size_t len = 0;
-  FILE *f = open_memstream(&text, &len);
-  task_fd_ring_dump(f);
-  fclose(f);
-  std::string out(text, len);
-  free(text);
+  std::string out = printed(task_fd_ring_dump);
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), TASK_FD_RING_SIZE);
   EXPECT_NE(out.find(" fd 105 open task \n"), std::string::npos) << out.substr(0, 200);
 }

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "fixture.h"
+#include "htimer/ztimers.h"
 #include "platform/grand.h"
 
 namespace tt {
@@ -259,6 +260,196 @@ TEST_F(Kernel, RandomRunsAgainstAModel) {
       }
     }
   }
+}
+
+}  // namespace
+}  // namespace tt
+
+namespace tt {
+namespace {
+
+// A stand-alone timer set whose clock reads far behind the kernel's: what a
+// method of the set does to kernel timers must still use the kernel's clock.
+uint64_t set_clock_us;
+void set_clock(void *, task_utime *now) { *now = task_utime_from_usec(set_clock_us); }
+task_timer *kernel_timer;
+bool kernel_timer_expired_inside;
+uint32_t kernel_timer_left_inside;
+void set_kernel_timer(ztimer *, void *) {
+  task_utime ten{10, 0}, twenty{20, 0};
+  task_timer_uset(kernel_timer, &ten, nullptr, 20);  // with jitter: the tree's own relative set
+  task_timer_set_uinterval(kernel_timer, &twenty);   // from its present expiry
+  kernel_timer_expired_inside = task_timer_expired(kernel_timer);
+  kernel_timer_left_inside = task_timer_seconds_left(kernel_timer);
+}
+
+TEST_F(Kernel, KernelTimersSetInsideAStandAloneSetKeepTheKernelsClock) {
+  set_clock_us = 5'000'000;  // the kernel's clock reads 1000 s
+  ztimer_set *set = ztimer_set_create(set_clock, nullptr);
+  ztimer *z = ztimer_create(set, nullptr, true, set_kernel_timer, nullptr);
+  task_utime one{1, 0};
+  ztimer_start(z, &one, 0, false);
+  kernel_timer = task_timer_create_idle(keeper, "k", 0, note, nullptr);
+  set_clock_us += 1'000'000;
+  ASSERT_EQ(ztimer_dispatch(set), 1);
+  EXPECT_FALSE(kernel_timer_expired_inside);
+  // 1000 + 10, then 20 more, each less up to a fifth for the jitter
+  EXPECT_GE(kernel_timer_left_inside, 23u);
+  double at = secs(kernel_timer->task_hier_timer.ht_expiry);
+  EXPECT_GE(at, 1024.0);
+  EXPECT_LE(at, 1030.0);
+  dispatch_normal();
+  EXPECT_TRUE(fire_times.empty()) << "fired at once on the set's clock";
+  ztimer_delete(z);
+  ztimer_set_destroy(set);
+}
+
+// The other way round: a stand-alone timer started from a kernel timer's
+// method runs on its set's clock.
+ztimer_set *started_set;
+ztimer *started;
+void start_set_timer(task_timer *, uint32_t) {
+  task_utime one{1, 0};
+  ztimer_start(started, &one, 50, false);
+}
+
+TEST_F(Kernel, AStandAloneTimerStartedFromAKernelMethodKeepsItsSetsClock) {
+  set_clock_us = 5'000'000;
+  started_set = ztimer_set_create(set_clock, nullptr);
+  started = ztimer_create(started_set, nullptr, true, nullptr, nullptr);
+  task_timer_create(keeper, "s", TIMERF_DELETE, 0, 1, 0, start_set_timer, nullptr);
+  advance(1);
+  dispatch_normal();
+  uint64_t at = task_utime_to_usec(started->zt_node.ht_expiry);
+  EXPECT_GE(at, 5'500'000u);
+  EXPECT_LE(at, 6'000'000u);
+  task_utime left;
+  EXPECT_TRUE(ztimer_next(started_set, &left));
+  EXPECT_EQ(task_utime_to_usec(left), at - set_clock_us);
+  ztimer_delete(started);
+  ztimer_set_destroy(started_set);
+}
+
+// The design keeps a firing timer in the tree while its method runs: it is
+// running and expired, and a time-left query says zero.
+bool running_inside, expired_inside;
+uint32_t left_inside = 99;
+void look_at_self(task_timer *t, uint32_t) {
+  running_inside = task_timer_running(t);
+  expired_inside = task_timer_expired(t);
+  left_inside = task_timer_seconds_left(t);
+}
+
+TEST_F(Kernel, AFiringTimerStaysRunningWhileItsMethodRuns) {
+  task_timer *t = task_timer_create(keeper, "self", 0, 10, 0, 0, look_at_self, nullptr);
+  task_timer *o = task_timer_create(keeper, "once", 0, 0, 5, 0, look_at_self, nullptr);
+  advance(5);
+  dispatch_normal();
+  EXPECT_TRUE(running_inside);
+  EXPECT_TRUE(expired_inside);
+  EXPECT_EQ(left_inside, 0u);
+  EXPECT_FALSE(task_timer_running(o));  // a one-shot stops after its method
+  running_inside = expired_inside = false;
+  advance(5);
+  dispatch_normal();
+  EXPECT_TRUE(running_inside && expired_inside);
+  EXPECT_EQ(task_timer_seconds_left(t), 10u);  // and a repeating one keeps its phase
+}
+
+}  // namespace
+}  // namespace tt
+
+namespace tt {
+namespace {
+
+std::string moved_fired;
+void moved_note(task_timer *t, uint32_t) { moved_fired += t->task_timer_name; }
+void run_class(task_timer *root) {
+  task_time_update();
+  task_timer_dispatch(root, root == &task_var_timers()->timer_high_root, 1000);
+}
+
+TEST_F(Kernel, AMovedTimerKeepsItsExpiryAndTakesItsNewParentsClass) {
+  task_timer_var *tv = task_var_timers();
+  task_timer *t = task_timer_create(keeper, "t", 0, 0, 5, 0, moved_note, nullptr);  // normal, due 1005
+  task_timer *hi = task_timer_create_parent(keeper, "hi", TIMERF_HIPRIO, nullptr);
+  task_timer *old_parent = keeper->task_timer_parent[TASK_TIMER_CLASS_NORMAL];
+  task_timer_set_parent(t, hi);
+  EXPECT_EQ(task_timer_flags(t) & (TIMERF_HIPRIO | TIMERF_LOWPRIO), uint32_t{TIMERF_HIPRIO});
+  EXPECT_EQ(task_timer_seconds_left(t), 5u);
+  EXPECT_FALSE(task_timer_running(old_parent)) << "its old parent has nothing left to run";
+  EXPECT_TRUE(task_timer_running(&tv->timer_high_root));
+  EXPECT_FALSE(task_timer_running(&tv->timer_normal_root));
+  advance(5);
+  run_class(&tv->timer_normal_root);
+  EXPECT_EQ(moved_fired, "");
+  run_class(&tv->timer_high_root);
+  EXPECT_EQ(moved_fired, "t");
+}
+
+TEST_F(Kernel, AMovedParentCarriesItsRunningChildren) {
+  task_timer_var *tv = task_var_timers();
+  task *other = task_alloc("other", 1, nullptr);
+  task_create(other);
+  task_timer *group = task_timer_create_parent(keeper, "group", 0, nullptr);
+  task_utime two{2, 0}, nine{9, 0};
+  task_timer_create_internal(keeper, "a", 0, group, true, nullptr, &nine, 0, moved_note, nullptr);
+  task_timer_create_internal(keeper, "b", 0, group, true, nullptr, &two, 0, moved_note, nullptr);
+  task_timer *late = task_timer_create(other, "late", 0, 0, 20, 0, moved_note, nullptr);
+  task_timer *other_parent = other->task_timer_parent[TASK_TIMER_CLASS_NORMAL];
+  task_timer_set_parent(group, other_parent);
+  EXPECT_EQ(task_timer_task(group), keeper) << "moving under a parent leaves the owner alone";
+  task_utime left;
+  task_timer_time_left(other_parent, &left);
+  EXPECT_EQ(left.ut_sec, 2u) << "the earliest child now sets the other task's parent";
+  EXPECT_FALSE(task_timer_running(keeper->task_timer_parent[TASK_TIMER_CLASS_NORMAL]));
+  advance(30);
+  run_class(&tv->timer_normal_root);
+  EXPECT_EQ(moved_fired, "balate");
+  (void)late;
+}
+
+TEST_F(Kernel, ATimerGivenToAnotherTaskLivesAndDiesWithIt) {
+  task_timer_var *tv = task_var_timers();
+  task *a = task_alloc("a", 1, nullptr), *b = task_alloc("b", 2, nullptr);
+  task_create(a);
+  task_create(b);
+  task_timer *t = task_timer_create(a, "t", TIMERF_LOWPRIO, 10, 0, 0, moved_note, nullptr);
+  task_timer_set_task(t, b);
+  EXPECT_EQ(task_timer_task(t), b);
+  auto owns = [](task *tp, task_timer *x) {
+    for (task_timer *y = tp->task_timers; y; y = y->task_timer_next)
+      if (y == x) return true;
+    return false;
+  };
+  EXPECT_TRUE(owns(b, t));
+  EXPECT_FALSE(owns(a, t));
+  EXPECT_EQ(t->task_hier_timer.ht_parent, &b->task_timer_parent[TASK_TIMER_CLASS_LOW]->task_hier_timer);
+  EXPECT_EQ(task_timer_seconds_left(t), 10u);
+  task_delete(a);
+  advance(10);
+  run_class(&tv->timer_low_root);
+  EXPECT_EQ(moved_fired, "t") << "it outlives its first task";
+  task_timer_set_task(t, nullptr);  // to the timers without a task, under the class root
+  EXPECT_EQ(task_timer_task(t), nullptr);
+  EXPECT_EQ(t->task_hier_timer.ht_parent, &tv->timer_low_root.task_hier_timer);
+  task_timer_set_task(t, b);
+  task_delete(b);
+  EXPECT_EQ(b->task_timers, nullptr);
+  EXPECT_FALSE(task_timer_running(&tv->timer_low_root)) << "and is deleted with its last";
+}
+
+TEST_F(Kernel, MovesThatWouldBreakTheTreeAssert) {
+  task_utime iv{30, 0};
+  task_timer *a = task_timer_create_idle(keeper, "a", 0, moved_note, nullptr);
+  task_timer *group = task_timer_create_parent(keeper, "group", 0, nullptr);
+  task_timer *inner = task_timer_create_parent(keeper, "inner", 0, group);
+  task_timer_uset_latest_auto(nullptr, a, &iv, 0);
+  EXPECT_DEATH(task_timer_set_parent(a, group), "timer->task_timer_auto_parent == \\(\\(void \\*\\)0\\)");
+  EXPECT_DEATH(task_timer_set_parent(group, inner), "ZTASK_ASSERT");  // under its own child
+  EXPECT_DEATH(task_timer_set_parent(group, task_timer_create_parent(keeper, "h", TIMERF_HIPRIO, nullptr)),
+               "ZTASK_ASSERT");  // a parent keeps its class: its children are of it
+  EXPECT_DEATH(task_timer_set_task(keeper->task_timer_parent[TASK_TIMER_CLASS_NORMAL], nullptr), "ZTASK_ASSERT");
 }
 
 }  // namespace

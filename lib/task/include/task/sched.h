@@ -7,7 +7,11 @@
 //
 // Time is a cached monotonic "now" (task_utime), refreshed by
 // task_time_update and after every callback; a replacement time hook lets
-// tests and simulations drive it. task_scheduler_once / task_scheduler_run are
+// tests and simulations drive it. Where the TSC is invariant (CPUID, or
+// constant_tsc and nonstop_tsc) and the kernel keeps it as its clock source,
+// a refresh reads the TSC, calibrated against CLOCK_MONOTONIC and re-anchored
+// to it each second, never running backwards; elsewhere, or with TVX_TSC=0,
+// clock_gettime (docs/task.md, "Time"). task_scheduler_once / task_scheduler_run are
 // the nested form for a daemon that must wait synchronously for a result.
 #pragma once
 

@@ -4,8 +4,9 @@
 // node per class ("Task parent"), so a task's timers form a small sorted list
 // and the next expiry of the whole process is one read at the master root.
 //
-// Dispatch clears "Touched" before the method; a method that re-sets its own
-// timer keeps what it set. A repeating timer held up for several periods fires
+// Dispatch clears "Touched" before the method; the timer stays in the tree,
+// running and expired, while its method runs, and a method that re-sets its
+// own timer keeps what it set. A repeating timer held up for several periods fires
 // once and keeps its phase. "Processing" and "Free" make deleting a timer from
 // inside its own method safe: the record is freed when the method returns.
 //
@@ -117,6 +118,15 @@ void task_timer_uset_interval_latest(task_timer *tip, const task_utime *interval
 void task_timer_uset_latest_auto(task_timer_auto_tree *tree, task_timer *tip, const task_utime *interval,
                                  uint32_t jitter);
 void task_timer_set_jitter(task_timer *tip, uint32_t jitter);
+// Moves a timer, and what runs under it, under another parent timer: it keeps
+// whether it runs and when, and a leaf takes the new parent's class (a parent
+// timer keeps its own, as its children have it). Not for a timer on an auto
+// parent, nor under itself.
+void task_timer_set_parent(task_timer *tip, task_timer *parent);
+// Gives a timer to another task (null: to the timers without a task). One
+// that hung under its old task's class parent (or application root) moves to
+// the new task's; one under a parent of its own stays there.
+void task_timer_set_task(task_timer *tip, task *tp);
 void task_timer_spread(task_timer *tip);
 
 // ---- Deletion and queries --------------------------------------------------------------
@@ -141,11 +151,12 @@ int task_timer_appl_dispatch(task_timer *root);
 // The percent jitter of an expiry, as the reduction it brings.
 void task_timer_jitter_reduction(const task_utime *interval, uint32_t percent, task_utime *reduction);
 
-// Creates the class roots and installs the kernel's tree personality.
+// Creates the class roots; the master root runs on the kernel's cached time.
 void task_timer_init(void);
 
-// Per task, its timers by class (high, normal, low, stopped), indented by
-// depth; "late" for an expired one; then the timers without a task.
+// Per task, its running timers by class (high, normal, low) in firing order,
+// children under their parent timer indented by depth, then its stopped
+// timers; "late" for an expired one; then the timers without a task.
 void task_timer_dump(FILE *fp);
 
 }  // extern "C"
