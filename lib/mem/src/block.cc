@@ -28,8 +28,15 @@ task_localpool *names_lp[1], *cookies_lp[1];
 
 uint32_t zone_of(const task_block *bp) { return MEM_RZ_BLOCK | (bp->tb_id & 0xffffu); }
 
+// A pooled object waits in its pool linked through its first word, which is a
+// pointer, 8 bytes here: an object of 4 to 7 bytes is laid out as 8, so that
+// the link never reaches its red zone.
+size_t span_of(size_t size, uint16_t flags) {
+  return (flags & TASK_BLOCK_LOCAL_POOL) && size < sizeof(void *) ? sizeof(void *) : size;
+}
+
 uint32_t real_size(size_t size, uint16_t flags) {
-  size_t n = (size + ((flags & TASK_BLOCK_NO_REDZONE) ? 0 : 4) + 3) & ~size_t{3};
+  size_t n = (span_of(size, flags) + ((flags & TASK_BLOCK_NO_REDZONE) ? 0 : 4) + 3) & ~size_t{3};
   if (n < 8) n = 8;
   if (!mem_use_libc) n = jem_nallocx(n, 0);
   return static_cast<uint32_t>(n);
@@ -111,8 +118,9 @@ task_block *task_block_init_flags(size_t size, const char *name, uint32_t flags)
     return nullptr;
   }
   flags |= task_block_global_flags;
-  // On 64 bits a pooled object's list link takes 8 bytes.
-  if ((flags & TASK_BLOCK_LOCAL_POOL) && size < sizeof(void *)) flags &= ~TASK_BLOCK_LOCAL_POOL;
+  // A free object holds a list link: none under 4 bytes is pooled, and 4 to 7
+  // are laid out as 8 (span_of).
+  if ((flags & TASK_BLOCK_LOCAL_POOL) && size < 4) flags &= ~TASK_BLOCK_LOCAL_POOL;
   match_args m = {size, name, flags};
   if (list_ready)
     if (lfll_node *n = lfll_walk(&block_list, same_block, &m)) return LFLL_ENTRY(n, task_block, tb_link);
@@ -149,8 +157,9 @@ void *task_block_alloc(task_block *bp) {
     }
     mem_count(bp->tb_threads, bp->tb_lp_count, bp->tb_real_size, true);
   }
-  // The object is what the caller sees; the allocator's slack after it is not.
-  memset(p, 0, bp->tb_size);
+  // The object is what the caller sees (with a short object's whole link); the
+  // allocator's slack after it is not.
+  memset(p, 0, span_of(bp->tb_size, bp->tb_flags));
   if (!(bp->tb_flags & TASK_BLOCK_NO_REDZONE)) *mem_rz_at(p, bp->tb_real_size) = zone_of(bp);
   mem_history_record(p, bp->tb_real_size, 'A', 'b', bp->tb_id, 6);
   return p;
