@@ -38,6 +38,17 @@ inline size_t real_size(size_t want) {
 
 int je_malloc(task_mem_cookie *c, size_t n, void **out) {
   if (mem_use_libc) return mem_libc_vector.tmv_malloc(c, n, out);
+  if (n >= MEM_LARGE_FROM && n <= SIZE_MAX / 2 && mem_large.span) {
+    size_t size = real_size(n);
+    if (char *b = static_cast<char *>(jem_mallocx(size, mem_large_alloc_flags()))) {
+      if (MEM_UNLIKELY(!mem_is_large(b))) {
+        MEM_FATAL("malloc", "mem_is_large(b)");
+        return EFAULT;
+      }
+      return mem_take_large(b, size, n, c, out);
+    }
+    // The range is used up: framed from the shared arenas, as a small request.
+  }
   size_t want;
   char *b = nullptr;
   size_t size = 0;
@@ -61,8 +72,30 @@ int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
   return mem_take_block(b, size, static_cast<uint32_t>(align), c, out);
 }
 
+// A large block: its head is read from the side table, and its own memory is
+// touched only for the red zone at its end, when it has one.
+int je_free_large(task_mem_cookie *c, void *ptr) {
+  mem_side *s = mem_side_of(ptr);
+  size_t size = s->ms_size;
+  uint32_t zone = s->ms_zone;
+  task_mem_cookie *owner = MEM_LIKELY(zone == mem_cookie_zone(c)) ? c : mem_zone_owner(c, zone);
+  uint32_t *rz = s->ms_tail ? mem_rz_at(static_cast<char *>(ptr), size) : nullptr;
+  if (!owner || s->ms_offset != mem_side_offset(ptr) || (rz && *rz != zone)) {
+    MEM_FATAL("free", "!\"Cookie RedZone Validation Failed\"");
+    return EFAULT;
+  }
+  s->ms_zone = zone & ~MEM_RZ_FREED;
+  if (rz) *rz = zone & ~MEM_RZ_FREED;
+  mem_count_free(owner, static_cast<int64_t>(size));
+  mem_history_record(ptr, size, 'F', 'c', owner->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
+  jem_sdallocx(ptr, size, mem_large_free_flags());
+  return 0;
+}
+
 int je_free(task_mem_cookie *c, void *ptr) {
   if (!ptr) return 0;
+  if (mem_is_large(ptr)) return je_free_large(c, ptr);
   mem_head *h = mem_head_of(ptr);
   size_t size = h->mh_size;
   uint32_t offset = h->mh_offset;
@@ -112,6 +145,7 @@ int je_set_debug_options(const char *options, const char *, uint32_t) {
 
 int je_memory_init(void *) {
   read_size_classes();
+  if (!mem_use_libc) mem_large_init();
   mem_blocks_init();
   mem_fixed_cookies_init();
   mem_container_hooks_install();
