@@ -81,9 +81,12 @@ void *raw_alloc(task_block *bp) {
   if (mem_use_libc) {
     p = __libc_malloc(n);
   } else if (bp->tb_flags & TASK_BLOCK_OWN_ARENA) {
-    p = jem_mallocx(n, jem_arena(process_arena));
+    p = jem_mallocx(n, jem_arena(process_arena) | mem_bypass_flags(n));
   } else {
-    p = jem_mallocx(n, 0);
+    // Objects of 1 KiB and more share their size classes with large cookie
+    // allocations: they come from the same arena (see large.cc).
+    p = jem_mallocx(n, mem_class_flags(n));
+    if (!p && mem_class_flags(n)) p = jem_mallocx(n, jem_tcache(-1));
   }
   if (!p) errno = ENOMEM;
   return p;
@@ -172,7 +175,9 @@ void mem_block_release(task_block *bp, void *obj) {
   if (mem_use_libc)
     __libc_free(p);
   else
-    jem_sdallocx(p, bp->tb_real_size, (bp->tb_flags & TASK_BLOCK_OWN_ARENA) ? jem_arena(process_arena) : 0);
+    jem_sdallocx(p, bp->tb_real_size,
+                 ((bp->tb_flags & TASK_BLOCK_OWN_ARENA) ? jem_arena(process_arena) : 0) |
+                     mem_release_flags(p, bp->tb_real_size));
 }
 
 void task_block_free(task_block *bp, void *ptr) {

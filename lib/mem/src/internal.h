@@ -7,15 +7,16 @@
 #include <cstdint>
 #include <cstring>
 
+#include "jem.h"
 #include "mem/block.h"
 #include "mem/mem.h"
 
 // Two layouts of a cookie allocation:
-// - framed (what would fit in 1 KiB framed, aligned requests, the libc
+// - framed (what fits in 896 bytes framed, small aligned requests, the libc
 //   vector): a 16-byte head in front of the payload, so that payloads keep
 //   malloc's 16-byte alignment, and a red zone in the block's last word;
 // - large (from MEM_LARGE_FROM bytes, jemalloc vector): the block is the
-//   allocator's size class of the request itself, from an arena whose memory
+//   allocator's size class of the request itself (1 KiB at least), from an arena whose memory
 //   lies in one reserved range; the head stands in a side table beside the
 //   range, one record per KiB of it, and the block's last word is a red zone
 //   as well when the class leaves four bytes after the request. A head in
@@ -49,8 +50,13 @@ struct mem_side {
 };
 static_assert(sizeof(mem_side) == 16);
 
-// Requests from this size on take the large layout: framed, they would pass 1 KiB.
-constexpr size_t MEM_LARGE_FROM = 1024 - sizeof(mem_head) - sizeof(uint32_t) + 1;
+// Size classes from MEM_LARGE_CLASS up are the large arena's alone; framed
+// requests stay in the classes below (896 bytes and less), so that requests
+// from MEM_LARGE_FROM bytes on, which framed would pass 896, take the large
+// layout, in a class of 1 KiB at least.
+constexpr size_t MEM_LARGE_CLASS = 1024;
+constexpr size_t MEM_FRAMED_MAX = 896;
+constexpr size_t MEM_LARGE_FROM = MEM_FRAMED_MAX - sizeof(mem_head) - sizeof(uint32_t) + 1;
 constexpr unsigned MEM_SIDE_SHIFT = 10;  // every large block is at least 1 KiB
 
 // The reserved range and its side table; span 0 when the range could not be had.
@@ -58,6 +64,7 @@ struct mem_large_range {
   uintptr_t base;
   uintptr_t span;
   mem_side *side;
+  int flags;  // jemalloc's flags for the range's arena
 };
 extern mem_large_range mem_large;
 
@@ -70,9 +77,14 @@ inline uint16_t mem_side_offset(const void *p) {
 }
 // Reserves the range and makes its arena; leaves the span 0 on failure.
 void mem_large_init(void);
-// jemalloc flags for the large arena, with the calling thread's cache of it.
-int mem_large_alloc_flags(void);
-int mem_large_free_flags(void);
+// jemalloc's flags for a block of `size` bytes that is not a large cookie
+// allocation (a typed block): the large classes come from the range's arena.
+// Should that arena fail (its range used up), such blocks are taken and given
+// back past the threads' caches, with the flags mem_release_flags gives.
+inline int mem_class_flags(size_t size) { return size >= MEM_LARGE_CLASS && mem_large.span ? mem_large.flags : 0; }
+// For a block of the large classes from another arena: past the caches.
+inline int mem_bypass_flags(size_t size) { return size >= MEM_LARGE_CLASS && mem_large.span ? jem_tcache(-1) : 0; }
+inline int mem_release_flags(const void *block, size_t size) { return mem_is_large(block) ? 0 : mem_bypass_flags(size); }
 
 // What the caller may use of an allocation (malloc_usable_size).
 inline size_t mem_payload_size(const void *p) {

@@ -36,25 +36,31 @@ inline size_t real_size(size_t want) {
   return jem_nallocx(want, 0);
 }
 
+// A block of the range's arena. A block of another arena found in the
+// thread's cache goes back to its arena, and ours is taken past the cache.
+char *large_block(size_t size, int flags) {
+  char *b = static_cast<char *>(jem_mallocx(size, flags));
+  if (MEM_UNLIKELY(b && !mem_is_large(b))) {
+    jem_dallocx(b, jem_tcache(-1));
+    b = static_cast<char *>(jem_mallocx(size, flags | jem_tcache(-1)));
+    if (b && !mem_is_large(b)) MEM_FATAL("malloc", "mem_is_large(b)");
+  }
+  return b;
+}
+
 int je_malloc(task_mem_cookie *c, size_t n, void **out) {
   if (mem_use_libc) return mem_libc_vector.tmv_malloc(c, n, out);
   if (n >= MEM_LARGE_FROM && n <= SIZE_MAX / 2 && mem_large.span) {
     size_t size = real_size(n);
-    if (char *b = static_cast<char *>(jem_mallocx(size, mem_large_alloc_flags()))) {
-      if (MEM_UNLIKELY(!mem_is_large(b))) {
-        MEM_FATAL("malloc", "mem_is_large(b)");
-        return EFAULT;
-      }
-      return mem_take_large(b, size, n, c, out);
-    }
-    // The range is used up: framed from the shared arenas, as a small request.
+    if (size < MEM_LARGE_CLASS) size = MEM_LARGE_CLASS;
+    if (char *b = large_block(size, mem_large.flags)) return mem_take_large(b, size, n, c, out);
   }
   size_t want;
   char *b = nullptr;
   size_t size = 0;
   if (mem_want(n, sizeof(mem_head), &want)) {
     size = real_size(want);
-    b = static_cast<char *>(jem_mallocx(size, 0));
+    b = static_cast<char *>(jem_mallocx(size, mem_bypass_flags(size)));
   }
   return mem_take_block(b, size, sizeof(mem_head), c, out);
 }
@@ -66,8 +72,13 @@ int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
   char *b = nullptr;
   size_t size = 0;
   if (mem_want(n, align, &want)) {
+    if (want > MEM_FRAMED_MAX && mem_large.span) {
+      // Large: the block itself is aligned, and its head is beside the range.
+      size = jem_nallocx(n < MEM_LARGE_CLASS ? MEM_LARGE_CLASS : n, jem_align(align));
+      if (char *l = large_block(size, mem_large.flags | jem_align(align))) return mem_take_large(l, size, n, c, out);
+    }
     size = jem_nallocx(want, jem_align(align));
-    b = static_cast<char *>(jem_mallocx(size, jem_align(align)));
+    b = static_cast<char *>(jem_mallocx(size, jem_align(align) | mem_bypass_flags(size)));
   }
   return mem_take_block(b, size, static_cast<uint32_t>(align), c, out);
 }
@@ -100,7 +111,7 @@ int je_free_large(task_mem_cookie *c, void *ptr) {
   mem_count_free(owner, static_cast<int64_t>(size));
   mem_history_record(ptr, size, 'F', 'c', owner->tmc_id, 6);
   if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
-  jem_dallocx(ptr, mem_large_free_flags());
+  jem_dallocx(ptr, 0);
   return 0;
 }
 
@@ -122,7 +133,7 @@ int je_free_large(task_mem_cookie *c, void *ptr) {
   mem_count_free(owner, static_cast<int64_t>(size));
   mem_history_record(ptr, size, 'F', 'c', owner->tmc_id, 6);
   if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
-  jem_sdallocx(block, size, jem_align(offset));
+  jem_sdallocx(block, size, (offset == sizeof(mem_head) ? 0 : jem_align(offset)) | mem_release_flags(block, size));
   return 0;
 }
 
@@ -146,7 +157,7 @@ int je_free(task_mem_cookie *c, void *ptr) {
   mem_count_free(c, static_cast<int64_t>(size));
   mem_history_record(ptr, size, 'F', 'c', c->tmc_id, 6);
   if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
-  jem_dallocx(block, 0);
+  jem_dallocx(block, mem_release_flags(block, size));
   return 0;
 }
 

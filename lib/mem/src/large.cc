@@ -2,11 +2,18 @@
 // jemalloc arena of its own through extent hooks, and the side table of heads
 // beside it. A pointer is large exactly when it lies in the range.
 //
+// The arena shares each thread's cache with the other arenas. The cache keeps
+// blocks by size class, and every class from 1 KiB up is asked of this arena
+// alone (framed requests stay at or under 896 bytes, typed blocks of 1 KiB
+// and more come from here too), so that a block taken from the cache for a
+// large request lies in the range. What could still slip in (a block of
+// another arena freed by code that calls jemalloc itself) is caught at the
+// allocation and sent back past the cache.
+//
 // The range and the side table are reserved without access and opened as the
 // arena takes extents, so that only what is used counts against the machine's
 // commit limit. Extents never go back to the system: jemalloc keeps them and
 // gives their pages back by purging.
-#include <pthread.h>
 #include <sys/mman.h>
 
 #include <mutex>
@@ -14,7 +21,7 @@
 #include "internal.h"
 #include "jem.h"
 
-mem_large_range mem_large = {0, 0, nullptr};
+mem_large_range mem_large = {0, 0, nullptr, 0};
 
 namespace {
 
@@ -23,7 +30,6 @@ constexpr size_t PAGE = 4096;
 std::mutex grow_lock;
 uintptr_t next_free = 0;  // bump pointer in the range
 uintptr_t range_end = 0;  // set before the arena exists: its making takes extents
-unsigned arena_index = 0;
 
 // Side table bytes over the first `range_bytes` of the range.
 size_t side_bytes(size_t range_bytes) { return (range_bytes >> MEM_SIDE_SHIFT) * sizeof(mem_side); }
@@ -69,64 +75,7 @@ bool hook_merge(jem_extent_hooks *, void *, size_t, void *, size_t, bool, unsign
 jem_extent_hooks hooks = {hook_alloc,      hook_keep,         hook_destroy, hook_commit, hook_decommit,
                           hook_purge_lazy, hook_purge_forced, hook_split,   hook_merge};
 
-// Each thread uses a cache of the arena of its own: the thread's automatic
-// cache would mix in blocks of other arenas, which lie outside the range.
-constexpr int NO_CACHE = -1, UNASKED = -2;
-constinit thread_local int thread_cache = UNASKED;
-pthread_key_t cache_key;
-pthread_once_t key_once = PTHREAD_ONCE_INIT;
-std::mutex spare_lock;
-int spare[64];  // caches of threads that ended, flushed, for the next threads
-int spares = 0;
-
-void thread_ends(void *arg) {
-  int tc = static_cast<int>(reinterpret_cast<intptr_t>(arg)) - 1;
-  thread_cache = NO_CACHE;  // whatever this thread frees from now on goes straight to the arena
-  unsigned u = static_cast<unsigned>(tc);
-  jem_mallctl("tcache.flush", nullptr, nullptr, &u, sizeof u);
-  std::lock_guard<std::mutex> g(spare_lock);
-  if (spares < static_cast<int>(sizeof spare / sizeof spare[0]))
-    spare[spares++] = tc;
-  else
-    jem_mallctl("tcache.destroy", nullptr, nullptr, &u, sizeof u);
-}
-
-void make_key() { pthread_key_create(&cache_key, thread_ends); }
-
-int cache_slow() {
-  if (thread_cache != UNASKED) return thread_cache;
-  thread_cache = NO_CACHE;  // also while the cache is being made: its bookkeeping may allocate
-  int tc = NO_CACHE;
-  {
-    std::lock_guard<std::mutex> g(spare_lock);
-    if (spares) tc = spare[--spares];
-  }
-  if (tc == NO_CACHE) {
-    unsigned u;
-    size_t len = sizeof u;
-    if (jem_mallctl("tcache.create", &u, &len, nullptr, 0) == 0) tc = static_cast<int>(u);
-  }
-  if (tc != NO_CACHE) {
-    pthread_once(&key_once, make_key);
-    if (pthread_setspecific(cache_key, reinterpret_cast<void *>(static_cast<intptr_t>(tc) + 1)) != 0) {
-      unsigned u = static_cast<unsigned>(tc);
-      jem_mallctl("tcache.destroy", nullptr, nullptr, &u, sizeof u);
-      tc = NO_CACHE;
-    }
-  }
-  thread_cache = tc;
-  return tc;
-}
-
-inline int cache() {
-  int tc = thread_cache;
-  return MEM_LIKELY(tc >= 0) ? tc : cache_slow();
-}
-
 }  // namespace
-
-int mem_large_alloc_flags(void) { return jem_arena(arena_index) | jem_tcache(cache()); }
-int mem_large_free_flags(void) { return jem_tcache(cache()); }
 
 void mem_large_init(void) {
   if (mem_large.span) return;
@@ -153,7 +102,7 @@ void mem_large_init(void) {
       mem_large.side = nullptr;
       return;
     }
-    arena_index = index;
+    mem_large.flags = jem_arena(index);
     mem_large.span = span;  // last: from here on pointers in the range are large
     return;
   }
