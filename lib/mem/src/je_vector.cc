@@ -83,10 +83,10 @@ int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
   return mem_take_block(b, size, static_cast<uint32_t>(align), c, out);
 }
 
-// Both frees are written so that nothing after them waits for the block's
-// head to come in from memory, where a freed block usually is by now: what is
-// read there feeds only the red zone's check, a branch the processor predicts,
-// and the counters; jemalloc finds the size class of the block itself.
+// Both frees are written so that as little as possible waits for the block's
+// head to come in from memory, where a freed block usually is by now: the
+// block's start is known by a branch the processor predicts, and the zone's
+// check is such a branch too.
 
 // A large block: its head is read from the side table, and its own memory is
 // touched only for the red zone at its end, when it has one.
@@ -111,7 +111,7 @@ int je_free_large(task_mem_cookie *c, void *ptr) {
   mem_count_free(owner, static_cast<int64_t>(size));
   mem_history_record(ptr, size, 'F', 'c', owner->tmc_id, 6);
   if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
-  jem_dallocx(ptr, 0);
+  jem_sdallocx(ptr, size, 0);
   return 0;
 }
 
@@ -157,7 +157,7 @@ int je_free(task_mem_cookie *c, void *ptr) {
   mem_count_free(c, static_cast<int64_t>(size));
   mem_history_record(ptr, size, 'F', 'c', c->tmc_id, 6);
   if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
-  jem_dallocx(block, mem_release_flags(block, size));
+  jem_sdallocx(block, size, mem_release_flags(block, size));
   return 0;
 }
 
