@@ -96,10 +96,9 @@ void mem_large_init(void) {
     unsigned index;
     size_t len = sizeof index;
     if (jem_mallctl("arenas.create", &index, &len, &h, sizeof h) != 0) {
-      munmap(range, span);
-      munmap(side, side_bytes(span));
-      mem_large.base = range_end = 0;
-      mem_large.side = nullptr;
+      // What the half-made arena took stays reserved: jemalloc may still hold it.
+      std::lock_guard<std::mutex> g(grow_lock);
+      range_end = 0;
       return;
     }
     mem_large.flags = jem_arena(index);

@@ -1,5 +1,6 @@
 // The front door and its accounting, linked as in production.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -53,6 +54,37 @@ TEST(FrontDoorStart, BlocksFromBeforeInitStayValid) {
   EXPECT_STREQ(early, "early");
   EXPECT_EQ(*mem_zone_word(early), mem_cookie_zone(task_mem_system_cookie));
   tvx_fd_free(early);
+}
+
+// Where the process may not reserve the range, large requests are framed like
+// small ones, and blocks of the large classes pass by the threads' caches.
+int without_the_range() {
+  long kb = 0;
+  FILE *f = fopen("/proc/self/status", "r");
+  char line[256];
+  while (f && fgets(line, sizeof line, f))
+    if (strncmp(line, "VmSize:", 7) == 0) kb = atol(line + 7);
+  if (f) fclose(f);
+  struct rlimit lim;
+  lim.rlim_cur = lim.rlim_max = static_cast<rlim_t>(kb + (256 << 10)) << 10;
+  if (setrlimit(RLIMIT_AS, &lim) != 0) return 3;
+  if (task_memory_init(nullptr) != 0 || mem_large.span != 0) return 4;
+  for (int round = 0; round < 3; round++) {
+    auto *p = static_cast<unsigned char *>(tvx_fd_malloc(1024));
+    if (mem_is_large(p) || mem_obtained(p) <= 1024 || tvx_fd_malloc_usable_size(p) < 1024) return 5;
+    for (int i = 0; i < 1024; i++)
+      if (p[i]) return 6;
+    memset(p, 1, 1024);
+    task_block *bp = task_block_init(1020, "unranged");
+    void *o = task_block_alloc(bp);
+    task_block_free(bp, o);
+    tvx_fd_free(p);
+  }
+  return 0;
+}
+
+TEST(FrontDoorStart, WithoutTheRangeLargeRequestsAreFramed) {
+  EXPECT_EXIT(_exit(without_the_range()), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(FrontDoor, FixedCookiesInOrder) {
