@@ -16,11 +16,12 @@
 //   vector): a 16-byte head in front of the payload, so that payloads keep
 //   malloc's 16-byte alignment, and a red zone in the block's last word;
 // - large (from MEM_LARGE_FROM bytes, jemalloc vector): the block is the
-//   allocator's size class of the request itself (1 KiB at least), from an arena whose memory
-//   lies in one reserved range; the head stands in a side table beside the
-//   range, one record per KiB of it, and the block's last word is a red zone
-//   as well when the class leaves four bytes after the request. A head in
-//   front would move a 1 KiB object into the next class (1,280 bytes).
+//   allocator's size class of the request itself (1 KiB at least), from an
+//   arena whose memory lies in one reserved range; the head stands in a side
+//   table beside the range, one record per KiB of it, and the block's last
+//   word is a red zone as well when the class leaves four bytes after the
+//   request. A head in front would move a 1 KiB object into the next class
+//   (1,280 bytes).
 // Which layout a pointer has is told by the range alone.
 struct mem_head {
   uint64_t mh_size;    // bytes obtained, from the block's start, red zone included

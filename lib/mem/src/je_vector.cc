@@ -43,7 +43,11 @@ char *large_block(size_t size, int flags) {
   if (MEM_UNLIKELY(b && !mem_is_large(b))) {
     jem_dallocx(b, jem_tcache(-1));
     b = static_cast<char *>(jem_mallocx(size, flags | jem_tcache(-1)));
-    if (b && !mem_is_large(b)) MEM_FATAL("malloc", "mem_is_large(b)");
+    if (b && !mem_is_large(b)) {
+      MEM_FATAL("malloc", "mem_is_large(b)");
+      jem_dallocx(b, jem_tcache(-1));
+      return nullptr;
+    }
   }
   return b;
 }
