@@ -25,13 +25,11 @@ T *zalloc(sparse_alloc_fn alloc, void *context, size_t size) {
   return static_cast<T *>(p);
 }
 
-inline void *lookup16(const sparse_table16 *t, uint32_t k) {
-  void ***l1 = t->root[k >> kRootShift];
-  if (!l1) return nullptr;
-  void **l2 = l1[(k >> kMidShift) & kLow6];
-  if (!l2) return nullptr;
-  return l2[k & kLow6];
-}
+
+// The lookups are inline in the header; these keep them callable by name (the
+// debug shell, other languages).
+[[gnu::used]] void *(*const lookups[])(const sparse_table16 *, const uint32_t *) = {sparse_table16_lookup};
+[[gnu::used]] void *(*const lookups32[])(const sparse_table32 *, const uint32_t *) = {sparse_table32_lookup};
 
 void free_root(sparse_table16 *t, unsigned r) {
   void ***l1 = t->root[r];
@@ -78,12 +76,6 @@ void sparse_table16_destroy(sparse_table16 *table) {
   for (unsigned r = 0; r < kRoots; r++)
     if (table->root[r]) free_root(table, r);
   table->free(table->context, table);
-}
-
-void *sparse_table16_lookup(const sparse_table16 *table, const uint32_t *key) {
-  uint32_t k = *key;
-  if (k >> 16) return nullptr;
-  return lookup16(table, k);
 }
 
 int sparse_table16_insert(sparse_table16 *table, void *value, const uint32_t *key) {
@@ -188,12 +180,6 @@ void sparse_table32_destroy(sparse_table32 *table) {
   table->free(table->context, table);
 }
 
-void *sparse_table32_lookup(const sparse_table32 *table, const uint32_t *key) {
-  uint32_t k = *key;
-  auto *inner = static_cast<const sparse_table16 *>(lookup16(table->top, k >> 16));
-  return inner ? lookup16(inner, k & 0xffff) : nullptr;
-}
-
 int sparse_table32_insert(sparse_table32 *table, void *value, const uint32_t *key) {
   uint32_t k = *key;
   if (k > table->limit) return 1;
@@ -202,7 +188,7 @@ int sparse_table32_insert(sparse_table32 *table, void *value, const uint32_t *ke
     return 0;
   }
   uint32_t hi = k >> 16, lo = k & 0xffff;
-  auto *inner = static_cast<sparse_table16 *>(lookup16(table->top, hi));
+  auto *inner = static_cast<sparse_table16 *>(sparse_table16_walk(table->top, hi));
   bool created = false;
   if (!inner) {
     inner = sparse_table16_create(table->alloc, table->free, table->context);
@@ -228,7 +214,7 @@ int sparse_table32_insert(sparse_table32 *table, void *value, const uint32_t *ke
 void sparse_table32_delete(sparse_table32 *table, const uint32_t *key) {
   uint32_t k = *key;
   uint32_t hi = k >> 16, lo = k & 0xffff;
-  auto *inner = static_cast<sparse_table16 *>(lookup16(table->top, hi));
+  auto *inner = static_cast<sparse_table16 *>(sparse_table16_walk(table->top, hi));
   if (!inner) return;
   sparse_table16_delete(inner, &lo);
   if (inner->high == 0) {
@@ -241,7 +227,7 @@ void sparse_table32_delete(sparse_table32 *table, const uint32_t *key) {
     return;
   }
   uint32_t top_key = table->top->high - 1;
-  auto *last = static_cast<const sparse_table16 *>(lookup16(table->top, top_key));
+  auto *last = static_cast<const sparse_table16 *>(sparse_table16_walk(table->top, top_key));
   table->high = (uint64_t{top_key} << 16) + last->high;
 }
 
@@ -254,7 +240,7 @@ void *sparse_table32_next(const sparse_table32 *table, const uint32_t *prev_key,
     start = *prev_key + 1;
   }
   uint32_t hi = start >> 16, lo = start & 0xffff;
-  auto *inner = static_cast<const sparse_table16 *>(lookup16(table->top, hi));
+  auto *inner = static_cast<const sparse_table16 *>(sparse_table16_walk(table->top, hi));
   uint32_t lo_prev = lo - 1;
   uint32_t found;
   // The first inner table is entered at `lo`; later ones from their start.

@@ -28,8 +28,15 @@ task_localpool *names_lp[1], *cookies_lp[1];
 
 uint32_t zone_of(const task_block *bp) { return MEM_RZ_BLOCK | (bp->tb_id & 0xffffu); }
 
+// A pooled object waits in its pool linked through its first word, which is a
+// pointer, 8 bytes here: an object of 4 to 7 bytes is laid out as 8, so that
+// the link never reaches its red zone.
+size_t span_of(size_t size, uint16_t flags) {
+  return (flags & TASK_BLOCK_LOCAL_POOL) && size < sizeof(void *) ? sizeof(void *) : size;
+}
+
 uint32_t real_size(size_t size, uint16_t flags) {
-  size_t n = (size + ((flags & TASK_BLOCK_NO_REDZONE) ? 0 : 4) + 3) & ~size_t{3};
+  size_t n = (span_of(size, flags) + ((flags & TASK_BLOCK_NO_REDZONE) ? 0 : 4) + 3) & ~size_t{3};
   if (n < 8) n = 8;
   if (!mem_use_libc) n = jem_nallocx(n, 0);
   return static_cast<uint32_t>(n);
@@ -74,9 +81,12 @@ void *raw_alloc(task_block *bp) {
   if (mem_use_libc) {
     p = __libc_malloc(n);
   } else if (bp->tb_flags & TASK_BLOCK_OWN_ARENA) {
-    p = jem_mallocx(n, jem_arena(process_arena));
+    p = jem_mallocx(n, jem_arena(process_arena) | mem_bypass_flags(n));
   } else {
-    p = jem_mallocx(n, 0);
+    // Objects of 1 KiB and more share their size classes with large cookie
+    // allocations: they come from the same arena (see large.cc).
+    p = jem_mallocx(n, mem_class_flags(n));
+    if (!p && mem_class_flags(n)) p = jem_mallocx(n, jem_tcache(-1));
   }
   if (!p) errno = ENOMEM;
   return p;
@@ -111,8 +121,9 @@ task_block *task_block_init_flags(size_t size, const char *name, uint32_t flags)
     return nullptr;
   }
   flags |= task_block_global_flags;
-  // On 64 bits a pooled object's list link takes 8 bytes.
-  if ((flags & TASK_BLOCK_LOCAL_POOL) && size < sizeof(void *)) flags &= ~TASK_BLOCK_LOCAL_POOL;
+  // A free object holds a list link: none under 4 bytes is pooled, and 4 to 7
+  // are laid out as 8 (span_of).
+  if ((flags & TASK_BLOCK_LOCAL_POOL) && size < 4) flags &= ~TASK_BLOCK_LOCAL_POOL;
   match_args m = {size, name, flags};
   if (list_ready)
     if (lfll_node *n = lfll_walk(&block_list, same_block, &m)) return LFLL_ENTRY(n, task_block, tb_link);
@@ -149,8 +160,9 @@ void *task_block_alloc(task_block *bp) {
     }
     mem_count(bp->tb_threads, bp->tb_lp_count, bp->tb_real_size, true);
   }
-  // The object is what the caller sees; the allocator's slack after it is not.
-  memset(p, 0, bp->tb_size);
+  // The object is what the caller sees (with a short object's whole link); the
+  // allocator's slack after it is not.
+  memset(p, 0, span_of(bp->tb_size, bp->tb_flags));
   if (!(bp->tb_flags & TASK_BLOCK_NO_REDZONE)) *mem_rz_at(p, bp->tb_real_size) = zone_of(bp);
   mem_history_record(p, bp->tb_real_size, 'A', 'b', bp->tb_id, 6);
   return p;
@@ -163,7 +175,9 @@ void mem_block_release(task_block *bp, void *obj) {
   if (mem_use_libc)
     __libc_free(p);
   else
-    jem_sdallocx(p, bp->tb_real_size, (bp->tb_flags & TASK_BLOCK_OWN_ARENA) ? jem_arena(process_arena) : 0);
+    jem_sdallocx(p, bp->tb_real_size,
+                 ((bp->tb_flags & TASK_BLOCK_OWN_ARENA) ? jem_arena(process_arena) : 0) |
+                     mem_release_flags(p, bp->tb_real_size));
 }
 
 void task_block_free(task_block *bp, void *ptr) {

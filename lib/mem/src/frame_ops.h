@@ -22,6 +22,25 @@ inline int mem_take_block(char *b, size_t size, uint32_t offset, task_mem_cookie
   return 0;
 }
 
+// The same for a large block of `size` bytes asked for `n`: the head goes to
+// the side table, and a red zone into the block's last word if the class has
+// room for it after the request.
+inline int mem_take_large(char *b, size_t size, size_t n, task_mem_cookie *c, void **out) {
+  memset(b, 0, size);
+  uint32_t zone = mem_cookie_zone(c);
+  mem_side *s = mem_side_of(b);
+  s->ms_size = size;
+  s->ms_zone = zone;
+  s->ms_offset = mem_side_offset(b);
+  s->ms_tail = size - n >= sizeof(uint32_t);
+  if (s->ms_tail) *mem_rz_at(b, size) = zone;
+  *out = b;
+  mem_count_alloc(c, static_cast<int64_t>(size));
+  mem_history_record(b, size, 'A', 'c', c->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_alloc(b);
+  return 0;
+}
+
 inline bool mem_want(size_t n, size_t offset, size_t *want) {
   if (n > SIZE_MAX / 2) return false;
   *want = (n + offset + sizeof(uint32_t) + 3) & ~size_t{3};

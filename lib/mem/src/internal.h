@@ -7,11 +7,22 @@
 #include <cstdint>
 #include <cstring>
 
+#include "jem.h"
 #include "mem/block.h"
 #include "mem/mem.h"
 
-// The head in front of every cookie allocation: 16 bytes, so that payloads
-// keep malloc's 16-byte alignment.
+// Two layouts of a cookie allocation:
+// - framed (what fits in 896 bytes framed, small aligned requests, the libc
+//   vector): a 16-byte head in front of the payload, so that payloads keep
+//   malloc's 16-byte alignment, and a red zone in the block's last word;
+// - large (from MEM_LARGE_FROM bytes, jemalloc vector): the block is the
+//   allocator's size class of the request itself (1 KiB at least), from an
+//   arena whose memory lies in one reserved range; the head stands in a side
+//   table beside the range, one record per KiB of it, and the block's last
+//   word is a red zone as well when the class leaves four bytes after the
+//   request. A head in front would move a 1 KiB object into the next class
+//   (1,280 bytes).
+// Which layout a pointer has is told by the range alone.
 struct mem_head {
   uint64_t mh_size;    // bytes obtained, from the block's start, red zone included
   uint32_t mh_offset;  // payload - block start: 16, or more for aligned requests
@@ -29,12 +40,70 @@ inline mem_head *mem_head_of(const void *p) {
 }
 inline char *mem_block_of(const void *p) { return reinterpret_cast<char *>(mem_head_of(p)) + sizeof(mem_head) - mem_head_of(p)->mh_offset; }
 inline uint32_t *mem_rz_at(char *block, size_t size) { return reinterpret_cast<uint32_t *>(block + size - 4); }
-// What the caller may use of a framed allocation (malloc_usable_size).
+inline uint32_t mem_cookie_zone(const task_mem_cookie *c) { return MEM_RZ_COOKIE | (c->tmc_id & 0xffffu); }
+
+// The side head of a large block.
+struct mem_side {
+  uint64_t ms_size;    // bytes obtained: the size class
+  uint32_t ms_zone;    // the cookie's zone; bit 29 cleared on free
+  uint16_t ms_offset;  // the block's offset within its KiB of the range
+  uint16_t ms_tail;    // 1 when the block's last word is a red zone too
+};
+static_assert(sizeof(mem_side) == 16);
+
+// Size classes from MEM_LARGE_CLASS up are the large arena's alone; framed
+// requests stay in the classes below (896 bytes and less), so that requests
+// from MEM_LARGE_FROM bytes on, which framed would pass 896, take the large
+// layout, in a class of 1 KiB at least.
+constexpr size_t MEM_LARGE_CLASS = 1024;
+constexpr size_t MEM_FRAMED_MAX = 896;
+constexpr size_t MEM_LARGE_FROM = MEM_FRAMED_MAX - sizeof(mem_head) - sizeof(uint32_t) + 1;
+constexpr unsigned MEM_SIDE_SHIFT = 10;  // every large block is at least 1 KiB
+
+// The reserved range and its side table; span 0 when the range could not be had.
+struct mem_large_range {
+  uintptr_t base;
+  uintptr_t span;
+  mem_side *side;
+  int flags;  // jemalloc's flags for the range's arena
+};
+extern mem_large_range mem_large;
+
+inline bool mem_is_large(const void *p) { return reinterpret_cast<uintptr_t>(p) - mem_large.base < mem_large.span; }
+inline mem_side *mem_side_of(const void *p) {
+  return mem_large.side + ((reinterpret_cast<uintptr_t>(p) - mem_large.base) >> MEM_SIDE_SHIFT);
+}
+inline uint16_t mem_side_offset(const void *p) {
+  return static_cast<uint16_t>((reinterpret_cast<uintptr_t>(p) - mem_large.base) & ((1u << MEM_SIDE_SHIFT) - 1));
+}
+// Reserves the range and makes its arena; leaves the span 0 on failure.
+void mem_large_init(void);
+// jemalloc's flags for a block of `size` bytes that is not a large cookie
+// allocation (a typed block): the large classes come from the range's arena.
+// Should that arena fail (its range used up), such blocks are taken and given
+// back past the threads' caches, with the flags mem_release_flags gives.
+inline int mem_class_flags(size_t size) { return size >= MEM_LARGE_CLASS && mem_large.span ? mem_large.flags : 0; }
+// For a block of the large classes from another arena: past the caches.
+inline int mem_bypass_flags(size_t size) { return size >= MEM_LARGE_CLASS && mem_large.span ? jem_tcache(-1) : 0; }
+inline int mem_release_flags(const void *block, size_t size) { return mem_is_large(block) ? 0 : mem_bypass_flags(size); }
+
+// What the caller may use of an allocation (malloc_usable_size).
 inline size_t mem_payload_size(const void *p) {
+  if (mem_is_large(p)) {
+    const mem_side *s = mem_side_of(p);
+    return s->ms_size - (s->ms_tail ? sizeof(uint32_t) : 0);
+  }
   const mem_head *h = mem_head_of(p);
   return h->mh_size - h->mh_offset - sizeof(uint32_t);
 }
-inline uint32_t mem_cookie_zone(const task_mem_cookie *c) { return MEM_RZ_COOKIE | (c->tmc_id & 0xffffu); }
+// Bytes obtained from the allocator for an allocation.
+inline size_t mem_obtained(const void *p) { return mem_is_large(p) ? mem_side_of(p)->ms_size : mem_head_of(p)->mh_size; }
+// The word that carries an allocation's cookie zone: the side head's for a
+// large block, else the red zone.
+inline uint32_t *mem_zone_word(const void *p) {
+  if (mem_is_large(p)) return &mem_side_of(p)->ms_zone;
+  return mem_rz_at(mem_block_of(p), mem_head_of(p)->mh_size);
+}
 
 // Fills head and red zone of a fresh block of `size` bytes, payload at `offset`.
 inline void *mem_frame(char *block, size_t size, uint32_t offset, const task_mem_cookie *c) {

@@ -36,14 +36,35 @@ inline size_t real_size(size_t want) {
   return jem_nallocx(want, 0);
 }
 
+// A block of the range's arena. A block of another arena found in the
+// thread's cache goes back to its arena, and ours is taken past the cache.
+char *large_block(size_t size, int flags) {
+  char *b = static_cast<char *>(jem_mallocx(size, flags));
+  if (MEM_UNLIKELY(b && !mem_is_large(b))) {
+    jem_dallocx(b, jem_tcache(-1));
+    b = static_cast<char *>(jem_mallocx(size, flags | jem_tcache(-1)));
+    if (b && !mem_is_large(b)) {
+      MEM_FATAL("malloc", "mem_is_large(b)");
+      jem_dallocx(b, jem_tcache(-1));
+      return nullptr;
+    }
+  }
+  return b;
+}
+
 int je_malloc(task_mem_cookie *c, size_t n, void **out) {
   if (mem_use_libc) return mem_libc_vector.tmv_malloc(c, n, out);
+  if (n >= MEM_LARGE_FROM && n <= SIZE_MAX / 2 && mem_large.span) {
+    size_t size = real_size(n);
+    if (size < MEM_LARGE_CLASS) size = MEM_LARGE_CLASS;
+    if (char *b = large_block(size, mem_large.flags)) return mem_take_large(b, size, n, c, out);
+  }
   size_t want;
   char *b = nullptr;
   size_t size = 0;
   if (mem_want(n, sizeof(mem_head), &want)) {
     size = real_size(want);
-    b = static_cast<char *>(jem_mallocx(size, 0));
+    b = static_cast<char *>(jem_mallocx(size, mem_bypass_flags(size)));
   }
   return mem_take_block(b, size, sizeof(mem_head), c, out);
 }
@@ -55,20 +76,58 @@ int je_memalign(task_mem_cookie *c, size_t align, size_t n, void **out) {
   char *b = nullptr;
   size_t size = 0;
   if (mem_want(n, align, &want)) {
+    if (want > MEM_FRAMED_MAX && mem_large.span) {
+      // Large: the block itself is aligned, and its head is beside the range.
+      size = jem_nallocx(n < MEM_LARGE_CLASS ? MEM_LARGE_CLASS : n, jem_align(align));
+      if (char *l = large_block(size, mem_large.flags | jem_align(align))) return mem_take_large(l, size, n, c, out);
+    }
     size = jem_nallocx(want, jem_align(align));
-    b = static_cast<char *>(jem_mallocx(size, jem_align(align)));
+    b = static_cast<char *>(jem_mallocx(size, jem_align(align) | mem_bypass_flags(size)));
   }
   return mem_take_block(b, size, static_cast<uint32_t>(align), c, out);
 }
 
-int je_free(task_mem_cookie *c, void *ptr) {
-  if (!ptr) return 0;
+// Both frees are written so that as little as possible waits for the block's
+// head to come in from memory, where a freed block usually is by now: the
+// block's start is known by a branch the processor predicts, and the zone's
+// check is such a branch too.
+
+// A large block: its head is read from the side table, and its own memory is
+// touched only for the red zone at its end, when it has one.
+int je_free_large(task_mem_cookie *c, void *ptr) {
+  mem_side *s = mem_side_of(ptr);
+  size_t size = s->ms_size;
+  uint32_t zone = s->ms_zone;
+  task_mem_cookie *owner = MEM_LIKELY(zone == mem_cookie_zone(c)) ? c : mem_zone_owner(c, zone);
+  if (MEM_UNLIKELY(!owner || s->ms_offset != mem_side_offset(ptr))) {
+    MEM_FATAL("free", "!\"Cookie RedZone Validation Failed\"");
+    return EFAULT;
+  }
+  if (s->ms_tail) {
+    uint32_t *rz = mem_rz_at(static_cast<char *>(ptr), size);
+    if (MEM_UNLIKELY(*rz != zone)) {
+      MEM_FATAL("free", "!\"Cookie RedZone Validation Failed\"");
+      return EFAULT;
+    }
+    *rz = zone & ~MEM_RZ_FREED;
+  }
+  s->ms_zone = zone & ~MEM_RZ_FREED;
+  mem_count_free(owner, static_cast<int64_t>(size));
+  mem_history_record(ptr, size, 'F', 'c', owner->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
+  jem_sdallocx(ptr, size, 0);
+  return 0;
+}
+
+// A framed block in general: aligned ones, those of another cookie or of the
+// libc vector, and broken ones.
+[[gnu::noinline]] int je_free_slow(task_mem_cookie *c, void *ptr, task_mem_cookie *owner) {
   mem_head *h = mem_head_of(ptr);
   size_t size = h->mh_size;
   uint32_t offset = h->mh_offset;
   char *block = mem_block_of(ptr);
   uint32_t *rz = mem_rz_at(block, size);
-  task_mem_cookie *owner = MEM_LIKELY(*rz == mem_cookie_zone(c)) ? c : mem_zone_owner(c, *rz);
+  if (!owner) owner = mem_zone_owner(c, *rz);
   if (!owner) {
     MEM_FATAL("free", "!\"Cookie RedZone Validation Failed\"");
     return EFAULT;
@@ -78,10 +137,31 @@ int je_free(task_mem_cookie *c, void *ptr) {
   mem_count_free(owner, static_cast<int64_t>(size));
   mem_history_record(ptr, size, 'F', 'c', owner->tmc_id, 6);
   if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
-  if (offset == sizeof(mem_head))
-    jem_sdallocx(block, size, 0);
-  else
-    jem_sdallocx(block, size, jem_align(offset));
+  jem_sdallocx(block, size, (offset == sizeof(mem_head) ? 0 : jem_align(offset)) | mem_release_flags(block, size));
+  return 0;
+}
+
+int je_free(task_mem_cookie *c, void *ptr) {
+  if (!ptr) return 0;
+  if (mem_is_large(ptr)) return je_free_large(c, ptr);
+  mem_head *h = mem_head_of(ptr);
+  // The block's start is known by a predicted branch, not from the head's value.
+  if (MEM_UNLIKELY(h->mh_offset != sizeof(mem_head))) return je_free_slow(c, ptr, nullptr);
+  char *block = static_cast<char *>(ptr) - sizeof(mem_head);
+  size_t size = h->mh_size;
+  uint32_t *rz = mem_rz_at(block, size);
+  if (MEM_UNLIKELY(*rz != mem_cookie_zone(c))) {
+    // Another cookie's, the libc vector's, or broken: the slow path sorts it out.
+    task_mem_cookie *owner = mem_zone_owner(c, *rz);
+    if (!owner || owner == &task_mem_libc_cookie || mem_use_libc) return je_free_slow(c, ptr, owner);
+    c = owner;
+  }
+  if (MEM_UNLIKELY(mem_use_libc)) return mem_libc_vector.tmv_free(c, ptr);
+  *rz &= ~MEM_RZ_FREED;
+  mem_count_free(c, static_cast<int64_t>(size));
+  mem_history_record(ptr, size, 'F', 'c', c->tmc_id, 6);
+  if (const mem_leak_hooks *l = mem_leak.load(std::memory_order_relaxed)) l->on_free(ptr);
+  jem_sdallocx(block, size, mem_release_flags(block, size));
   return 0;
 }
 
@@ -112,6 +192,7 @@ int je_set_debug_options(const char *options, const char *, uint32_t) {
 
 int je_memory_init(void *) {
   read_size_classes();
+  if (!mem_use_libc) mem_large_init();
   mem_blocks_init();
   mem_fixed_cookies_init();
   mem_container_hooks_install();

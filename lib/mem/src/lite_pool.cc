@@ -19,7 +19,8 @@ namespace {
 
 constexpr size_t MAX_ALLOC = size_t{1} << 24;
 constexpr size_t OBJ_ALIGN = 16;
-// A page request that the front door frames into exactly TASK_LITE_PAGE bytes.
+// A page request that the front door serves from exactly TASK_LITE_PAGE bytes
+// (framed, or the size class of a large block).
 constexpr size_t PAGE_REQUEST = TASK_LITE_PAGE - MEM_FRAME;
 constexpr size_t PAGE_ROOM = (PAGE_REQUEST - sizeof(task_lite_chunk)) & ~(OBJ_ALIGN - 1);
 constexpr int KEEP_ON_RESET = 4;
@@ -31,7 +32,7 @@ task_mem_cookie *cookie() { return task_mem_pool_cookie ? task_mem_pool_cookie :
 
 char *payload(task_lite_chunk *c) { return reinterpret_cast<char *>(c + 1); }
 
-uint64_t obtained(const task_lite_chunk *c) { return mem_head_of(c)->mh_size; }
+uint64_t obtained(const task_lite_chunk *c) { return mem_obtained(c); }
 
 void count_in(task_lite_pool *p, const task_lite_chunk *c) {
   p->tlp_pages += c->tlc_pages;

@@ -43,9 +43,38 @@ TEST_F(Blocks, OneBlockPerTripleAndSizeLimits) {
   errno = 0;
   EXPECT_EQ(task_block_init(TASK_BLOCK_MAX_SIZE + 1, "too large"), nullptr);
   EXPECT_EQ(errno, EFAULT);
-  // A pooled object holds a list link: too small an object gets no pool.
+  // Below 4 bytes an object gets no pool.
   EXPECT_FALSE(task_block_init_flags(2, "tiny", TASK_BLOCK_LOCAL_POOL)->tb_flags & TASK_BLOCK_LOCAL_POOL);
+  EXPECT_FALSE(task_block_init_flags(3, "tiny3", TASK_BLOCK_LOCAL_POOL)->tb_flags & TASK_BLOCK_LOCAL_POOL);
   EXPECT_TRUE(task_block_init_flags(8, "small", TASK_BLOCK_LOCAL_POOL)->tb_flags & TASK_BLOCK_LOCAL_POOL);
+}
+
+// Objects of 4 to 7 bytes are pooled although their 8-byte list link is longer
+// than they are: while they wait in the pool the link must leave their red
+// zone alone, and they come back cleared.
+TEST_F(Blocks, ObjectsShorterThanALinkArePooledWithTheirZones) {
+  for (size_t size = 4; size < 8; size++) {
+    task_block *bp = task_block_init_flags(size, "short", TASK_BLOCK_LOCAL_POOL);
+    ASSERT_TRUE(bp->tb_flags & TASK_BLOCK_LOCAL_POOL) << size;
+    uint32_t zone = MEM_RZ_BLOCK | (bp->tb_id & 0xffff);
+    char *p[3];
+    for (char *&q : p) {
+      q = static_cast<char *>(task_block_alloc(bp));
+      memset(q, 0xff, size);
+    }
+    for (char *q : p) task_block_free(bp, q);
+    ASSERT_EQ(pooled(bp), 3u);
+    for (char *q : p) EXPECT_EQ(*mem_rz_at(q, bp->tb_real_size), zone) << size;
+    for (int i = 2; i >= 0; i--) {
+      auto *q = static_cast<unsigned char *>(task_block_alloc(bp));
+      EXPECT_EQ(reinterpret_cast<char *>(q), p[i]);  // from the pool, newest first
+      for (size_t k = 0; k < size; k++) EXPECT_EQ(q[k], 0) << size;
+    }
+    EXPECT_EQ(pooled(bp), 0u);
+    for (char *q : p) task_block_free(bp, q);
+    task_mem_block_pool_empty();
+    EXPECT_EQ(objects(bp), 0u);
+  }
 }
 
 TEST_F(Blocks, ObjectsAreZeroedAndGuarded) {

@@ -1,6 +1,8 @@
 // The front door and its accounting, linked as in production.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -9,6 +11,8 @@
 #include <vector>
 
 #include "../src/internal.h"
+#include "../src/jem.h"
+#include "mem/block.h"
 #include "mem/mem.h"
 
 namespace {
@@ -41,15 +45,46 @@ TEST(FrontDoorStart, BlocksFromBeforeInitStayValid) {
   ASSERT_FALSE(task_memory_is_up());
   char *early = static_cast<char *>(tvx_fd_malloc(100));
   strcpy(early, "early");
-  EXPECT_EQ(*mem_rz_at(mem_block_of(early), mem_head_of(early)->mh_size), mem_cookie_zone(&task_mem_libc_cookie));
+  EXPECT_EQ(*mem_zone_word(early), mem_cookie_zone(&task_mem_libc_cookie));
   ASSERT_EQ(task_memory_init(nullptr), 0);
   ASSERT_TRUE(task_memory_is_up());
   EXPECT_EQ(task_mem_vector_index(), unsigned{TASK_MEM_VECTOR_JEMALLOC});
   // Reallocated and freed through jemalloc's vector, recognised by its zone.
   early = static_cast<char *>(tvx_fd_realloc(early, 5000));
   EXPECT_STREQ(early, "early");
-  EXPECT_EQ(*mem_rz_at(mem_block_of(early), mem_head_of(early)->mh_size), mem_cookie_zone(task_mem_system_cookie));
+  EXPECT_EQ(*mem_zone_word(early), mem_cookie_zone(task_mem_system_cookie));
   tvx_fd_free(early);
+}
+
+// Where the process may not reserve the range, large requests are framed like
+// small ones, and blocks of the large classes pass by the threads' caches.
+int without_the_range() {
+  long kb = 0;
+  FILE *f = fopen("/proc/self/status", "r");
+  char line[256];
+  while (f && fgets(line, sizeof line, f))
+    if (strncmp(line, "VmSize:", 7) == 0) kb = atol(line + 7);
+  if (f) fclose(f);
+  struct rlimit lim;
+  lim.rlim_cur = lim.rlim_max = static_cast<rlim_t>(kb + (256 << 10)) << 10;
+  if (setrlimit(RLIMIT_AS, &lim) != 0) return 3;
+  if (task_memory_init(nullptr) != 0 || mem_large.span != 0) return 4;
+  for (int round = 0; round < 3; round++) {
+    auto *p = static_cast<unsigned char *>(tvx_fd_malloc(1024));
+    if (mem_is_large(p) || mem_obtained(p) <= 1024 || tvx_fd_malloc_usable_size(p) < 1024) return 5;
+    for (int i = 0; i < 1024; i++)
+      if (p[i]) return 6;
+    memset(p, 1, 1024);
+    task_block *bp = task_block_init(1020, "unranged");
+    void *o = task_block_alloc(bp);
+    task_block_free(bp, o);
+    tvx_fd_free(p);
+  }
+  return 0;
+}
+
+TEST(FrontDoorStart, WithoutTheRangeLargeRequestsAreFramed) {
+  EXPECT_EXIT(_exit(without_the_range()), ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(FrontDoor, FixedCookiesInOrder) {
@@ -197,11 +232,11 @@ TEST_F(FrontDoor, LegacyIsRefusedClearly) {
 #ifndef TVX_SANITIZE
 TEST_F(FrontDoor, TheProcessMallocIsTheFrontDoor) {
   void *p = opaque(malloc(40));
-  EXPECT_EQ(*mem_rz_at(mem_block_of(p), mem_head_of(p)->mh_size), mem_cookie_zone(task_mem_system_cookie));
+  EXPECT_EQ(*mem_zone_word(p), mem_cookie_zone(task_mem_system_cookie));
   free(p);
   std::vector<char> v(500, 'x');  // operator new reaches it through malloc
   char *d = opaque(v.data());
-  EXPECT_EQ(*mem_rz_at(mem_block_of(d), mem_head_of(d)->mh_size), mem_cookie_zone(task_mem_system_cookie));
+  EXPECT_EQ(*mem_zone_word(d), mem_cookie_zone(task_mem_system_cookie));
 }
 #endif
 
@@ -221,6 +256,148 @@ TEST_F(FrontDoorDeath, OverrunIsCaughtAtFree) {
   EXPECT_DEATH(
       {
         char *p = static_cast<char *>(tvx_fd_malloc(48));
+        memset(p, 'x', tvx_fd_malloc_usable_size(p) + 1);
+        tvx_fd_free(p);
+      },
+      "task_mem_fatal: free: .*Cookie RedZone Validation Failed");
+}
+
+// ---- Large blocks: the head beside the block ----------------------------------
+
+// A request that a 16-byte head would push past 896 bytes takes jemalloc's
+// class of the request itself, 1 KiB at least; the smaller ones stay framed.
+TEST_F(FrontDoor, LargeRequestsKeepTheirOwnSizeClass) {
+  ASSERT_NE(mem_large.span, 0u);
+  for (size_t n : {MEM_LARGE_FROM - 1, MEM_LARGE_FROM, size_t{1020}, size_t{1024}, size_t{1100}, size_t{4096},
+                   size_t{70000}, size_t{3} << 20}) {
+    for (int round = 0; round < 3; round++) {  // reused blocks too
+      auto *p = static_cast<unsigned char *>(tvx_fd_malloc(n));
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << n;
+      EXPECT_EQ(mem_is_large(p), n >= MEM_LARGE_FROM) << n;
+      if (n >= MEM_LARGE_FROM)
+        EXPECT_EQ(mem_obtained(p), std::max(jem_nallocx(n, 0), size_t{1024})) << n;
+      else
+        EXPECT_LE(mem_obtained(p), 896u) << n;
+      size_t usable = tvx_fd_malloc_usable_size(p);
+      EXPECT_GE(usable, n);
+      EXPECT_LE(usable, mem_obtained(p));
+      for (size_t i = 0; i < usable; i++) ASSERT_EQ(p[i], 0) << n;
+      memset(p, 0xff, usable);
+      tvx_fd_free(p);
+    }
+  }
+}
+
+TEST_F(FrontDoor, LargeBlocksAreChargedToTheCookieWhoseZoneTheyCarry) {
+  task_mem_cookie *c = task_mem_cookie_get("large_owner");
+  void *own = task_cookie_malloc(c, 1024);
+  EXPECT_EQ(counts(c).bytes, 1024u);
+  EXPECT_EQ(counts(c).allocs, 1u);
+  EXPECT_EQ(*mem_zone_word(own), mem_cookie_zone(c));
+  Counts before = counts(task_mem_system_cookie);
+  void *p = tvx_fd_malloc(1024);  // "--System--"'s, freed with another cookie
+  EXPECT_EQ(counts(task_mem_system_cookie).bytes, before.bytes + 1024);
+  task_cookie_free(c, p);
+  EXPECT_EQ(counts(task_mem_system_cookie).bytes, before.bytes);
+  EXPECT_EQ(counts(c).bytes, 1024u);
+  task_cookie_free(c, own);
+  EXPECT_EQ(counts(c).bytes, 0u);
+  EXPECT_EQ(counts(c).allocs, 0u);
+  task_mem_cookie_put(c);
+}
+
+TEST_F(FrontDoor, LargeAlignedRequestsAreAlignedBlocksOfTheRange) {
+  for (size_t align : {32u, 64u, 4096u}) {
+    for (size_t n : {100u, 2000u}) {
+      void *p = tvx_fd_aligned_alloc(align, n);
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % align, 0u);
+      EXPECT_EQ(mem_is_large(p), n + align + 4 > 896) << align << " " << n;
+      EXPECT_GE(tvx_fd_malloc_usable_size(p), n);
+      EXPECT_EQ(*mem_zone_word(p), mem_cookie_zone(task_mem_system_cookie));
+      tvx_fd_free(p);
+    }
+  }
+}
+
+// The threads' caches keep blocks by size class for every arena: a block of
+// the large classes from another arena, freed into the cache by code that
+// calls jemalloc itself, must not be handed out as a large block.
+TEST_F(FrontDoor, AnotherArenasBlockInTheCacheIsNotTaken) {
+  std::vector<void *> foreign;
+  for (int i = 0; i < 8; i++) foreign.push_back(jem_mallocx(1024, 0));
+  for (void *f : foreign) jem_sdallocx(f, 1024, 0);
+  for (int i = 0; i < 8; i++) {
+    void *p = tvx_fd_malloc(1024);
+    EXPECT_TRUE(mem_is_large(p));
+    tvx_fd_free(p);
+  }
+  // Typed blocks of the large classes come from the range's arena as well.
+  task_block *bp = task_block_init(1020, "large_objects");
+  void *o = task_block_alloc(bp);
+  EXPECT_TRUE(mem_is_large(o));
+  task_block_free(bp, o);
+}
+
+TEST_F(FrontDoor, ReallocMovesContentsAcrossLayouts) {
+  auto *p = static_cast<unsigned char *>(tvx_fd_malloc(100));
+  for (int i = 0; i < 100; i++) p[i] = static_cast<unsigned char>(i);
+  p = static_cast<unsigned char *>(tvx_fd_realloc(p, 1024));  // framed to large
+  ASSERT_TRUE(mem_is_large(p));
+  for (int i = 0; i < 100; i++) ASSERT_EQ(p[i], i);
+  for (int i = 100; i < 1024; i++) ASSERT_EQ(p[i], 0);
+  memset(p + 100, 7, 924);
+  p = static_cast<unsigned char *>(tvx_fd_realloc(p, 5000));  // large to large
+  ASSERT_EQ(p[1023], 7);
+  p = static_cast<unsigned char *>(tvx_fd_realloc(p, 50));  // large to framed
+  ASSERT_FALSE(mem_is_large(p));
+  for (int i = 0; i < 50; i++) ASSERT_EQ(p[i], i);
+  tvx_fd_free(p);
+}
+
+// Blocks cross threads both ways, and threads that end leave their caches to
+// the next ones; the counts come out even.
+TEST_F(FrontDoor, LargeBlocksCrossThreads) {
+  task_mem_cookie *c = task_mem_cookie_get("large_threads");
+  std::vector<void *> made(64);
+  for (int round = 0; round < 4; round++) {
+    std::thread t([&] {
+      for (auto &p : made) p = task_cookie_malloc(c, 2000);
+    });
+    t.join();
+    for (auto &p : made) {
+      ASSERT_TRUE(mem_is_large(p));
+      task_cookie_free(c, p);
+    }
+    std::thread u([&] {
+      for (auto &p : made) p = task_cookie_malloc(c, 3000);
+      for (auto &p : made) task_cookie_free(c, p);
+    });
+    u.join();
+  }
+  size_t bytes, allocs;
+  task_mem_cookie_get_allocated(c, &bytes, &allocs);
+  EXPECT_EQ(bytes, 0u);
+  EXPECT_EQ(allocs, 0u);
+  task_mem_cookie_put(c);
+}
+
+TEST_F(FrontDoorDeath, LargeDoubleFreeInteriorPointerAndOverrunAreFatal) {
+  EXPECT_DEATH(
+      {
+        void *p = tvx_fd_malloc(1024);
+        tvx_fd_free(p);
+        tvx_fd_free(p);
+      },
+      "Cookie RedZone Validation Failed");
+  EXPECT_DEATH(
+      {
+        char *p = static_cast<char *>(tvx_fd_malloc(2048));
+        tvx_fd_free(p + 16);  // inside the block's first KiB, where its head is found
+      },
+      "Cookie RedZone Validation Failed");
+  EXPECT_DEATH(
+      {
+        char *p = static_cast<char *>(tvx_fd_malloc(1100));  // the 1,280-byte class: room for a red zone
         memset(p, 'x', tvx_fd_malloc_usable_size(p) + 1);
         tvx_fd_free(p);
       },

@@ -73,7 +73,7 @@ TEST_F(LitePool, SmallObjectsShareAPageAndBigOnesDoNotDisturbIt) {
   EXPECT_TRUE(big < a || big >= a + TASK_LITE_PAGE);
   uint32_t pages, high;
   task_lite_pages(pool, &pages, &high);
-  EXPECT_EQ(pages, 1u + (mem_head_of(big - 16)->mh_size + TASK_LITE_PAGE - 1) / TASK_LITE_PAGE);
+  EXPECT_EQ(pages, 1u + (mem_obtained(big - 16) + TASK_LITE_PAGE - 1) / TASK_LITE_PAGE);
   // The page is used up to its last 16 bytes before the next one is taken.
   uint32_t start = pages;
   size_t room = (TASK_LITE_PAGE - MEM_FRAME - 16) / 16 * 16 - 64;

@@ -103,9 +103,9 @@ TEST_F(MemReport, PoolAndMallocReports) {
   void *a = task_cookie_malloc(c, 1000);
   void *b = task_cookie_malloc(c, 5000);
   void *gone = task_cookie_malloc(c, 10);
-  unsigned long gone_size = mem_head_of(gone)->mh_size;
+  unsigned long gone_size = mem_obtained(gone);
   task_cookie_free(c, gone);
-  unsigned long obtained = mem_head_of(a)->mh_size + mem_head_of(b)->mh_size;
+  unsigned long obtained = mem_obtained(a) + mem_obtained(b);
   unsigned long peak = obtained + gone_size;
 
   std::vector<std::string> lines = run(task_mgmt_show_mem_internals);

@@ -61,7 +61,9 @@ struct sparse_table32 {
 sparse_table16 *sparse_table16_create(sparse_alloc_fn alloc, sparse_free_fn free, void *context);
 // Frees the blocks and the table; the values are the caller's.
 void sparse_table16_destroy(sparse_table16 *table);
-void *sparse_table16_lookup(const sparse_table16 *table, const uint32_t *key);
+// The lookups are inline (below): a walk of a few array indexings at the
+// caller, with no call and no hashing.
+inline void *sparse_table16_lookup(const sparse_table16 *table, const uint32_t *key);
 // 0, 1 when the key is at or above the limit, 12 when a block cannot be had.
 int sparse_table16_insert(sparse_table16 *table, void *value, const uint32_t *key);
 // Removing an absent key does nothing.
@@ -72,9 +74,29 @@ void *sparse_table16_next(const sparse_table16 *table, const uint32_t *prev_key,
 
 sparse_table32 *sparse_table32_create(sparse_alloc_fn alloc, sparse_free_fn free, void *context);
 void sparse_table32_destroy(sparse_table32 *table);
-void *sparse_table32_lookup(const sparse_table32 *table, const uint32_t *key);
+inline void *sparse_table32_lookup(const sparse_table32 *table, const uint32_t *key);
 int sparse_table32_insert(sparse_table32 *table, void *value, const uint32_t *key);
 void sparse_table32_delete(sparse_table32 *table, const uint32_t *key);
 void *sparse_table32_next(const sparse_table32 *table, const uint32_t *prev_key, uint32_t *out_key);
+
+// Root slot, level-one block, level-two block: bits 15-12, 11-6 and 5-0.
+inline void *sparse_table16_walk(const sparse_table16 *t, uint32_t k) {
+  void **const *l1 = t->root[k >> 12];
+  if (__builtin_expect(!l1, 0)) return nullptr;
+  void *const *l2 = l1[(k >> 6) & 63];
+  if (__builtin_expect(!l2, 0)) return nullptr;
+  return l2[k & 63];
+}
+
+inline void *sparse_table16_lookup(const sparse_table16 *table, const uint32_t *key) {
+  uint32_t k = *key;
+  return k >> 16 ? nullptr : sparse_table16_walk(table, k);
+}
+
+inline void *sparse_table32_lookup(const sparse_table32 *table, const uint32_t *key) {
+  uint32_t k = *key;
+  auto *inner = static_cast<const sparse_table16 *>(sparse_table16_walk(table->top, k >> 16));
+  return __builtin_expect(inner != nullptr, 1) ? sparse_table16_walk(inner, k & 0xffff) : nullptr;
+}
 
 }  // extern "C"

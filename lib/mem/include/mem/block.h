@@ -19,7 +19,7 @@ enum : uint16_t {
   TASK_BLOCK_NO_REDZONE = 0x4,
   TASK_BLOCK_DEBUG = 0x8,       // protect free pages (legacy)
   TASK_BLOCK_CLASS = 0x10,      // carried into the size class
-  TASK_BLOCK_LOCAL_POOL = 0x20, // freed objects wait in the thread's local pool
+  TASK_BLOCK_LOCAL_POOL = 0x20, // freed objects wait in the thread's local pool (dropped under 4 bytes)
 };
 
 constexpr size_t TASK_BLOCK_MAX_SIZE = 61440;  // 0xf000

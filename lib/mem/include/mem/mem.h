@@ -6,10 +6,18 @@
 // in force: libc (before initialisation) or jemalloc (the default). Legacy, the
 // old page allocator, is not built here: asking for it fails with a message.
 //
-// Every allocation is zeroed and framed: a 16-byte head holding the size
-// obtained, the payload, and a red-zone word at the end naming the cookie. A
-// block freed twice, or overrun into its red zone, ends the process. No caller
-// ever sees a null from an allocator: out of memory is fatal.
+// Every allocation is zeroed and carries a head (the size obtained) and a zone
+// word naming the cookie. Up to 876 bytes (and for small aligned requests and
+// the libc vector) the head is 16 bytes in front of the payload and the zone
+// the block's last word. From 877 bytes on, where a head in front would push
+// the block into the allocator's next size class (1 KiB into 1,280 bytes), the
+// block is the size class of the request itself (1 KiB at least), taken from
+// an arena over a reserved range of address space, and head and zone stand in
+// a side table beside that range; the block's last word is a red zone as well
+// when the class leaves four bytes after the request. A block freed twice, a
+// large block freed at an address inside it, or a red zone overrun ends the
+// process. No caller ever sees a null from an allocator: out of memory is
+// fatal.
 //
 // Sanitizer builds compile the front door under tvx_fd_* names, so that the
 // sanitizer's allocator serves the process and this logic is still tested.
