@@ -192,6 +192,14 @@ void task_block_free(task_block *bp, void *ptr) {
   mem_block_release(bp, p);
 }
 
+bool task_block_verify(const task_block *bp, const void *obj) {
+  if (!bp || !obj) return false;
+  if (bp->tb_flags & TASK_BLOCK_NO_REDZONE) return true;
+  uint32_t zone;
+  memcpy(&zone, mem_rz_at(static_cast<char *>(const_cast<void *>(obj)), bp->tb_real_size), sizeof zone);
+  return zone == zone_of(bp);
+}
+
 void task_block_free_clear(task_block *bp, void **slot) {
   task_block_free(bp, *slot);
   *slot = nullptr;

@@ -111,18 +111,6 @@ void shutdown_check(task_base_var *bp) {
                                                   1, 0, shutdown_callback, nullptr);
 }
 
-// Whether obj is a live object of the block: the word after it still holds
-// the red zone that the block allocator wrote there (0x3ee80000 with the low
-// 16 bits of the block's id). An overrun, an object of another block or a
-// pointer into anything else fails.
-bool task_block_verify(const task_block *bp, const void *obj) {
-  if (!bp || !obj) return false;
-  if (bp->tb_flags & TASK_BLOCK_NO_REDZONE) return true;
-  uint32_t zone;
-  memcpy(&zone, static_cast<const char *>(obj) + bp->tb_real_size - 4, sizeof zone);
-  return zone == (0x3ee80000u | (bp->tb_id & 0xffffu));
-}
-
 void verify_internal(const task *tp) {
   if (tp->task_magic == TASK_MAGIC) {
     task_assert(task_block_verify(task_block_index, tp));

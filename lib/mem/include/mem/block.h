@@ -50,6 +50,10 @@ void *task_block_alloc(task_block *bp);
 // Checks the red zone (fatal when broken) and frees or pools the object.
 void task_block_free(task_block *bp, void *ptr);
 void task_block_free_clear(task_block *bp, void **slot);
+// Whether obj looks like a live object of the block: its red zone is intact
+// (true for a block without red zones). Catches an overrun, an object of
+// another block and a stray pointer; never faults on a live object.
+bool task_block_verify(const task_block *bp, const void *obj);
 // Removes the block itself; what its objects still hold moves to "--Orphan--".
 int task_block_block_free(task_block *bp);
 
