@@ -330,7 +330,7 @@ TEST_F(Kernel, AStandAloneTimerStartedFromAKernelMethodKeepsItsSetsClock) {
   ztimer_set_destroy(started_set);
 }
 
-// The design keeps a firing timer in the tree while its method runs: it is
+// A firing timer stays in the tree while its method runs: it is
 // running and expired, and a time-left query says zero.
 bool running_inside, expired_inside;
 uint32_t left_inside = 99;
