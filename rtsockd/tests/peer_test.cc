@@ -137,8 +137,10 @@ TEST(RtsockdProcess, FailSilenceAndRawBytes) {
   EXPECT_EQ(peer.admin("fault raw all 11500000ffff0000"), "sent to 1\nok\n");
   uint8_t *buf;
   uint32_t len;
-  EXPECT_EQ(rtslib_msg_read(h, &buf, &len), EIO) << "too short for a header";
+  // Too short for a header: it reads as nothing queued, and stays.
   EXPECT_EQ(rtslib_msg_read(h, &buf, &len), EAGAIN);
+  EXPECT_EQ(rts_lower()->lo_read(nullptr, h.c->fd, buf = nullptr, 0), -1) << "the record is still there";
+  EXPECT_EQ(errno, EMSGSIZE);
 }
 
 TEST(RtsockdProcess, NotificationsGoToListenersOnly) {

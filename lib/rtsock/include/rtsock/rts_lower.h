@@ -87,6 +87,17 @@ struct rts_ctl_msg {
   uint32_t len;   // bytes of value behind
 };
 constexpr uint32_t RTS_CTL_VALUE_MAX = 1024;
+// The value of a VERDICT: how many records the peer had put on the data
+// socket (since the hello) when it answered, then the reply, if any, of the
+// record written. The edge hands that reply up as the next record to read
+// once the client has read those data records, so replies and notifications
+// keep the order in which the peer sent them.
+struct rts_ctl_verdict {
+  uint32_t data_sent;
+};
+// The longest reply that travels with its verdict; a longer one goes on the
+// data socket ahead of it (and counts in data_sent).
+constexpr uint32_t RTS_CTL_REPLY_MAX = 65536;
 // How long the edge waits for the peer's answer on the control socket. An
 // answer that comes later is the timed-out request's: the edge counts what it
 // still owes and drops those answers when they arrive, so that a late verdict
