@@ -40,6 +40,28 @@ TEST(RtsockdProcess, ScanByGetnextToTheEndOfATable) {
   EXPECT_EQ(ifls, (std::vector<unsigned>{70, 71}));
 }
 
+TEST(RtsockdProcess, NextHopsByIndexAndInOrder) {
+  Peer peer;
+  ASSERT_TRUE(peer.ready());
+  Handle h;
+  ASSERT_NE(h.c, nullptr);
+  rts_nh_msg *nh = nullptr;
+  ASSERT_EQ(rtslib_rnhm_get_by_index(h, 1001, RTS_OP_GET, &nh, 0), 0);
+  EXPECT_EQ(nh->nhm_ifl_index, 71u);
+  EXPECT_EQ(nh->nhm_type, 1);
+  ASSERT_EQ(nh->nhm_gw_bits, 32);
+  EXPECT_EQ(nh->nhm_gw[3], 254);
+  rtslib_msg_idl_release(h, nh);
+  EXPECT_EQ(rtslib_rnhm_get_by_index(h, 1003, RTS_OP_GET, &nh, 0), ENOENT);
+  std::vector<uint32_t> order;
+  for (uint32_t i = 0; rtslib_rnhm_get_by_index(h, i, RTS_OP_GETNEXT, &nh, 0) == 0; i = nh->nhm_index) {
+    order.push_back(nh->nhm_index);
+    rtslib_msg_idl_release(h, nh);
+  }
+  EXPECT_EQ(order, (std::vector<uint32_t>{1001, 1002}));
+  EXPECT_NE(peer.admin("show nh").find("nh index=1002 af=2 type=2"), std::string::npos) << peer.admin("show nh");
+}
+
 TEST(RtsockdProcess, GetsFindMissAndAnswerForEveryTable) {
   Peer peer;
   ASSERT_TRUE(peer.ready());

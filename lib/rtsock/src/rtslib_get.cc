@@ -298,6 +298,11 @@ int rtslib_ifam_get_by_dest(rtslib_cookie *c, uint32_t ifl_index, uint8_t af, co
   return rtslib_ifam_get_by_local_dest(c, ifl_index, af, dest, dest_bits, nullptr, 0, op, result, ctx);
 }
 
+int rtslib_rnhm_get_by_index(rtslib_cookie *c, uint32_t index, uint8_t op, rts_nh_msg **result, int) {
+  return get(c, RTS_T_NEXTHOP, op, result,
+             [&](Request<rts_nh_msg> &, rts_nh_msg &m) { m.nhm_index = index; });
+}
+
 int rtslib_ifdsm_get_by_index(rtslib_cookie *c, uint32_t index, rts_ifstats_msg **result) {
   return raw_stats(c, RTS_T_IFDSTATS, index, result);
 }

@@ -199,6 +199,8 @@ TEST_F(Rtslib, InterfaceNamesAreCutTo59AndANul) {
   EXPECT_EQ(ifd->ifdm_name[0], 0);
 }
 
+rts_nh_msg nh_dummy;
+
 TEST_F(Rtslib, EveryGetBuildsItsKey) {
   peer.on_write = [](const FakePeer::Msg &) { return ENOENT; };
   Arena a;
@@ -229,6 +231,33 @@ TEST_F(Rtslib, EveryGetBuildsItsKey) {
   rts_rtmatch_msg *m;
   rtslib_rtmatch_by_prefix(c, 0, 2, RTS_OP_GET, dest, 32, &m, 0);
   EXPECT_EQ(peer.request<rts_rtmatch_msg>(a)->rtmm_prefix[3], 2);
+  rts_nh_msg *nh = &nh_dummy;
+  EXPECT_EQ(rtslib_rnhm_get_by_index(c, 1234, RTS_OP_GETNEXT, &nh, 0), ENOENT);
+  EXPECT_EQ(nh, nullptr);
+  auto *n = peer.request<rts_nh_msg>(a);
+  ASSERT_NE(n, nullptr);
+  EXPECT_EQ(n->nhm_index, 1234u);
+  EXPECT_EQ(n->hdr.type, RTS_T_NEXTHOP);
+  EXPECT_EQ(n->hdr.version, 109);
+  EXPECT_EQ(n->hdr.operation, RTS_OP_GETNEXT);
+  EXPECT_EQ(n->hdr.size, 732);
+}
+
+TEST_F(Rtslib, NexthopGetReadsItsAnswer) {
+  samples::Store st;
+  rts_nh_msg answer = samples::nh(st);
+  peer.on_write = [&](const FakePeer::Msg &) {
+    answer.hdr.seq = c->seq - 1;
+    peer.reply(RTS_T_NEXTHOP, &answer, true);
+    return 0;
+  };
+  rts_nh_msg *nh = nullptr;
+  ASSERT_EQ(rtslib_rnhm_get_by_index(c, 1234, RTS_OP_GET, &nh, 0), 0);
+  EXPECT_EQ(nh->nhm_ifl_index, 70u);
+  EXPECT_EQ(nh->nhm_gw_bits, 32);
+  EXPECT_EQ(nh->nhm_gw[0], 0xc0);
+  rtslib_msg_idl_release(c, nh);
+  EXPECT_EQ(rtslib_rnhm_get_by_index(c, 1234, RTS_OP_GET, nullptr, 0), EINVAL);
 }
 
 // A route whose attribute list holds 128 understood values and `rest` bytes

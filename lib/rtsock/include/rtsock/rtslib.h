@@ -167,6 +167,9 @@ int rtslib_ifam_get_by_dest(rtslib_cookie *cookie, uint32_t ifl_index, uint8_t a
 int rtslib_ifam_get_by_local_dest(rtslib_cookie *cookie, uint32_t ifl_index, uint8_t af,
                                   const void *dest, uint16_t dest_bits, const void *local,
                                   uint16_t local_bits, uint8_t op, rts_ifa_msg **result, int ctx);
+// The next hop of an index, or with op 5 the one after it.
+int rtslib_rnhm_get_by_index(rtslib_cookie *cookie, uint32_t index, uint8_t op, rts_nh_msg **result,
+                             int ctx);
 // Statistics travel as raw records (rts_ifstats_msg).
 int rtslib_ifdsm_get_by_index(rtslib_cookie *cookie, uint32_t index, rts_ifstats_msg **result);
 int rtslib_iflsm_get_by_index(rtslib_cookie *cookie, uint32_t index, rts_ifstats_msg **result);
