@@ -54,8 +54,9 @@ TEST(RtsockdProcess, NextHopsByIndexAndInOrder) {
   rtslib_msg_idl_release(h, nh);
   EXPECT_EQ(rtslib_rnhm_get_by_index(h, 1003, RTS_OP_GET, &nh, 0), ENOENT);
   std::vector<uint32_t> order;
-  for (uint32_t i = 0; rtslib_rnhm_get_by_index(h, i, RTS_OP_GETNEXT, &nh, 0) == 0; i = nh->nhm_index) {
-    order.push_back(nh->nhm_index);
+  for (uint32_t i = 0; order.size() < 10 && rtslib_rnhm_get_by_index(h, i, RTS_OP_GETNEXT, &nh, 0) == 0;) {
+    i = nh->nhm_index;
+    order.push_back(i);
     rtslib_msg_idl_release(h, nh);
   }
   EXPECT_EQ(order, (std::vector<uint32_t>{1001, 1002}));

@@ -9,11 +9,16 @@
 // or to $RTSOCK_PATH. In its first record it hands the peer one end of a
 // socket pair, the control socket. On the control socket the peer answers
 // route-socket options and, after each message written on the data socket,
-// the kernel's verdict: so a write returns ENOENT, EOPNOTSUPP or EAGAIN as
-// the kernel would, and any reply is already queued on the data socket when
-// it returns. Notifications come on the data socket only, so the descriptor
-// can be watched for reading like a kernel socket. Options at socket level
-// (SO_SNDBUF, SO_RCVBUF) apply to the data socket itself.
+// sends the kernel's verdict and the reply, if any, as one record: so a
+// write returns ENOENT, EOPNOTSUPP or EAGAIN as the kernel would, and a get
+// is one send and one receive. The edge holds that reply and hands it to
+// lo_peek and lo_read as the next record, behind the data records the peer
+// had sent before it (the verdict says how many), so a reader sees replies
+// and notifications in the order the peer sent them, as on one socket.
+// Notifications come on the data socket, so the descriptor can be watched for
+// reading like a kernel socket; a held reply does not make it readable, so a
+// writer of a get reads its answer at once (every caller here does). Options
+// at socket level (SO_SNDBUF, SO_RCVBUF) apply to the data socket itself.
 #pragma once
 
 #include <sys/socket.h>
@@ -77,7 +82,7 @@ enum : uint32_t {
   RTS_CTL_HELLO = 1,    // client: first data record, with the control socket attached
   RTS_CTL_SETOPT = 2,   // client: name, value; peer: error
   RTS_CTL_GETOPT = 3,   // client: name, room in len; peer: error, value
-  RTS_CTL_VERDICT = 4,  // peer: the verdict of one data record
+  RTS_CTL_VERDICT = 4,  // peer: the verdict of one data record, with its reply
 };
 struct rts_ctl_msg {
   uint32_t magic;

@@ -5,7 +5,8 @@
 //
 // Calls never wait: the socket is non-blocking and the peer has queued its
 // answer by the time a write returns, so a get that finds nothing queued
-// fails with EAGAIN. A decoded reply is one block holding the record, its
+// fails with EAGAIN. A record shorter than a message header (24 bytes) reads
+// as nothing queued, EAGAIN, and stays where it is. A decoded reply is one block holding the record, its
 // strings, prefixes and lists; release it with rtslib_msg_idl_release.
 //
 // A get hands out only the answer to its request: a reply of the request's
