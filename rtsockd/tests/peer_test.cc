@@ -63,6 +63,42 @@ TEST(RtsockdProcess, NextHopsByIndexAndInOrder) {
   EXPECT_NE(peer.admin("show nh").find("nh index=1002 af=2 type=2"), std::string::npos) << peer.admin("show nh");
 }
 
+// Replies of a bulk batch come with its verdict, or, past 64 KiB, on the data
+// socket ahead of it: either way every get has its answer.
+TEST(RtsockdProcess, BulkRepliesSmallAndLarge) {
+  Peer peer;
+  ASSERT_TRUE(peer.ready());
+  Handle h;
+  ASSERT_NE(h.c, nullptr);
+  ASSERT_EQ(rtslib_set_sync_mode(h, RTS_SYNC_BULK_ENABLE), 0);
+  for (uint32_t count : {3u, 600u}) {
+    SCOPED_TRACE(count);
+    std::vector<rts_bd_msg> reqs(count);
+    std::vector<rtslib_bulk_iov> iov(count);
+    for (uint32_t i = 0; i < count; i++) {
+      reqs[i].hdr.version = 98;
+      reqs[i].hdr.type = RTS_T_BRIDGE_DOMAIN;
+      reqs[i].hdr.operation = RTS_OP_GET;
+      reqs[i].hdr.size = 200;
+      reqs[i].bdm_index = i % 2 ? 6 : 5;
+      iov[i].rbi_msg = &reqs[i];
+    }
+    ASSERT_EQ(rtslib_msg_writev_idl(h, count, iov.data(), nullptr), 0);
+    for (uint32_t i = 0; i < count; i++) {
+      auto *bd = static_cast<rts_bd_msg *>(iov[i].rbi_reply);
+      ASSERT_NE(bd, nullptr) << i;
+      EXPECT_EQ(bd->vnid, i % 2 ? 200u : 100u);
+      rtslib_msg_idl_release(h, bd);
+    }
+  }
+  // A plain get after them finds its own answer.
+  ASSERT_EQ(rtslib_set_sync_mode(h, 0), 0);
+  rts_bd_msg *bd;
+  ASSERT_EQ(bd_request(h, RTS_OP_GET, 6, &bd), 0);
+  EXPECT_EQ(bd->vnid, 200u);
+  rtslib_msg_idl_release(h, bd);
+}
+
 TEST(RtsockdProcess, GetsFindMissAndAnswerForEveryTable) {
   Peer peer;
   ASSERT_TRUE(peer.ready());
