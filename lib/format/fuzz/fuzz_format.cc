@@ -152,6 +152,7 @@ void push_ext_class(uint8_t cls, char letter, bool first, bytes &in, objects &ob
     case TFX_U32_SECOND: case TFX_U32: case TFX_U32_ALT:
       args.push(letter == 'm' && !first ? in.take<uint8_t>() % 40u : in.take<unsigned>());
       break;
+    case TFX_U64: args.push(in.take<unsigned long long>()); break;
     case TFX_TIME: args.push(in.take<task_fmt_time>()); break;
     default: break;
   }

@@ -336,6 +336,7 @@ void take_ext_value(va_box &a, uint8_t cls, zsock_fmt_value *v, zsock_fmt_value 
     case TFX_DOUBLE: v->dbl = va_arg(*a.p, double); break;
     case TFX_POINTER: v->ptr = va_arg(*a.p, const void *); break;
     case TFX_U32_SECOND: case TFX_U32: case TFX_U32_ALT: v->u64 = take_u32(a); break;
+    case TFX_U64: v->u64 = va_arg(*a.p, unsigned long long); break;
     case TFX_TIME: {
       task_fmt_time t = va_arg(*a.p, task_fmt_time);
       v->u64 = static_cast<uint32_t>(t.tft_sec);

@@ -53,10 +53,9 @@ void task_fmt_register_ext(int fmt, task_fmt_render_fn render, unsigned code, un
   r.tfe_gf = static_cast<uint8_t>(gf);
   r.tfe_family = static_cast<uint16_t>(family);
   r.tfe_value = static_cast<uint16_t>(value);
-  // Two arguments when a second value is given or the letter's class table
-  // reads a second argument ("m" and "p" of INET register no value).
-  unsigned c2 = task_fmt_lang::tf_ext_second[fmt - 'a'];
-  r.tfe_argcount = (value || task_fmt_lang::tf_takes_second(c2)) ? 2 : 1;
+  // The look-ups' count follows the registration alone; what a format reads
+  // follows the class tables. A letter of two arguments registers a value.
+  r.tfe_argcount = value ? 2 : 1;
 }
 
 void task_fmt_set_sockaddr_ext(unsigned gf, zsock_printer_fn printer, unsigned code, unsigned value) {

@@ -7,6 +7,8 @@ void calls(char *buf, size_t n, const char *runtime, const zsockaddr_t *addr, ta
   task_fmt::snprintf(buf, n, "%s %A %#t %d", "ok", addr, t, 1);
   // Flags and length in any order; a length that means nothing is ignored.
   task_fmt::snprintf(buf, n, "%lls %qf %5-d %l-5d %Lc %ls %S %hhd", "s", 1.5, 2, 3L, 'c', L"w", L"w", 4);
+  // "ll" widens an extension letter's first word.
+  task_fmt::snprintf(buf, n, "%llzm %zm %qzi", 1ull, 40u, 2u, 8u, 3ull);
 #ifdef CASE_int_for_string
   task_fmt::snprintf(buf, n, "%s", 42);
 #endif
@@ -39,6 +41,9 @@ void calls(char *buf, size_t n, const char *runtime, const zsockaddr_t *addr, ta
 #endif
 #ifdef CASE_L_is_for_floats
   task_fmt::snprintf(buf, n, "%Ld", 5LL);
+#endif
+#ifdef CASE_ll_ext_wants_64
+  task_fmt::snprintf(buf, n, "%llzm", 1u, 40u);
 #endif
 #ifdef CASE_runtime_format
   task_fmt::snprintf(buf, n, runtime);

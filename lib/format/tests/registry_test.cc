@@ -28,11 +28,17 @@ TEST(Registry, LetterLookups) {
   // letter out of range fail in the non-asserting form.
   EXPECT_EQ(task_fmt_zext_try('m', 1, &code, &value, &family), -1);
   EXPECT_EQ(task_fmt_zext_try('i', 2, &code, &value, &family), -1);
-  // "x" reads two arguments by its class table: registered without a value
-  // it still counts two.
+  // The count is the registration's, not the class table's: "x" reads two
+  // arguments in a format, but registered without a second value it counts
+  // one, and with one it counts two.
   task_fmt_register_ext('x', render, 42, 2, 1, 0);
-  EXPECT_EQ(task_fmt_zext('x', 2, &code, &value, &family), 0);
+  EXPECT_EQ(task_fmt_zext_try('x', 1, &code, &value, &family), 0);
   EXPECT_EQ(code, 42u);
+  EXPECT_EQ(task_fmt_zext_try('x', 2, &code, &value, &family), -1);
+  task_fmt_register_ext('x', render, 43, 2, 1, 7);
+  EXPECT_EQ(task_fmt_zext('x', 2, &code, &value, &family), 0);
+  EXPECT_EQ(value, 7u);
+  EXPECT_EQ(task_fmt_zext_try('x', 1, &code, &value, &family), -1);
   EXPECT_EQ(task_fmt_zext_try('q', 1, &code, &value, &family), -1);
   EXPECT_EQ(task_fmt_zext_try('A', 1, &code, &value, &family), -1);
   EXPECT_EQ(task_fmt_zext_try('{', 1, nullptr, nullptr, nullptr), -1);

@@ -54,6 +54,12 @@ TEST_F(Addr, InetSourcesAndMasks) {
   EXPECT_EQ(fmt("%zm", 0xc0a80000u, 16u), "192.168.0.0/16");
   EXPECT_EQ(fmt("%zp|%d", static_cast<const void *>(in("10.0.0.0")), 8u, 1), "10.0.0.0/8|1");
   EXPECT_EQ(fmt("[%-14zm]", 0x0a000000u, 8u), "[10.0.0.0/8    ]");
+  // A group-and-source prefix: with "ll" the word's second half is the source.
+  EXPECT_EQ(fmt("%llzm", 0x0a000009'e8010101ull, 64u), "232.1.1.1,10.0.0.9/64");
+  EXPECT_EQ(fmt("%qzm|%d", 0x0a000009'e8010101ull, 40u, 7), "232.1.1.1,10.0.0.9/40|7");
+  EXPECT_EQ(fmt("%llzm", 0x0a000009'e8010100ull, 24u), "232.1.1.0/24") << "no source within 32 bits";
+  EXPECT_EQ(fmt("%llzm", 0xe8010101ull, 64u), "232.1.1.1,*/64") << "a zero source";
+  EXPECT_EQ(fmt("%zm", 0xe8010101u, 64u), "232.1.1.1,*/64") << "one word: no source to show";
   const zsockaddr_t *mask = inet_sockmask_len(GF_INET, 24);
   EXPECT_EQ(fmt("%A", mask), "255.255.255.0");
 }
@@ -101,8 +107,11 @@ TEST_F(Addr, FamilyRegistrationReachedTheFormatter) {
   EXPECT_EQ(code, static_cast<unsigned>(ZTASK_FMT_ZSOCKA));
   EXPECT_EQ(task_fmt_zgf(GF_INET6, &code, &value), 0);
   EXPECT_EQ(task_fmt_zgf(kNoPrinter, &code, &value), -1);
+  // The INET letters count what they read: "i" one argument, "m" and "p" two.
+  EXPECT_EQ(task_fmt_zext('i', 1, &code, &value, &family_), 0);
   EXPECT_EQ(task_fmt_zext('m', 2, &code, &value, &family_), 0);
   EXPECT_EQ(family_, 2u);
+  EXPECT_EQ(task_fmt_zext('p', 2, &code, &value, &family_), 0);
 }
 
 TEST_F(Addr, FamilyPastTheTableAsserts) {

@@ -1,7 +1,8 @@
 // Address text on any bytes, for every family that parses text: the parse
 // writes no byte past the room it is given, and fits exactly in the bytes
 // sockparse_len says it needs; what parses prints, and the printed text
-// (with the prefix length put back) parses to the same address and length.
+// (with the prefix length put back) parses to the same address and length;
+// cut to its prefix length, it keeps that prefix and no bit past it.
 // The family-name table is looked up with the same text.
 //
 // Input: one byte of room for the parse (0 to 255), then the text (up to a
@@ -81,6 +82,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       fprintf(stderr, "family %u: \"%s\" printed as \"%s\", which does not parse back the same\n", gf, t,
               again.c_str());
       abort();
+    }
+    // Cut to its prefix length, it keeps that prefix and nothing past it.
+    if (plen >= 0) {
+      alignas(8) uint8_t cut_buf[256];
+      memcpy(cut_buf, a, socklen(a));
+      auto *c = reinterpret_cast<zsockaddr_t *>(cut_buf);
+      sockcutlen(c, plen);
+      if (!sockprefixeq(a, c, plen) || sockbeyondlen(c, plen) || sockaddrcmp(c, a) > 0) abort();
     }
     // The alternative form prints too, into any room.
     for (size_t small : {size_t{1}, size_t{5}, size_t{17}}) {

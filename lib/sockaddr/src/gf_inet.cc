@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -17,8 +18,10 @@ unsigned gf_inet = GF_UNSPEC;
 
 namespace {
 
-enum { kOffset = 4, kMaxSize = SOCKADDR_INMC_MAXLEN, kMaskCount = 129 };
+enum { kOffset = 4, kMaxSize = SOCKADDR_INMC_MAXLEN, kMaskCount = 129, kAddrBits = 32 };
 alignas(4) uint8_t inet_masks[kMaskCount * kMaxSize];
+static_assert(offsetof(zsockaddr_inet_t, gin_addr) == kOffset && offsetof(zsockaddr_inet_t, gin_src) == 8 &&
+              offsetof(zsockaddr_inet_t, gin_sport) == SOCKADDR_INMC_LEN && sizeof(zsockaddr_inet_t) == kMaxSize);
 
 inline const zsockaddr_inet_t *in(const zsockaddr_t *a) { return reinterpret_cast<const zsockaddr_inet_t *>(a); }
 inline zsockaddr_inet_t *in(zsockaddr_t *a) { return reinterpret_cast<zsockaddr_inet_t *>(a); }
@@ -60,16 +63,11 @@ void inet_andmask(zsockaddr_t *a, const zsockaddr_t *mask) {
   socklen_set(a, len);
 }
 
-void inet_cutlen(zsockaddr_t *a, unsigned bits) {
-  uint8_t *pa = reinterpret_cast<uint8_t *>(a);
-  unsigned len = socklen(a), whole = sockbytes(bits), end = kOffset + whole;
-  if (bits & 7 && end <= len) pa[end - 1] &= static_cast<uint8_t>(0xff00u >> (bits & 7));
-  for (unsigned i = end; i < len; i++) pa[i] = 0;
-  if (end < len) socklen_set(a, std::max(end, 8u));
-}
+void inet_cutlen(zsockaddr_t *a, unsigned bits) { cut_bits(a, bits, kOffset, SOCKADDR_IN_LEN); }
 
+// The second index shares INET's masks.
 const zsockaddr_t *inet_hostmask(const zsockaddr_t *a) {
-  return inet_sockmask_len(a->zs_gf, socklen(a) > 8 ? 64 : 32);
+  return inet_sockmask_len(gf_inet, socklen(a) > 8 ? 64 : 32);
 }
 int inet_hostmasklen(unsigned) { return 32; }
 int inet_host_plen(const zsockaddr_t *a) { return socklen(a) > 8 ? 64 : 32; }
@@ -96,6 +94,29 @@ uint32_t inet_extract(const zsockaddr_t *a, void *) { return inet_sockextract_in
 uint32_t inet_extractsrc(const zsockaddr_t *a, void *) { return inet_sockextractsrc(a); }
 uint32_t inet_extractgrp(const zsockaddr_t *a, void *) { return sockextractgrp_in(a); }
 const uint8_t *inet_grp_ptr(const zsockaddr_t *a) { return raw(a) + kOffset; }
+
+zsockaddr_t *inet_build_mc(const zsockaddr_t *a, const void *arg) {
+  const auto *src = static_cast<const zsockaddr_t *>(arg);
+  ZSOCK_ASSERT(!src || socktype(src) == socktype(a));
+  // Read before building: the ring may hand out the block a lies in.
+  uint16_t port = sockport_in(a);
+  uint32_t group = addr_word(a), source = src ? addr_word(src) : 0;
+  zsockaddr_t *m = sockbuild(a->zs_gf, SOCKADDR_INMC_LEN);
+  in(m)->gin_port = port;
+  in(m)->gin_addr = group;
+  in(m)->gin_src = source;
+  return m;
+}
+
+// Flow fields exist in the full-size form only.
+bool has_flow(const zsockaddr_t *a) { return socklen(a) >= SOCKADDR_INMC_MAXLEN; }
+zsockaddr_inet_t *flow(zsockaddr_t *a) {
+  ZSOCK_ASSERT(socklen(a) == SOCKADDR_INMC_MAXLEN);
+  return in(a);
+}
+uint32_t inet_get_proto(const zsockaddr_t *a) { return has_flow(a) ? in(a)->gin_proto : 0; }
+uint32_t inet_get_sport(const zsockaddr_t *a) { return has_flow(a) ? in(a)->gin_sport : 0; }
+uint32_t inet_get_dport(const zsockaddr_t *a) { return has_flow(a) ? in(a)->gin_dport : 0; }
 
 // "a.b.c.d" in inet_aton's forms, then an optional "/" and a mask: a decimal
 // length, hexadecimal after "0x", or a dotted mask of at most four parts.
@@ -158,11 +179,14 @@ const char *render_i(char *buf, size_t size, const zsock_fmt_value *v, int) {
   return buf;
 }
 
+// The word's low half is the address; a group-and-source prefix (a length
+// past 32) takes its source from the high half, given with "ll" (%llzm), and
+// shows "*" for none, as the printer shows a missing source.
 const char *render_m(char *buf, size_t size, const zsock_fmt_value *v, int) {
-  uint32_t net = htonl(v[0].u32);
+  uint32_t net = htonl(static_cast<uint32_t>(v[0].u64));
+  uint32_t src = htonl(static_cast<uint32_t>(v[0].u64 >> 32));
+  if (v[1].u32 > 32 && src) return inet_snp_format_prefix_guts(buf, size + 1, net, &src, v[1].u32);
   if (v[1].u32 > 32) {
-    // A group-and-source length without the source at hand: the source is
-    // shown as "*", as the printer shows a missing one.
     if (size < 24) return nullptr;
     char *p = put_quad(buf, reinterpret_cast<const uint8_t *>(&net));
     memcpy(p, ",*/", 3);
@@ -200,7 +224,12 @@ void inet_family_init(zsock_ops *ops) {
   ops->printer = inet_vprintf;
   ops->sockprefixcmp = inet_pfx_cmp;
   ops->setsockport = inet_setport;
+  ops->sockbuild_mc = inet_build_mc;
+  ops->getters[ZSOCK_GET_PROTO] = inet_get_proto;
+  ops->getters[ZSOCK_GET_SPORT] = inet_get_sport;
+  ops->getters[ZSOCK_GET_DPORT] = inet_get_dport;
   ops->zsock2fwd_sock = zsock2fwd_sock_inet;
+  ops->fwd_sock2zsock = fwd_sock2zsock_inet;
 }
 
 }  // namespace
@@ -213,9 +242,16 @@ void zsock_register_inet(unsigned gf) {
   zsock_init_family(2, gf, kOffset, kMaxSize, inet_masks, sizeof inet_masks, "INET", inet_family_init);
   if (const zsock_hooks *h = zsock_get_hooks(); h->register_ext) {
     h->register_ext('i', render_i, 0, 2, gf, 0);
-    h->register_ext('m', render_m, 0, 2, gf, 0);
-    h->register_ext('p', render_p, 0, 2, gf, 0);
+    // "m" and "p" take a length after their address: their second value,
+    // the bits of an address, makes the look-ups count two arguments.
+    h->register_ext('m', render_m, 0, 2, gf, kAddrBits);
+    h->register_ext('p', render_p, 0, 2, gf, kAddrBits);
   }
+}
+
+void zsock_register_inet_alias(unsigned gf) {
+  check_gf();
+  zsock_init_family(172, gf, kOffset, kMaxSize, inet_masks, sizeof inet_masks, "INET", inet_family_init);
 }
 
 zsockaddr_t *sockbuild_in(uint16_t port, uint32_t addr) {
@@ -260,6 +296,10 @@ uint32_t socksrc_in(const zsockaddr_t *a) {
   return 0;
 }
 uint32_t inet_sockextractsrc(const zsockaddr_t *a) { return socksrc_in(a); }
+
+void setsockproto_in(zsockaddr_t *a, uint8_t proto) { flow(a)->gin_proto = proto; }
+void setsocksport_in(zsockaddr_t *a, uint16_t port) { flow(a)->gin_sport = port; }
+void setsockdport_in(zsockaddr_t *a, uint16_t port) { flow(a)->gin_dport = port; }
 
 void setsocksrc_in(zsockaddr_t *a, uint32_t src) {
   if (socklen(a) < SOCKADDR_INMC_LEN) socklen_set(a, SOCKADDR_INMC_LEN);
@@ -354,5 +394,10 @@ int sock2unix_inet(const zsockaddr_t *a, void *target) {
 }
 
 int zsock2fwd_sock_inet(const zsockaddr_t *a, void *target) { return sock2unix_inet(a, target); }
+
+zsockaddr_t *fwd_sock2zsock_inet(const void *fwd) {
+  const auto *sin = static_cast<const struct sockaddr_in *>(fwd);
+  return sin->sin_family == AF_INET ? sockbuild_in(sin->sin_port, sin->sin_addr.s_addr) : nullptr;
+}
 
 }  // extern "C"

@@ -39,6 +39,9 @@ int inet6_cmp2(const zsockaddr_t *a, const zsockaddr_t *b) {
   return cmp_shorter_first(raw(a), socklen(a), raw(b), socklen(b), kOffset);
 }
 
+// The header before the address stays; a unicast address keeps its length.
+void inet6_cutlen(zsockaddr_t *a, unsigned bits) { cut_bits(a, bits, kOffset, SOCKADDR_IN6_LEN); }
+
 const zsockaddr_t *inet6_hostmask(const zsockaddr_t *a) {
   return inet6_sockmask_len(a->zs_gf, socklen(a) > SOCKADDR_IN6_LEN ? 256 : 128);
 }
@@ -50,6 +53,23 @@ int inet6_masklen(unsigned gf, const zsockaddr_t *mask) {
 }
 void inet6_setport(zsockaddr_t *a, unsigned port) { in6(a)->gin6_port = static_cast<uint16_t>(port); }
 const uint8_t *inet6_grp_ptr(const zsockaddr_t *a) { return raw(a) + kOffset; }
+
+// Header and group of a, the address of arg as the source.
+zsockaddr_t *inet6_build_mc(const zsockaddr_t *a, const void *arg) {
+  const auto *src = static_cast<const zsockaddr_t *>(arg);
+  ZSOCK_ASSERT(!src || socktype(src) == socktype(a));
+  // Read before building: the ring may hand out the block a lies in.
+  alignas(4) uint8_t head[kOffset] = {};
+  memcpy(head, raw(a), std::min(socklen(a), unsigned{kOffset}));
+  uint8_t group[16], source[16] = {};
+  copy16(group, a, kOffset);
+  if (src) copy16(source, src, kOffset);
+  zsockaddr_t *m = sockbuild(a->zs_gf, SOCKADDR_IN6MC_LEN);
+  memcpy(m->zs_data, head + 2, kOffset - 2);
+  memcpy(in6(m)->gin6_addr, group, 16);
+  memcpy(in6(m)->gin6_src, source, 16);
+  return m;
+}
 
 bool inet6_parse(const char *text, zsockaddr_t *buf, size_t size, int *result_len) {
   if (size < SOCKADDR_IN6_LEN) return false;
@@ -76,6 +96,7 @@ int put_ntop(char *p, const uint8_t addr[16]) {
 
 void inet6_family_init(zsock_ops *ops) {
   ops->sockaddrcmp2 = inet6_cmp2;
+  ops->sockcutlen = inet6_cutlen;
   ops->sockhostmask = inet6_hostmask;
   ops->sockhostmasklen = inet6_hostmasklen;
   ops->sockmasklen = inet6_masklen;
@@ -86,7 +107,9 @@ void inet6_family_init(zsock_ops *ops) {
   ops->printer = inet6_vprintf;
   ops->sockprefixcmp = inet6_pfx_cmp;
   ops->setsockport = inet6_setport;
+  ops->sockbuild_mc = inet6_build_mc;
   ops->zsock2fwd_sock = sock2unix_inet6;
+  ops->fwd_sock2zsock = fwd_sock2zsock_inet6;
 }
 
 // ::ffff:a.b.c.d or ::a.b.c.d from an INET address or mask. A mask keeps its
@@ -242,6 +265,15 @@ const char *inet6_snp_format_prefix_guts(char *buf, size_t size, const uint8_t *
   }
   text_back(addr);
   return p;
+}
+
+zsockaddr_t *fwd_sock2zsock_inet6(const void *fwd) {
+  const auto *sin6 = static_cast<const struct sockaddr_in6 *>(fwd);
+  if (sin6->sin6_family != AF_INET6) return nullptr;
+  zsockaddr_t *a = sockbuild_in6(sin6->sin6_port, sin6->sin6_addr.s6_addr);
+  in6(a)->gin6_flowinfo = sin6->sin6_flowinfo;
+  in6(a)->gin6_scope_id = sin6->sin6_scope_id;
+  return a;
 }
 
 int sock2unix_inet6(const zsockaddr_t *a, void *target) {

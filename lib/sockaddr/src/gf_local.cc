@@ -48,7 +48,10 @@ int unix_to_native(const zsockaddr_t *a, void *target) {
   sun->sun_family = AF_UNIX;
   size_t n = std::min<size_t>(socklen(a) - 2, sizeof sun->sun_path - 1);
   memcpy(sun->sun_path, path_of(a), n);
-  return static_cast<int>(offsetof(struct sockaddr_un, sun_path) + n + 1);
+  // An abstract name (leading zero byte) is exactly its bytes: a terminator
+  // would name a different socket.
+  bool abstract = n > 0 && sun->sun_path[0] == '\0';
+  return static_cast<int>(offsetof(struct sockaddr_un, sun_path) + n + (abstract ? 0 : 1));
 }
 
 void unix_init(zsock_ops *ops) {

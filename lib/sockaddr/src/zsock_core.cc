@@ -222,6 +222,7 @@ bool sockparse_prefix(unsigned gf, const char *text, size_t size, zsockaddr_t *r
   if (!r || !r->gf_ops->parse || !text || !result) return false;
   int plen = -1;
   if (!r->gf_ops->parse(text, result, size, &plen)) return false;
+  result->zs_gf = gf;  // a parser shared by two indexes writes its first one
   if (result_len) *result_len = plen;
   return true;
 }

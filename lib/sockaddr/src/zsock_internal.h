@@ -49,4 +49,8 @@ void release(void *p, unsigned cls, size_t size);
 // The generic operations, which the default table holds.
 void fill_default_ops(zsock_ops *ops);
 
+// Keeps the first bits of a's bytes from offset, clears the rest up to the
+// length, and shortens the length to what was kept, never below min_len.
+void cut_bits(zsockaddr_t *a, unsigned bits, unsigned offset, unsigned min_len);
+
 }  // namespace zsock

@@ -66,13 +66,7 @@ void generic_andmask(zsockaddr_t *a, const zsockaddr_t *mask) {
   socklen_set(a, len);
 }
 
-void generic_cutlen(zsockaddr_t *a, unsigned bits) {
-  uint8_t *pa = bytes(a);
-  unsigned len = socklen(a), whole = sockbytes(bits);
-  if (bits & 7 && 2 + whole <= len) pa[2 + whole - 1] &= top_bits(bits & 7);
-  for (unsigned i = 2 + whole; i < len; i++) pa[i] = 0;
-  if (2 + whole < len) socklen_set(a, 2 + whole);
-}
+void generic_cutlen(zsockaddr_t *a, unsigned bits) { cut_bits(a, bits, 2, 0); }
 
 int generic_prefixcmp(const zsockaddr_t *a, unsigned alen, const zsockaddr_t *b, unsigned blen) {
   int c = sockaddrcmp(a, b);
@@ -85,6 +79,14 @@ void generic_copy(zsockaddr_t *target, const zsockaddr_t *source) { memcpy(targe
 bool generic_isunspec(const zsockaddr_t *) { return false; }
 
 }  // namespace
+
+void cut_bits(zsockaddr_t *a, unsigned bits, unsigned offset, unsigned min_len) {
+  uint8_t *pa = bytes(a);
+  unsigned len = socklen(a), end = offset + sockbytes(bits);
+  if (bits & 7 && end <= len) pa[end - 1] &= top_bits(bits & 7);
+  for (unsigned i = end; i < len; i++) pa[i] = 0;
+  if (end < len) socklen_set(a, std::max(end, min_len));
+}
 
 void fill_default_ops(zsock_ops *ops) {
   *ops = zsock_ops{};
@@ -110,10 +112,10 @@ using namespace zsock;
 
 // The slot of a's family, or nullptr when the family or the slot is empty.
 #define SLOT(a, name) (ops_of(a) ? ops_of(a)->name : nullptr)
-// The slot, or an assertion that names the operation.
+// The slot, or an assertion that names the operation (a null address too).
 #define NEED(a, name)                                  \
   ([&] {                                               \
-    auto fn_ = SLOT(a, name);                          \
+    auto fn_ = (a) ? SLOT(a, name) : nullptr;          \
     ZSOCK_ASSERT_TEXT(fn_ != nullptr, #name);          \
     return fn_;                                        \
   }())
@@ -142,8 +144,11 @@ int common_sockaddrcmp2(const zsockaddr_t *a, const zsockaddr_t *b) {
   return (c > 0) - (c < 0);
 }
 
+// A pair of different families goes to the first one's slot as well: a
+// family may order itself against its relatives (a composite against its
+// underlying family). The families here order by family first.
 int sockaddrcmp(const zsockaddr_t *a, const zsockaddr_t *b) {
-  if (!a || !b || a->zs_gf != b->zs_gf) return common_sockaddrcmp2(a, b);
+  if (!a || !b) return common_sockaddrcmp2(a, b);
   auto fn = SLOT(a, sockaddrcmp2);
   return fn ? fn(a, b) : common_sockaddrcmp2(a, b);
 }
@@ -174,7 +179,10 @@ bool sockbeyondlen(const zsockaddr_t *a, unsigned bits) {
   return (fn ? fn : generic_beyondlen)(a, bits);
 }
 
-bool sockissame(const zsockaddr_t *a, const zsockaddr_t *b) { return a == b; }
+bool sockissame(const zsockaddr_t *a, const zsockaddr_t *b) {
+  auto fn = a && b ? SLOT(a, sockissame) : nullptr;
+  return fn ? fn(a, b) : a == b;
+}
 
 void sockandmask(zsockaddr_t *a, const zsockaddr_t *mask) {
   auto fn = SLOT(a, sockandmask);
@@ -200,6 +208,19 @@ int sock_host_plen(const zsockaddr_t *a) { return NEED(a, sock_host_plen)(a); }
 void setsockport(zsockaddr_t *a, unsigned port) { NEED(a, setsockport)(a, port); }
 int sock2unix(const zsockaddr_t *a, void *target) { return NEED(a, sock2unix)(a, target); }
 int zsock2fwd_sock(const zsockaddr_t *a, void *target) { return NEED(a, zsock2fwd_sock)(a, target); }
+uint32_t sockextract_in(const zsockaddr_t *a, void *arg) { return NEED(a, sockextract_in)(a, arg); }
+uint32_t sockextractsrc(const zsockaddr_t *a, void *arg) { return NEED(a, sockextractsrc)(a, arg); }
+uint32_t sockextractgrp(const zsockaddr_t *a, void *arg) { return NEED(a, sockextractgrp)(a, arg); }
+const uint8_t *sockgrp_ptr(const zsockaddr_t *a) { return NEED(a, sockgrp_ptr)(a); }
+zsockaddr_t *sockbuild_mc(const zsockaddr_t *a, const void *arg) { return NEED(a, sockbuild_mc)(a, arg); }
+
+// A family's converter may serve several indexes: the result carries gf.
+zsockaddr_t *fwd_sock2zsock(unsigned gf, const void *fwd) {
+  const zsock_family *r = row(gf);
+  zsockaddr_t *a = r && r->gf_ops->fwd_sock2zsock && fwd ? r->gf_ops->fwd_sock2zsock(fwd) : nullptr;
+  if (a) a->zs_gf = gf;
+  return a;
+}
 
 bool sockisunspec(const zsockaddr_t *a) {
   auto fn = a ? SLOT(a, isunspec) : nullptr;

@@ -56,9 +56,11 @@ inline char *put_plus_port(char *p, uint16_t port) {
   return p + n;
 }
 
-// Order of two addresses of one INET-like family: the bytes from the offset
-// over the shorter length, then the shorter first.
+// Order of two addresses of an INET-like family: another family by family
+// index, as the generic order does; else the bytes from the offset over the
+// shorter length, then the shorter first.
 inline int cmp_shorter_first(const uint8_t *a, unsigned la, const uint8_t *b, unsigned lb, unsigned off) {
+  if (a[1] != b[1]) return a[1] < b[1] ? -1 : 1;
   unsigned l = la < lb ? la : lb;
   if (l > off) {
     int c = memcmp(a + off, b + off, l - off);

@@ -91,6 +91,67 @@ TEST_F(Core, OrderIsATotalOrderOnRandomAddresses) {
   for (zsockaddr_t *a : v) sockfree(a);
 }
 
+// A family that keeps its own sameness and order: sameness by bytes, the
+// generic order reversed. Every call of its comparison is counted.
+constexpr unsigned kOwn = 40;
+int own_cmp_calls;
+int own_reversed_cmp(const zsockaddr_t *a, const zsockaddr_t *b) {
+  own_cmp_calls++;
+  return -common_sockaddrcmp2(a, b);
+}
+bool own_same_bytes(const zsockaddr_t *a, const zsockaddr_t *b) {
+  return socklen(a) == socklen(b) && memcmp(a, b, socklen(a)) == 0;
+}
+void own_slots(zsock_ops *ops) {
+  ops->sockaddrcmp2 = own_reversed_cmp;
+  ops->sockissame = own_same_bytes;
+}
+
+TEST_F(Core, FamilySlotsDecideSamenessAndOrderEvenAgainstOtherFamilies) {
+  zsock_init_family(100, kOwn, 2, 16, nullptr, 0, "own", own_slots);
+  own_cmp_calls = 0;
+  zsockaddr_t *x = make(kOwn, {1, 2}), *y = make(kOwn, {1, 2});
+  EXPECT_TRUE(sockissame(x, y)) << "the family's own slot, not pointer equality";
+  zsockaddr_t *i1 = inet("10.0.0.1"), *i2 = inet("10.0.0.1");
+  EXPECT_FALSE(sockissame(i1, i2)) << "without a slot: the same pointer only";
+  EXPECT_TRUE(sockissame(i1, i1));
+
+  // A pair of different families still goes to the first one's slot.
+  EXPECT_EQ(sockaddrcmp(x, i1), -1);
+  EXPECT_EQ(own_cmp_calls, 1);
+  // Only a null address takes the generic order.
+  EXPECT_EQ(sockaddrcmp(x, nullptr), 1);
+  EXPECT_EQ(sockaddrcmp(nullptr, x), -1);
+  EXPECT_EQ(own_cmp_calls, 1);
+}
+
+// The families' own comparisons now also see pairs of different families:
+// they must keep one total order with each other and with the generic one.
+TEST_F(Core, OrderAcrossFamiliesStaysAntisymmetricThroughTheirSlots) {
+  std::mt19937 rng(11);
+  std::vector<zsockaddr_t *> v;
+  const unsigned gfs[] = {kGeneric, GF_INET, GF_INET6};
+  for (int i = 0; i < 240; i++) {
+    unsigned gf = gfs[rng() % 3];
+    unsigned len = gf == GF_INET6 ? unsigned{SOCKADDR_IN6_LEN} : gf == GF_INET ? unsigned{SOCKADDR_IN_LEN} : 2 + rng() % 6;
+    zsockaddr_t *a = sockalloc(gf, len);
+    for (unsigned k = 2; k < len; k++) reinterpret_cast<uint8_t *>(a)[k] = rng() % 3 ? 0 : rng();
+    v.push_back(a);
+  }
+  for (zsockaddr_t *a : v)
+    for (zsockaddr_t *b : v) {
+      int ab = sockaddrcmp(a, b), ba = sockaddrcmp(b, a);
+      ASSERT_EQ(ab, -ba);
+      if (a->zs_gf != b->zs_gf) {
+        ASSERT_EQ(ab, a->zs_gf < b->zs_gf ? -1 : 1);
+      }
+    }
+  std::vector<zsockaddr_t *> sorted = v;
+  std::sort(sorted.begin(), sorted.end(), [](auto *a, auto *b) { return sockaddrcmp(a, b) < 0; });
+  for (size_t i = 1; i < sorted.size(); i++) ASSERT_LE(sockaddrcmp(sorted[i - 1], sorted[i]), 0) << i;
+  for (zsockaddr_t *a : v) sockfree(a);
+}
+
 TEST_F(Core, ScratchRingRoundsWrapsAndClearsTheHeader) {
   zsockaddr_t *a = sockbuild(kGeneric, 5);
   zsockaddr_t *b = sockbuild(kGeneric, 5);
@@ -206,6 +267,14 @@ TEST_F(Core, EmptySlotsAssertWithTheOperationsName) {
   EXPECT_DEATH(setsockport(g, 1), "setsockport");
   EXPECT_DEATH(sock2unix(g, nullptr), "sock2unix");
   EXPECT_DEATH(sockhostmasklen(kGeneric), "sockhostmasklen");
+  EXPECT_DEATH(sockextract_in(g, nullptr), "sockextract_in");
+  EXPECT_DEATH(sockextractsrc(g, nullptr), "sockextractsrc");
+  EXPECT_DEATH(sockextractgrp(g, nullptr), "sockextractgrp");
+  EXPECT_DEATH(sockgrp_ptr(g), "sockgrp_ptr");
+  EXPECT_DEATH(sockbuild_mc(g, nullptr), "sockbuild_mc");
+  EXPECT_DEATH(sockclean(nullptr), "sockclean") << "a null address names the operation too";
+  EXPECT_EQ(fwd_sock2zsock(kGeneric, "x"), nullptr) << "no conversion from the forwarding form";
+  EXPECT_EQ(fwd_sock2zsock(GF_MAX_DAEMON, "x"), nullptr);
   EXPECT_FALSE(sockishost(g, nullptr));  // default: not a host
   EXPECT_EQ(sockgetter(g, 0), 0u);
   EXPECT_EQ(sockgetter(nullptr, 0), 0u);

@@ -141,6 +141,30 @@ TEST_F(Inet, InetOverridesOfTheMaskAlgebra) {
   EXPECT_DEATH(inet6_pfx_cmp(inet("1.1.1.1"), 8, inet6("::1"), 8), "socktype\\(addr1\\) == GF_INET6");
 }
 
+// INET6 keeps port, flow information and scope before its address: a cut
+// counts its bits from the address, not from the header.
+TEST_F(Inet, Inet6CutKeepsTheLeadingBitsOfTheAddress) {
+  zsockaddr_t *a = inet6("2001:db8:abcd:ef12::1", 443);
+  sockcutlen(a, 36);
+  EXPECT_EQ(text(a, 1), "2001:db8:a000::+443");
+  EXPECT_EQ(socklen(a), unsigned{SOCKADDR_IN6_LEN});
+  sockcutlen(a, 0);
+  EXPECT_EQ(text(a, 1), "::+443");
+
+  // With a source: the cut reaches into the source and the length follows it.
+  zsockaddr_t *mc = sockbuild(GF_INET6, SOCKADDR_IN6MC_LEN);
+  memcpy(mc->zs_data + 10, inet6("ff05::1")->zs_data + 10, 16);
+  memcpy(mc->zs_data + 26, inet6("2001:db8::5")->zs_data + 10, 16);
+  sockcutlen(mc, 128 + 22);
+  EXPECT_EQ(socklen(mc), unsigned{SOCKADDR_IN6_LEN + 3});
+  EXPECT_EQ(text(mc), "ff05::1, 2001:c00::");
+  // The cut address equals one built from the prefix.
+  zsockaddr_t *b = inet6("2001:db8:abcd:ef12::1");
+  sockcutlen(b, 64);
+  uint8_t p6[16] = {0x20, 0x01, 0x0d, 0xb8, 0xab, 0xcd, 0xef, 0x12};
+  EXPECT_TRUE(sockaddreq(b, inet6_prefix_to_sockaddr(p6, 64)));
+}
+
 TEST_F(Inet, FieldsAndTheMissingSource) {
   zsockaddr_t *a = inet("10.0.0.1", 53);
   EXPECT_EQ(socksrc_in(a), 0u);
@@ -161,6 +185,97 @@ TEST_F(Inet, FieldsAndTheMissingSource) {
   sockfree(owned);
 }
 
+TEST_F(Inet, GroupSourceAndForwardingFormThroughTheDispatchers) {
+  zsockaddr_t *g = inet("239.1.2.3", 5000);
+  zsockaddr_t *mc = sockbuild_mc(g, inet("10.0.0.9"));
+  EXPECT_EQ(text(mc, 1), "239.1.2.3, 10.0.0.9");
+  EXPECT_EQ(sockport_in(mc), htons(5000));
+  EXPECT_EQ(sockextract_in(mc, nullptr), inet_addr("239.1.2.3"));
+  EXPECT_EQ(sockextractgrp(mc, nullptr), inet_addr("239.1.2.3"));
+  EXPECT_EQ(sockextractsrc(mc, nullptr), inet_addr("10.0.0.9"));
+  EXPECT_EQ(memcmp(sockgrp_ptr(mc), "\xef\x01\x02\x03", 4), 0);
+  EXPECT_EQ(text(sockbuild_mc(g, nullptr)), "239.1.2.3, *");
+
+  zsockaddr_t *g6 = sockbuild_mc(inet6("ff3e::1", 9), inet6("2001:db8::5"));
+  EXPECT_EQ(socklen(g6), unsigned{SOCKADDR_IN6MC_LEN});
+  EXPECT_EQ(text(g6), "ff3e::1, 2001:db8::5");
+  EXPECT_EQ(memcmp(sockgrp_ptr(g6), inet6("ff3e::1")->zs_data + 10, 16), 0);
+  EXPECT_DEATH(sockextract_in(g6, nullptr), "sockextract_in") << "no 32-bit address in INET6";
+
+  // The forwarding form and back, port and scope kept.
+  sockaddr_in sin;
+  zsock2fwd_sock(inet("10.1.2.3", 53), &sin);
+  zsockaddr_t *back = fwd_sock2zsock(GF_INET, &sin);
+  ASSERT_NE(back, nullptr);
+  EXPECT_EQ(text(back, 1), "10.1.2.3+53");
+  EXPECT_TRUE(sockaddreq(back, inet("10.1.2.3")));
+  sockaddr_in6 sin6;
+  zsockaddr_t *ll = inet6("fe80::1", 179);
+  reinterpret_cast<zsockaddr_inet6_t *>(ll)->gin6_scope_id = 3;
+  zsock2fwd_sock(ll, &sin6);
+  zsockaddr_t *back6 = fwd_sock2zsock(GF_INET6, &sin6);
+  ASSERT_NE(back6, nullptr);
+  EXPECT_EQ(memcmp(back6, ll, SOCKADDR_IN6_LEN), 0);
+  EXPECT_EQ(fwd_sock2zsock(GF_INET6, &sin), nullptr) << "an IPv4 form is no INET6 address";
+  EXPECT_EQ(fwd_sock2zsock(GF_INET, &sin6), nullptr);
+}
+
+TEST_F(Inet, FlowFieldsOfTheFullSizeForm) {
+  zsockaddr_t *f = sockbuild_inmax();
+  reinterpret_cast<zsockaddr_inet_t *>(f)->gin_addr = inet_addr("192.0.2.1");
+  setsockproto_in(f, 17);
+  setsocksport_in(f, htons(50000));
+  setsockdport_in(f, htons(4789));
+  EXPECT_EQ(sockgetter(f, ZSOCK_GET_PROTO), 17u);
+  EXPECT_EQ(sockgetter(f, ZSOCK_GET_SPORT), htons(50000));
+  EXPECT_EQ(sockgetter(f, ZSOCK_GET_DPORT), htons(4789));
+  EXPECT_EQ(socklen(f), unsigned{SOCKADDR_INMC_MAXLEN});
+  EXPECT_EQ(inet_sockextract_in(f), inet_addr("192.0.2.1"));
+  EXPECT_EQ(socksrc_in(f), 0u) << "the fields do not spill into the source";
+  EXPECT_EQ(sockport_in(f), 0u);
+  // The fields are part of the address's identity.
+  zsockaddr_t *g = sockdup(f);
+  EXPECT_TRUE(sockaddreq(f, g));
+  setsockdport_in(g, htons(4790));
+  EXPECT_FALSE(sockaddreq(f, g));
+  sockfree(g);
+  // A short address has no such fields: reads give 0, writes are refused.
+  zsockaddr_t *a = inet("10.0.0.1", 80);
+  EXPECT_EQ(sockgetter(a, ZSOCK_GET_PROTO), 0u);
+  EXPECT_EQ(sockgetter(a, ZSOCK_GET_DPORT), 0u);
+  EXPECT_DEATH(setsockproto_in(a, 6), "SOCKADDR_INMC_MAXLEN");
+  EXPECT_DEATH(setsocksport_in(a, 6), "SOCKADDR_INMC_MAXLEN");
+}
+
+// A second family index with the INET operations, as kind 172.
+TEST_F(Inet, SecondIndexSharesTheInetOperations) {
+  constexpr unsigned kInet2 = 34;
+  zsock_register_inet_alias(kInet2);
+  const zsock_family *r = zsock_family_row(kInet2);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->gf_kind, 172);
+  EXPECT_EQ(r->gf_native, 1) << "the second index maps to the native INET value";
+  EXPECT_EQ(r->gf_offset, 4);
+  EXPECT_EQ(gf_inet, unsigned{GF_INET}) << "the first index stays the INET one";
+  EXPECT_EQ(ledger.printf_exts.back().first, kInet2);
+  EXPECT_EQ(ledger.letters, "imp") << "the letters are registered once";
+
+  zsockaddr_t *a = sockbuild(kInet2, SOCKADDR_IN_LEN);
+  int plen;
+  ASSERT_TRUE(sockparse_prefix(kInet2, "10.1.2.3/24", SOCKADDR_IN_LEN, a, &plen));
+  EXPECT_EQ(a->zs_gf, kInet2) << "parsed under the index asked for";
+  EXPECT_EQ(text(a), "10.1.2.3");
+  sockcutlen(a, 16);
+  EXPECT_EQ(text(a), "10.1.0.0");
+  EXPECT_EQ(sockhostmask(a), inet_sockmask_len(GF_INET, 32));
+  EXPECT_EQ(sockmasklen(kInet2, inet_sockmask_len(GF_INET, 24)), 24);
+  EXPECT_EQ(sockaddrcmp(inet("10.1.0.0"), a), -1) << "same bytes, the lower index first";
+  EXPECT_EQ(sockbuild_mc(a, nullptr)->zs_gf, kInet2);
+  sockaddr_in sin;
+  zsock2fwd_sock(a, &sin);
+  EXPECT_EQ(fwd_sock2zsock(kInet2, &sin)->zs_gf, kInet2);
+}
+
 TEST_F(Inet, FormatLettersRenderFromTheEndOfTheBuffer) {
   char buf[64];
   zsock_fmt_value v[2] = {};
@@ -170,6 +285,8 @@ TEST_F(Inet, FormatLettersRenderFromTheEndOfTheBuffer) {
   EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1/24");
   v[1].u32 = 40;
   EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1,*/40");
+  v[0].u64 = uint64_t{0x0a000009} << 32 | 0x0a000001;  // the source in the second word
+  EXPECT_STREQ(ledger.render['m' - 'a'](buf, sizeof buf - 1, v, 'm'), "10.0.0.1,10.0.0.9/40");
   zsockaddr_t *mc = inet("239.0.0.1");
   setsocksrc_in(mc, inet_addr("10.0.0.9"));
   v[0].ptr = mc;
@@ -190,6 +307,15 @@ TEST_F(Inet, UnixAndMacAddresses) {
   EXPECT_STREQ(sun.sun_path, "/var/run/tunechod_mgmt");
   EXPECT_EQ(sun.sun_family, AF_UNIX);
   sockfree(u);
+  // An abstract name converts to exactly its bytes, or a reply would go to
+  // a name one byte longer.
+  static const char abs_name[] = "\0tvx-abstract";
+  const size_t abs_len = sizeof abs_name - 1;
+  zsockaddr_t *ab = sockalloc(gf_unix, abs_len + 2);
+  memcpy(ab->zs_data, abs_name, abs_len);
+  EXPECT_EQ(sock2unix(ab, &sun), static_cast<int>(offsetof(sockaddr_un, sun_path) + abs_len));
+  EXPECT_EQ(memcmp(sun.sun_path, abs_name, abs_len), 0);
+  sockfree(ab);
   // A damaged length under the header prints as an empty path, not as a
   // copy of nearly all memory.
   alignas(8) uint8_t damaged[8] = {1, static_cast<uint8_t>(gf_unix)};

@@ -14,11 +14,11 @@ task *task_of(void *udata) {
   return reinterpret_cast<task *>(static_cast<char *>(udata) - offsetof(task, task_kevent_udata));
 }
 
-void run_io(task_sched_stats *stats, task_io_var *io, const task_kevent &ev, int level) {
+void run_io(task_sched_stats *stats, task_io_var *io_var, const task_kevent &ev, int level) {
   if (!ev.udata || *static_cast<int32_t *>(ev.udata) != TASK_KEVENT_TASK) return;
   task *tp = task_of(ev.udata);
   task_verify(tp);
-  task_assert(task_var_io(tp) == io);
+  task_assert(task_var_io(tp) == io_var);
   // A task deleted by an earlier entry of this list: its socket is gone.
   if ((tp->task_flags & TASK_FLAG_DELETE) || tp->task_socket < 0) return;
   bool rd = ev.filter == TASK_EVFILT_READ;
@@ -70,30 +70,29 @@ const char *task_evfilt_name(int filter) {
   }
 }
 
-void task_process_events_internal(task_sched_stats *stats, task_io_var *io, int count) {
+void task_process_events_internal(task_sched_stats *stats, task_io_var *io_var, int count) {
   int next_level = -1;
   // A method may run a nested pass, which reuses the queue's list.
   task_kevent list[TASK_EVENTLIST_SIZE];
   for (int level = 0;; level = 1) {
-    std::copy(io->task_eventlist, io->task_eventlist + count, list);
+    std::copy(io_var->task_eventlist, io_var->task_eventlist + count, list);
     for (int i = 0; i < count; i++) {
       task_kevent &ev = list[i];
       switch (ev.filter) {
         case TASK_EVFILT_READ:
           if (!ev.udata) {
-            task_assert(level < (TASK_EVQ_N_PRIO - 1) &&
-                        static_cast<int>(ev.ident) == io->task_eventQ[level + 1]);
             next_level = static_cast<int>(ev.ident);
+            task_assert(level < (TASK_EVQ_N_PRIO - 1) && next_level == io_var->task_eventQ[level + 1]);
             break;
           }
           if (*static_cast<int32_t *>(ev.udata) == TASK_KEVENT_IO_HOOK) {
             task_io_hook_dispatch(static_cast<task_io_hook *>(ev.udata));
             break;
           }
-          run_io(stats, io, ev, level);
+          run_io(stats, io_var, ev, level);
           break;
         case TASK_EVFILT_WRITE:
-          run_io(stats, io, ev, level);
+          run_io(stats, io_var, ev, level);
           break;
         case TASK_EVFILT_SIGNAL:
           task_signal_event(static_cast<int>(ev.ident));
@@ -113,7 +112,7 @@ void task_process_events_internal(task_sched_stats *stats, task_io_var *io, int 
     }
     if (level == 1 || next_level < 0) return;
     task_utime zero{0, 0};
-    count = task_evq.wait(1, io->task_eventlist, io->task_eventlist_size, &zero);
+    count = task_evq.wait(1, io_var->task_eventlist, io_var->task_eventlist_size, &zero);
     if (count <= 0) return;
   }
 }

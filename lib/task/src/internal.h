@@ -47,6 +47,12 @@ void task_sched_stat(int which, uint32_t n = 1);
 // job.cc
 void task_jobs_init(task_jobs_var *jv);
 
+// job_events.cc: the event system "TASK-JOBS", null when its registration
+// failed; the queue log after a run while "jobs queue" is on.
+struct zevt_system;
+extern zevt_system *task_job_evt;
+void task_job_evt_queue_log(void);
+
 // signal.cc
 void task_signal_init(void);
 void task_lowmem_forget(task *tp);

@@ -24,11 +24,15 @@ constexpr uint32_t kDefaultBuffer = 65536;
 constexpr uint32_t kHbhSize = 248, kRthdrSize = 68;
 constexpr size_t kRecvCtrl = 512;
 
+// Room for any address the receive path builds: a local one is the longest
+// (two header bytes and a whole sun_path).
+constexpr size_t kAddrRoom = 2 + sizeof(sockaddr_un::sun_path);
+
 // The receive record with room for its two addresses.
 struct recv_results {
   task_recv_info info;
-  alignas(8) uint8_t src[64];
-  alignas(8) uint8_t dst[64];
+  alignas(8) uint8_t src[kAddrRoom];
+  alignas(8) uint8_t dst[kAddrRoom];
 };
 
 size_t page_round(size_t n) {
@@ -96,13 +100,29 @@ zsockaddr_t *put_inet(uint8_t *room, uint16_t port, uint32_t addr) {
   return reinterpret_cast<zsockaddr_t *>(room);
 }
 
-// Copies a scratch address into the record's own room.
+// Copies a scratch address into a room of kAddrRoom bytes.
 zsockaddr_t *keep_addr(uint8_t *room, const zsockaddr_t *a) {
   if (!a) return nullptr;
   unsigned n = socklen(a);
-  if (n > 64) return nullptr;
+  if (n > kAddrRoom) return nullptr;
   memcpy(room, a, n);
   return reinterpret_cast<zsockaddr_t *>(room);
+}
+
+// A local address written into a room of kAddrRoom bytes; null when the
+// family is not registered. A path loses the terminator the kernel may count
+// in; an abstract name (leading zero byte) keeps its exact length; an unbound
+// sender gives the empty path.
+zsockaddr_t *put_local(uint8_t *room, const sockaddr *sa, socklen_t len) {
+  if (!gf_unix) return nullptr;
+  auto *sun = reinterpret_cast<const sockaddr_un *>(sa);
+  size_t n = len > offsetof(sockaddr_un, sun_path) ? len - offsetof(sockaddr_un, sun_path) : 0;
+  if (n > sizeof sun->sun_path) n = sizeof sun->sun_path;
+  if (n && sun->sun_path[0]) n = strnlen(sun->sun_path, n);
+  auto *a = reinterpret_cast<zsockaddr_t *>(room);
+  socksetlen(a, gf_unix, static_cast<unsigned>(n + 2));
+  memcpy(a->zs_data, sun->sun_path, n);
+  return a;
 }
 
 // A typed address from a native one; null when its family is not registered.
@@ -128,12 +148,9 @@ zsockaddr_t *from_native(const sockaddr *sa, socklen_t len) {
 // The same as an owned address; local sockets give the "local" family.
 zsockaddr_t *create_native(const sockaddr *sa, socklen_t len) {
   if (sa && len >= sizeof(sa_family_t) && sa->sa_family == AF_UNIX) {
-    if (!gf_unix) return nullptr;
-    auto *sun = reinterpret_cast<const sockaddr_un *>(sa);
-    char path[sizeof sun->sun_path + 1] = {};
-    size_t n = len > offsetof(sockaddr_un, sun_path) ? len - offsetof(sockaddr_un, sun_path) : 0;
-    memcpy(path, sun->sun_path, n < sizeof sun->sun_path ? n : sizeof sun->sun_path);
-    return sockcreate_unix(path[0] ? path : "");
+    alignas(8) uint8_t room[kAddrRoom];
+    zsockaddr_t *a = put_local(room, sa, len);
+    return a ? sockdup(a) : nullptr;
   }
   zsockaddr_t *a = from_native(sa, len);
   return a ? sockdup(a) : nullptr;
@@ -443,7 +460,8 @@ int task_close(task *tp) {
   if (!tp || tp->task_socket < 0) return 0;
   int s = tp->task_socket;
   task_io_var *io = task_var_io(tp);
-  for (int q : io->task_eventQ) task_assert(s != q);
+  for (int i = 0; i < TASK_EVQ_N_PRIO; i++)
+    task_assert_text(s != io->task_eventQ[i], "s != close_tp->task_context->tvctx_io->task_eventQ[i]");
   task_reset_socket(tp);
   if (test_state()) return 0;
   task_fd_ring_note(s, TASK_FD_CLOSE, tp);
@@ -837,12 +855,25 @@ int receive(task *tp, task_io_var *io, msghdr *msg, uint8_t *recv_buffer, size_t
     if (sa->sa_family == AF_INET && gf_inet && msg->msg_namelen >= sizeof(sockaddr_in)) {
       auto *sin = reinterpret_cast<sockaddr_in *>(sa);
       ri.tri_src = put_inet(r->src, sin->sin_port, sin->sin_addr.s_addr);
+    } else if (sa->sa_family == AF_UNIX) {
+      ri.tri_src = put_local(r->src, sa, msg->msg_namelen);
     } else {
       ri.tri_src = keep_addr(r->src, from_native(sa, msg->msg_namelen));
     }
     if (!ri.tri_src) return -3;
   }
-  if (keep_info && msg->msg_controllen && !(msg->msg_flags & MSG_CTRUNC)) process_cmsg(tp, r, msg);
+  if (msg->msg_flags & MSG_CTRUNC) {
+    // The caller's control buffer was too small: what came is partial, and
+    // none of it is taken. Without a buffer nothing was asked for.
+    if (ctrllen) {
+      addr_text t(ri.tri_src, 1);
+      logging_event(LOG_ERR, "ZTASK_PACKET_TRUNCATED",
+                    "ZTASK_PACKET_TRUNCATED: %s: %s control data from %s socket %d truncated", "task_receive_packet",
+                    task_name(tp), t.t, tp->task_socket);
+    }
+  } else if (keep_info && msg->msg_controllen) {
+    process_cmsg(tp, r, msg);
+  }
   // Linux sends no table index: the ingress interface's VRF stands for it.
   if (ri.tri_rtbl_index == TASK_RTBL_INDEX_NONE && ri.tri_ifindex > 0 && task_vrf_n_watching &&
       task_vrf_watching(tp))

@@ -6,6 +6,7 @@
 #include "mem/block.h"
 #include "mem/mem.h"
 #include "task/accounting.h"
+#include "trace/zevt.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ void ctx_free(task_job_ctx *c) {
   task_block_free(subjob_block, c);
 }
 
-inline bool on_starving(const task_job *jp) { return jp->task_job_starving.tjl_next != nullptr; }
+inline bool thread_node_on_thread(const task_job_list *l) { return l->tjl_next != nullptr; }
 void starve_unlink(task_job *jp) {
   task_job_list *l = &jp->task_job_starving;
   if (!l->tjl_next) return;
@@ -158,12 +159,17 @@ void remove_marker(task_job *jp) {
 
 inline task_utime ms(uint32_t n) { return task_utime_from_usec(uint64_t{n} * 1000); }
 
+// Whether an event of "TASK-JOBS" asks for anything: read inline on every run.
+inline bool evt_on(unsigned n) { return task_job_evt && task_job_evt->zs_events[n].ze_action; }
+
 const char *job_name_of(const void *jp) { return static_cast<const task_job *>(jp)->task_job_name; }
 
 // The common run step: one call of the method, with its bookkeeping.
 void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
   task *tp = jp->task_job_task;
   TASK_TRACE(tp, TR_TASK, "%s running job %s for task %s", text, jp->task_job_name, task_name(tp));
+  if (__builtin_expect(evt_on(TASK_JOB_EVT_START), 0))
+    zevt_record(task_job_evt, TASK_JOB_EVT_START, "%s for task %s by %s", jp->task_job_name, task_name(tp), text);
   task_utime start{};
   if (jp->task_job_max_quantum) {
     task_time_update();
@@ -192,8 +198,12 @@ void job_call(task_job *jp, task_job_ctx *sub, const char *text) {
     jp->task_job_quantum_left = task_utime_sub(jp->task_job_quantum_left, used);
     jp->task_job_loop_left = task_utime_sub(jp->task_job_loop_left, used);
   }
-  TASK_TRACE(tp, TR_TASK, "%s %s job %s for task %s", text, jp->task_job_forw ? "returned" : "completed",
-             jp->task_job_name, task_name(tp));
+  const char *outcome = jp->task_job_forw ? "returned" : "completed";
+  TASK_TRACE(tp, TR_TASK, "%s %s job %s for task %s", text, outcome, jp->task_job_name, task_name(tp));
+  if (__builtin_expect(evt_on(TASK_JOB_EVT_END), 0))
+    zevt_record(task_job_evt, TASK_JOB_EVT_END, "%s for task %s by %s is %s", jp->task_job_name, task_name(tp), text,
+                outcome);
+  if (__builtin_expect(evt_on(TASK_JOB_EVT_QUEUE), 0)) task_job_evt_queue_log();
   task_timer_hiprio_check();
 }
 
@@ -214,7 +224,7 @@ void bg_run(task_job *jp, const char *text) {
     if (!jp->task_job_forw) {
       jp->task_job_credit = 0;
       starve_clear(jp);
-      task_assert(!on_starving(jp));
+      task_assert(!thread_node_on_thread(&jp->task_job_starving));
       job_free(jp);
       return;
     }
@@ -270,6 +280,7 @@ void task_jobs_init(task_jobs_var *v) {
   v->taskjobs_starving_list.tjl_next = v->taskjobs_starving_list.tjl_prev = &v->taskjobs_starving_list;
   v->taskjobs_starve_ok = 1;
   for (int p = 0; p < TASK_JOB_PRIO_MAX; p++) v->task_job_weight[p] = 1u << (2 * p);
+  task_job_events_register();
 }
 
 task_jobs_var *task_var_jobs(void) {
@@ -373,21 +384,29 @@ void task_job_subjob_delete(task_job_ctx *c) {
   if (!subjob_remove(c)) task_job_delete(jp);
 }
 
-void task_job_delete_task(task *tp) {
+namespace {
+int delete_queued(task *tp, task_job *h) {
   int n = 0;
-  for (task_job *h : {fg_head(), bg_head()}) {
-    for (task_job *j = h->task_job_forw; j != h;) {
-      task_job *next = j->task_job_forw;
-      if (j->task_job_task == tp) {
-        // A sub-job job goes one sub-job per delete; the last takes the job.
-        int calls = 0;
-        for (task_job_ctx *c = ctx_head(j)->tjc_next; c != ctx_head(j); c = c->tjc_next) calls += !c->tjc_marker;
-        for (int i = 0; i < (calls ? calls : 1); i++) task_job_delete(j);
-        n++;
-      }
-      j = next;
+  for (task_job *j = h->task_job_forw; j != h;) {
+    task_job *next = j->task_job_forw;
+    if (j->task_job_task == tp) {
+      // A sub-job job goes one sub-job per delete; the last takes the job.
+      int calls = 0;
+      for (task_job_ctx *c = ctx_head(j)->tjc_next; c != ctx_head(j); c = c->tjc_next) calls += !c->tjc_marker;
+      for (int i = 0; i < (calls ? calls : 1); i++) task_job_delete(j);
+      n++;
     }
+    j = next;
   }
+  return n;
+}
+}  // namespace
+
+void task_job_delete_task(task *tp) {
+  int n = delete_queued(tp, fg_head()) + delete_queued(tp, bg_head());
+  // Foreground jobs taken off the queue by a dispatch that is still running
+  // (nested dispatches each hold their own list).
+  for (task_job_fg_list *l = jv()->taskjobs_fg_local; l; l = l->outer) n += delete_queued(tp, &l->head);
   if (n) TASK_TRACE(tp, TR_TASK, "task_job_delete_task: deleted %d jobs of task %s", n, task_name(tp));
 }
 
@@ -430,17 +449,18 @@ bool task_job_bg_queued(void) { return jv()->taskjobs_bg_queued != 0; }
 
 void task_job_fg_dispatch(void) {
   task_jobs_var *v = jv();
-  // Jobs created from here on go to the fresh queue and wait a pass.
-  task_job local;
-  local.task_job_forw = local.task_job_back = &local;
   task_job *h = fg_head();
-  if (h->task_job_forw != h) {
-    local.task_job_forw = h->task_job_forw;
-    local.task_job_back = h->task_job_back;
-    local.task_job_forw->task_job_back = &local;
-    local.task_job_back->task_job_forw = &local;
-    h->task_job_forw = h->task_job_back = h;
-  }
+  if (h->task_job_forw == h) return;
+  // Jobs created from here on go to the fresh queue and wait a pass.
+  task_job_fg_list l;
+  task_job &local = l.head;
+  local.task_job_forw = h->task_job_forw;
+  local.task_job_back = h->task_job_back;
+  local.task_job_forw->task_job_back = &local;
+  local.task_job_back->task_job_forw = &local;
+  h->task_job_forw = h->task_job_back = h;
+  l.outer = v->taskjobs_fg_local;
+  v->taskjobs_fg_local = &l;
   while (local.task_job_forw != &local) {
     task_job *jp = local.task_job_forw;
     // Still counted and linked while it runs, so that a delete from any
@@ -454,42 +474,48 @@ void task_job_fg_dispatch(void) {
     }
     job_free(jp);
   }
+  v->taskjobs_fg_local = l.outer;
   if (h->task_job_forw != h)
     TASK_TRACE(nullptr, TR_TASK, "task_job_fg_dispatch: %u foreground jobs queued for the next pass",
                v->taskjobs_fg_queued);
 }
 
 void task_job_bg_dispatch(void) {
-  task_jobs_var *v = jv();
-  task_job *head = &v->taskjobs_bg_head;
+  task_jobs_var *jobs_var = jv();
+  task_job *head = &jobs_var->taskjobs_bg_head;
   task_job *jp = nullptr;
-  if (v->taskjobs_starving && v->taskjobs_starve_ok) {
-    task_job_list *l = v->taskjobs_starving_list.tjl_next;
-    jp = l != &v->taskjobs_starving_list
+  if (jobs_var->taskjobs_starving && jobs_var->taskjobs_starve_ok) {
+    task_job_list *l = jobs_var->taskjobs_starving_list.tjl_next;
+    jp = l != &jobs_var->taskjobs_starving_list
              ? reinterpret_cast<task_job *>(reinterpret_cast<char *>(l) - offsetof(task_job, task_job_starving))
              : nullptr;
     task_assert(!jp || (jp && (((jp->task_job_flags) & (0x02)) != 0)));
+    if (jp && evt_on(TASK_JOB_EVT_STARVED_SELECTED))
+      zevt_record(task_job_evt, TASK_JOB_EVT_STARVED_SELECTED, "%s for task %s selected while starving",
+                  jp->task_job_name, task_name(jp->task_job_task));
     task_sched_stat(SCHED_STAT_BG_STARVING);
-    v->taskjobs_starve_ok = 0;
+    jobs_var->taskjobs_starve_ok = 0;
   }
   if (!jp) {
     jp = head->task_job_forw;
-    v->taskjobs_starve_ok = 1;
+    jobs_var->taskjobs_starve_ok = 1;
     if (jp == head) {
-      task_assert(v->taskjobs_bg_queued == 0);
+      task_assert(jobs_var->taskjobs_bg_queued == 0);
       return;
     }
   }
-  uint32_t w = v->task_job_weight[jp->task_job_priority];
-  task_job *last = v->taskjobs_last[jp->task_job_priority];
+  uint32_t w = jobs_var->task_job_weight[jp->task_job_priority];
+  task_job *last = jobs_var->taskjobs_last[jp->task_job_priority];
   for (task_job *j = last ? last->task_job_forw : head; j != head; j = j->task_job_forw) {
     j->task_job_credit += w;
-    if (j->task_job_credit > v->task_job_weight[j->task_job_priority] && !(j->task_job_flags & TASK_JOB_STARVING)) {
+    if (j->task_job_credit > jobs_var->task_job_weight[j->task_job_priority] &&
+        !(j->task_job_flags & TASK_JOB_STARVING)) {
       j->task_job_flags |= TASK_JOB_STARVING;
       starve_append(j);
-      v->taskjobs_starving++;
-      TASK_TRACE(j->task_job_task, TR_TASK, "%s is getting starved by %s (or other)", j->task_job_name,
-                 jp->task_job_name);
+      jobs_var->taskjobs_starving++;
+      if (evt_on(TASK_JOB_EVT_STARVING))
+        zevt_record(task_job_evt, TASK_JOB_EVT_STARVING, "%s is getting starved by %s (or other)", j->task_job_name,
+                    jp->task_job_name);
     }
   }
   task_sched_stat(SCHED_STAT_BG_DISPATCH);

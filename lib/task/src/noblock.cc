@@ -69,16 +69,16 @@ void noblock_cookie_free(noblock_cookie *c) {
   task_block_free(noblock_cookie_blk, c);
 }
 
-void noblock_schedule_write(noblock_cookie *c) {
-  task_assert(c->co_wrtrdy != ((void *)0));
-  task *tp = c->co_task;
-  if (!(c->co_flags & NOBLOCK_F_SCHEDULED)) {
-    c->co_rdyfunc = tp->task_write;
-    c->co_flags |= NOBLOCK_F_SCHEDULED;
-    TASK_TRACE(tp, TR_TASK, "noblock_schedule_write: setting task write routine for %s, tp %p", c->co_name,
+void noblock_schedule_write(noblock_cookie *cookie) {
+  task_assert(cookie->co_wrtrdy != ((void *)0));
+  task *tp = cookie->co_task;
+  if (!(cookie->co_flags & NOBLOCK_F_SCHEDULED)) {
+    cookie->co_rdyfunc = tp->task_write;
+    cookie->co_flags |= NOBLOCK_F_SCHEDULED;
+    TASK_TRACE(tp, TR_TASK, "noblock_schedule_write: setting task write routine for %s, tp %p", cookie->co_name,
                static_cast<void *>(tp));
   }
-  tp->task_write = c->co_wrtrdy;
+  tp->task_write = cookie->co_wrtrdy;
   task_write_enable(tp);
 }
 
@@ -140,44 +140,45 @@ ssize_t nb_read(void *cookie, char *buf, size_t size) {
   return tvx_sys.sys_read(sock(c), buf, size);
 }
 
-ssize_t nb_write(void *cookie, const char *buf, size_t size) {
-  auto *c = static_cast<noblock_cookie *>(cookie);
-  if (getpid() != c->co_pid) return 0;  // a forked child must not write into our connection
-  if (c->co_flags & NOBLOCK_F_ABORTED) return 0;
-  if (c->co_state != NOBLOCK_S_OPEN || (c->co_flags & NOBLOCK_F_ERROR)) {
-    errno = c->co_errno ? c->co_errno : EPIPE;
+ssize_t nb_write(void *arg, const char *buf, size_t size) {
+  auto *cookie = static_cast<noblock_cookie *>(arg);
+  if (getpid() != cookie->co_pid) return 0;  // a forked child must not write into our connection
+  if (cookie->co_flags & NOBLOCK_F_ABORTED) return 0;
+  if (cookie->co_state != NOBLOCK_S_OPEN || (cookie->co_flags & NOBLOCK_F_ERROR)) {
+    errno = cookie->co_errno ? cookie->co_errno : EPIPE;
     return -1;
   }
-  task_assert(task_socket(c->co_task) != -1);
+  task_assert(task_socket(cookie->co_task) != -1);
   // A large write goes out with what is queued, straight from the caller's
   // bytes: only what the socket does not take is copied.
   size_t direct = 0;
   if (size >= kDirectWrite) {
-    direct = send_with_queue(c, buf, size);
-    if (c->co_flags & NOBLOCK_F_ERROR) return static_cast<ssize_t>(size);
+    direct = send_with_queue(cookie, buf, size);
+    if (cookie->co_flags & NOBLOCK_F_ERROR) return static_cast<ssize_t>(size);
     buf += direct;
     size -= direct;
     if (!size) return static_cast<ssize_t>(direct);
   }
   size_t taken = 0;
   // stdio does not retry a short count: everything is taken, or the call fails.
-  if (noblock_buffer *b = tail(c)) {
+  if (noblock_buffer *b = tail(cookie)) {
     size_t room = static_cast<size_t>(data_end(b) - b->nb_end), n = room < size ? room : size;
     memcpy(b->nb_end, buf, n);
     b->nb_end += n;
     taken = n;
   }
   while (taken < size) {
-    noblock_buffer *b = new_buffer(c);
+    noblock_buffer *b = new_buffer(cookie);
     size_t room = static_cast<size_t>(data_end(b) - b->nb_end), n = room < size - taken ? room : size - taken;
     memcpy(b->nb_end, buf + taken, n);
     b->nb_end += n;
     taken += n;
   }
-  c->co_outstanding += taken;
+  cookie->co_outstanding += taken;
   // A generator's output goes out in one send when it returns.
-  if (c->co_flags & NOBLOCK_F_BUSY) return static_cast<ssize_t>(direct + taken);
-  if (noblock_write_flush(c) && c->co_outstanding && !(c->co_flags & NOBLOCK_F_ABORTED)) noblock_schedule_write(c);
+  if (cookie->co_flags & NOBLOCK_F_BUSY) return static_cast<ssize_t>(direct + taken);
+  if (noblock_write_flush(cookie) && cookie->co_outstanding && !(cookie->co_flags & NOBLOCK_F_ABORTED))
+    noblock_schedule_write(cookie);
   if (taken == 0 && size > 0) return -1;
   return static_cast<ssize_t>(direct + taken);
 }

@@ -294,7 +294,7 @@ void task_terminate(void) {
 // ---- Low memory ---------------------------------------------------------------------------------
 
 namespace {
-int lowmem_sort(const hbt_node *a, const hbt_node *b) {
+int task_lowmem_sort(const hbt_node *a, const hbt_node *b) {
   const task *x = HBT_ENTRY(a, task, task_lowmem_thread), *y = HBT_ENTRY(b, task, task_lowmem_thread);
   if (x->task_lowmem_priority != y->task_lowmem_priority)
     return x->task_lowmem_priority < y->task_lowmem_priority ? -1 : 1;
@@ -308,7 +308,7 @@ void task_set_lowmem(task *tp, task_method method, uint32_t priority) {
   if (hbt_node_linked(&tp->task_lowmem_thread)) hbt_delete(&bp->task_lowmem_list, &tp->task_lowmem_thread);
   tp->task_lowmem = method;
   tp->task_lowmem_priority = priority;
-  if (method) task_assert(hbt_insert(&bp->task_lowmem_list, &tp->task_lowmem_thread, lowmem_sort));
+  if (method) task_assert(hbt_insert(&bp->task_lowmem_list, &tp->task_lowmem_thread, task_lowmem_sort));
 }
 
 void task_lowmem_forget(task *tp) {

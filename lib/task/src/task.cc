@@ -64,14 +64,14 @@ void give_up(task *tp) {
 }
 
 void task_collect(task_base_var *bp) {
-  while (task *dp = bp->taskbase_delete_queue) {
-    bp->taskbase_delete_queue = dp->task_delete_next;
-    dp->task_delete_next = nullptr;
-    task_assert((((dp->task_flags) & (0x0004)) != 0));
-    TASK_TRACE(dp, TR_TASK, "task_collect_job: freeing task %s", task_name(dp));
-    unlink_all(dp);
-    task_assert(!(dp->task_timers));
-    give_up(dp);
+  while (task *delete_tp = bp->taskbase_delete_queue) {
+    bp->taskbase_delete_queue = delete_tp->task_delete_next;
+    delete_tp->task_delete_next = nullptr;
+    task_assert((((delete_tp->task_flags) & (0x0004)) != 0));
+    TASK_TRACE(delete_tp, TR_TASK, "task_collect_job: freeing task %s", task_name(delete_tp));
+    unlink_all(delete_tp);
+    task_assert(!(delete_tp->task_timers));
+    give_up(delete_tp);
   }
 }
 
@@ -111,10 +111,28 @@ void shutdown_check(task_base_var *bp) {
                                                   1, 0, shutdown_callback, nullptr);
 }
 
+// Whether obj is a live object of the block: the word after it still holds
+// the red zone that the block allocator wrote there (0x3ee80000 with the low
+// 16 bits of the block's id). An overrun, an object of another block or a
+// pointer into anything else fails.
+bool task_block_verify(const task_block *bp, const void *obj) {
+  if (!bp || !obj) return false;
+  if (bp->tb_flags & TASK_BLOCK_NO_REDZONE) return true;
+  uint32_t zone;
+  memcpy(&zone, static_cast<const char *>(obj) + bp->tb_real_size - 4, sizeof zone);
+  return zone == (0x3ee80000u | (bp->tb_id & 0xffffu));
+}
+
 void verify_internal(const task *tp) {
-  if (tp->task_magic == TASK_MAGIC) return;
-  task_assert((tp->task_magic == 0) && ((tp == &task_var_base(tp)->taskbase_task_head) ||
-                                        (tp == &task_var_scheduler(tp)->tasksched_task_task)));
+  if (tp->task_magic == TASK_MAGIC) {
+    task_assert(task_block_verify(task_block_index, tp));
+    return;
+  }
+  // The spacing is the assertion's published text.
+  // clang-format off
+  task_assert((tp->task_magic == 0) && ( (tp == & task_var_base(tp)->taskbase_task_head) ||
+                                         (tp == & task_var_scheduler(tp)->tasksched_task_task) ));
+  // clang-format on
 }
 
 task_mem_cookie **cookie_slot(task *tp) { return &tp->task_cookie; }
@@ -338,6 +356,12 @@ TASK_SETTER(process)
 TASK_SETTER(child)
 #undef TASK_SETTER
 
+void task_set_kevent_error(task *tp, int (*hook)(task *tp, int code, int err)) {
+  if (tp) tp->task_kevent_error = hook;
+}
+void task_set_send_lowat(task *tp, int32_t bytes) {
+  if (tp) tp->task_send_lowat = bytes;
+}
 void task_set_proto(task *tp, int proto) {
   if (tp) tp->task_proto = proto;
 }

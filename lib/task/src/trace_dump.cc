@@ -19,9 +19,8 @@ namespace {
 constexpr int kAttempts = 10;
 constexpr uint32_t kLockWaitSeconds = 15;
 
-// The dump file opened and locked, or null (logged). Waits for a holder
-// of the lock through task_daemon_nap, 15 seconds of the cached clock a
-// time, ten times at most.
+}  // namespace
+
 FILE *trace_get_dump_file(const char *path) {
   for (int attempt = 0; attempt < kAttempts; attempt++) {
     struct stat st;
@@ -63,6 +62,8 @@ FILE *trace_get_dump_file(const char *path) {
   }
   return nullptr;
 }
+
+namespace {
 
 // The process's start: the time of its /proc entry.
 std::string started_at(void) {

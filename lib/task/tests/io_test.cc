@@ -7,6 +7,8 @@
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -366,6 +368,117 @@ TEST_F(Io, TruncatedDatagramIsReportedAndDropped) {
   EXPECT_EQ(n, 2u);
   evlog_capture_stop();
   close(s);
+}
+
+// Control data that does not fit the caller's buffer is reported and left
+// unparsed; the datagram itself is kept.
+TEST_F(Io, TruncatedControlDataIsLoggedAndThePacketKept) {
+  task *tp;
+  uint16_t port = udp_task(&tp, nop_read);
+  ASSERT_EQ(task_set_option(tp, TASKOPTION_RCVDSTADDR, 1), 0);
+  int s = sender();
+  send_to(s, port, "cut", 3);
+  send_to(s, port, "whole", 5);
+  evlog_capture &cap = evlog_capture_start();
+  sockaddr_storage from;
+  alignas(cmsghdr) uint8_t ctrl[sizeof(cmsghdr)];  // a header, no room for IP_PKTINFO's data
+  msghdr msg{};
+  msg.msg_name = &from;
+  msg.msg_namelen = sizeof from;
+  msg.msg_control = ctrl;
+  msg.msg_controllen = sizeof ctrl;
+  size_t n = 0;
+  ASSERT_EQ(task_receive_packet_internal(tp, &msg, task_get_recv_buffer(), task_get_recv_buffer_size(), true, &n), 0);
+  EXPECT_EQ(n, 3u);
+  const task_recv_info *ri = task_get_recv_info();
+  EXPECT_EQ(ri->tri_dst, nullptr);
+  EXPECT_EQ(ri->tri_ifindex, 0);
+  ASSERT_EQ(cap.records.size(), 1u);
+  EXPECT_EQ(cap.records[0].priority, LOG_ERR);
+  EXPECT_EQ(cap.records[0].tag, "ZTASK_PACKET_TRUNCATED");
+  EXPECT_NE(cap.records[0].text.find("task_receive_packet: udp control data from 127.0.0.1+"), std::string::npos)
+      << cap.records[0].text;
+  // With room enough, nothing is said and the destination is read.
+  ASSERT_EQ(task_receive_packet(tp, &n), 0);
+  EXPECT_EQ(n, 5u);
+  EXPECT_EQ(addr_text(ri->tri_dst, 0), "127.0.0.1");
+  EXPECT_EQ(cap.records.size(), 1u);
+  evlog_capture_stop();
+  close(s);
+}
+
+// Datagrams on a local socket name their sender in the local family: a bound
+// path (which an answer can be sent to) or an abstract name; an unbound
+// sender has no name.
+TEST_F(Io, LocalDatagramsCarryTheirSendersAddress) {
+  char dir[] = "/tmp/task-io-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string rx_path = std::string(dir) + "/rx", tx_path = std::string(dir) + "/tx";
+  auto local = [](const std::string &path, size_t len = 0) {
+    sockaddr_un sun{};
+    sun.sun_family = AF_UNIX;
+    if (!len) len = path.size() + 1;
+    memcpy(sun.sun_path, path.data(), std::min(len, sizeof sun.sun_path));
+    return std::make_pair(sun, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + len));
+  };
+  task *rx = task_alloc("local", 10, nullptr);
+  int rs = task_get_socket(rx, AF_UNIX, SOCK_DGRAM, 0);
+  ASSERT_GE(rs, 0);
+  task_set_socket(rx, rs);
+  ASSERT_EQ(task_set_option(rx, TASKOPTION_NONBLOCKING, 1), 0);
+  auto [rx_sun, rx_len] = local(rx_path);
+  ASSERT_EQ(bind(rs, reinterpret_cast<sockaddr *>(&rx_sun), rx_len), 0);
+  task_set_recv(rx, nop_read);
+  task_create(rx);
+
+  auto send_from = [&](int fd, const char *what) {
+    ASSERT_EQ(sendto(fd, what, strlen(what), 0, reinterpret_cast<sockaddr *>(&rx_sun), rx_len),
+              static_cast<ssize_t>(strlen(what)));
+  };
+  int bound = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  auto [tx_sun, tx_len] = local(tx_path);
+  ASSERT_EQ(bind(bound, reinterpret_cast<sockaddr *>(&tx_sun), tx_len), 0);
+  send_from(bound, "ping");
+  size_t n = 0;
+  ASSERT_EQ(task_receive_packet(rx, &n), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(task_get_recv_buffer()), n), "ping");
+  const task_recv_info *ri = task_get_recv_info();
+  ASSERT_NE(ri->tri_src, nullptr);
+  EXPECT_EQ(socktype(ri->tri_src), static_cast<unsigned>(GF_UNIX));
+  EXPECT_EQ(addr_text(ri->tri_src), tx_path);
+  EXPECT_EQ(rx->task_recv_count, 1u);
+  // The answer goes back to that address.
+  ASSERT_EQ(task_send_packet(rx, "pong", 4, false, ri->tri_src), 4);
+  char back[8] = {};
+  EXPECT_EQ(recv(bound, back, sizeof back, MSG_DONTWAIT), 4);
+  EXPECT_STREQ(back, "pong");
+
+  // An abstract name keeps its leading zero byte and its exact length.
+  const std::string abstract = std::string(1, '\0') + "task-io-" + std::to_string(getpid());
+  int named = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  auto [ab_sun, ab_len] = local(abstract, abstract.size());
+  ASSERT_EQ(bind(named, reinterpret_cast<sockaddr *>(&ab_sun), ab_len), 0);
+  send_from(named, "abs");
+  ASSERT_EQ(task_receive_packet(rx, &n), 0);
+  ASSERT_NE(ri->tri_src, nullptr);
+  EXPECT_EQ(socklen(ri->tri_src), 2 + abstract.size());
+  sockaddr_un seen{};
+  sock2unix(ri->tri_src, &seen);
+  EXPECT_EQ(std::string(seen.sun_path, abstract.size()), abstract);
+
+  int anonymous = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  send_from(anonymous, "anon");
+  ASSERT_EQ(task_receive_packet(rx, &n), 0);
+  EXPECT_EQ(n, 4u);
+  EXPECT_EQ(ri->tri_src, nullptr);  // the kernel gives no name at all
+  EXPECT_EQ(task_receive_packet(rx, &n), EAGAIN);
+  EXPECT_EQ(rx->task_recv_count, 3u);
+
+  for (int fd : {bound, named, anonymous}) close(fd);
+  task_delete(rx);
+  unlink(rx_path.c_str());
+  unlink(tx_path.c_str());
+  rmdir(dir);
 }
 
 TEST_F(Io, HandBuiltControlDataAndShortRecords) {

@@ -5,8 +5,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "fixture.h"
+#include "mem/block.h"
+#include "task/io.h"
 #include "sockaddr/families.h"
 #include "sockaddr/zsockaddr.h"
 
@@ -148,6 +151,132 @@ TEST_F(Kernel, AssertWritesItsLineAndAborts) {
       },
       "ZTASK_ASSERT: Assertion failed .*: file \"task_test.cc\", line [0-9]+: \"task_count\\(\\) == 99\"");
   EXPECT_DEATH(task_verify(reinterpret_cast<task *>(&fake_now)), "ZTASK_ASSERT");
+}
+
+// The block that task records come from.
+task_block *tasks_block() {
+  task_block *found = nullptr;
+  task_block_walk([](task_block *bp, void *arg) {
+    if (strcmp(bp->tb_name, "task") == 0) *static_cast<task_block **>(arg) = bp;
+  }, &found);
+  return found;
+}
+
+// The quoted expression of a ZTASK_ASSERT line, whole, as a regular expression.
+std::string assert_line(const std::string &text) {
+  std::string re = ": \"";
+  for (char c : text) {
+    if (strchr(".[]{}()\\*+?^$|", c)) re += '\\';
+    re += c;
+  }
+  return re + "\"\n";
+}
+#define EXPECT_ASSERTS_WITH(text, ...)     \
+  do {                                     \
+    auto run_ = [&] {                      \
+      logging_set_mode(LOGGING_MODE_STDERR); \
+      __VA_ARGS__;                         \
+    };                                     \
+    EXPECT_DEATH(run_(), assert_line(text)); \
+  } while (0)
+
+// A live record must be a whole object of the task block: an overrun into the
+// word after it, or a stray pointer that merely carries the magic, stops at
+// the next verification rather than at a free much later.
+TEST_F(Kernel, VerifyChecksTheRecordAgainstItsBlock) {
+  task *tp = task_alloc("overrun", 1, nullptr);
+  task_create(tp);
+  task_verify(tp);
+  task_block *b = tasks_block();
+  ASSERT_NE(b, nullptr);
+  ASSERT_FALSE(b->tb_flags & TASK_BLOCK_NO_REDZONE);
+  auto *after = reinterpret_cast<uint8_t *>(tp) + b->tb_real_size - 4;
+  after[0] ^= 0x5a;
+  EXPECT_ASSERTS_WITH("task_block_verify(task_block_index, tp)", task_verify(tp));
+  after[0] ^= 0x5a;
+  task_verify(tp);
+  std::vector<uint8_t> stray(2 * b->tb_real_size);
+  auto *fake = reinterpret_cast<task *>(stray.data());
+  fake->task_magic = TASK_MAGIC;
+  EXPECT_ASSERTS_WITH("task_block_verify(task_block_index, tp)", task_verify(fake));
+  fake->task_magic = 0;
+  EXPECT_ASSERTS_WITH(
+      "(tp->task_magic == 0) && ( (tp == & task_var_base(tp)->taskbase_task_head) || "
+      "(tp == & task_var_scheduler(tp)->tasksched_task_task) )",
+      task_verify(fake));
+  task_verify(task_get_head());
+  task_verify(task_scheduler_task());
+  task_delete(tp);
+}
+
+void nop_method(task *) {}
+
+// Operators search the logs for these texts, whatever the code's own names.
+TEST_F(Kernel, AssertionTextsReadAsPublished) {
+  task_jobs_var *jobs = task_var_jobs();
+  ASSERT_EQ(jobs->taskjobs_bg_head.task_job_forw, &jobs->taskjobs_bg_head);
+  EXPECT_ASSERTS_WITH("jobs_var->taskjobs_bg_queued == 0", {
+    jobs->taskjobs_bg_queued = 1;  // counted but not queued
+    task_job_bg_dispatch();
+  });
+
+  task *unflagged = task_alloc("unflagged", 1, nullptr);
+  task_create(unflagged);
+  EXPECT_ASSERTS_WITH("(((delete_tp->task_flags) & (0x0004)) != 0)", {
+    task_var_base(nullptr)->taskbase_delete_queue = unflagged;  // queued without "Delete"
+    task *t = task_alloc("t", 1, nullptr);
+    task_create(t);
+    task_delete(t);
+    passes(2);
+  });
+
+  task_io_var *io = task_var_io(nullptr);
+  EXPECT_ASSERTS_WITH("s != close_tp->task_context->tvctx_io->task_eventQ[i]", {
+    unflagged->task_socket = io->task_eventQ[1];
+    task_close(unflagged);
+  });
+
+  // A queue-readiness entry (no user data) that names another descriptor.
+  EXPECT_ASSERTS_WITH("level < (TASK_EVQ_N_PRIO - 1) && next_level == io_var->task_eventQ[level + 1]", {
+    io->task_eventlist[0] = task_kevent{9999, TASK_EVFILT_READ, 0, 0, 0, nullptr};
+    task_process_events_internal(&task_var_scheduler(nullptr)->sched_stats, io, 1);
+  });
+  task_delete(unflagged);
+}
+
+// A failed registration goes to the task's kevent-error hook, whose zero
+// answer keeps the process; the errno stays in the record. Without a hook,
+// any errno but ENOENT ends the process.
+int seen_code = -1, seen_errno;
+int tolerate(task *, int code, int err) {
+  seen_code = code;
+  seen_errno = err;
+  return 0;
+}
+
+TEST_F(Kernel, KeventErrorHookDecidesOnAFailedRegistration) {
+  int sv[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sv), 0);
+  close(sv[0]);  // registering it fails with EBADF
+  task *tp = task_alloc("closed under it", 1, nullptr);
+  task_set_recv(tp, nop_method);
+  task_set_kevent_error(tp, tolerate);
+  task_set_socket(tp, sv[0]);
+  EXPECT_EQ(seen_code, 0);  // an add
+  EXPECT_EQ(seen_errno, EBADF);
+  EXPECT_EQ(tp->task_kevent_errno, EBADF);
+  task_set_kevent_error(tp, nullptr);
+  EXPECT_DEATH(
+      {
+        logging_set_mode(LOGGING_MODE_STDERR);
+        task_read_enable(tp);
+      },
+      "ZTASK_SYSTEM: kevent: Bad file descriptor");
+  tp->task_socket = -1;
+  task_delete(tp);
+  close(sv[1]);
+  task_set_kevent_error(nullptr, tolerate);  // a null task is ignored
+  task_set_send_lowat(nullptr, 1);
 }
 
 TEST_F(Kernel, QuitLinesByStatus) {

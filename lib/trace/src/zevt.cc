@@ -108,11 +108,11 @@ int zevt_system_create(const zevt_system_desc *d, char *errbuf, size_t errlen) {
   if (entries != d->zsd_count) return say(errbuf, errlen, "Event system count mismatch"), -1;
 
   auto *sys = static_cast<zevt_system *>(tvx::trace::alloc(TRACE_CLASS_EVENT, sizeof(zevt_system)));
+  if (!sys) return say(errbuf, errlen, "Event system create failure"), -1;
   auto *events = static_cast<zevt_event *>(
       tvx::trace::alloc(TRACE_CLASS_EVENT, (d->zsd_count + 1) * sizeof(zevt_event)));
-  if (!sys || !events) {
+  if (!events) {
     tvx::trace::release(TRACE_CLASS_EVENT, sys);
-    tvx::trace::release(TRACE_CLASS_EVENT, events);
     say(errbuf, errlen, "Event system table memory alloc failure");
     return -1;
   }

@@ -286,6 +286,40 @@ TEST_F(Files, ToggleTurnsNamedFilesOffAndOn) {
   trace_free(b);
 }
 
+// The tracing state that the dump file carries: each file with its state
+// word (no stream: "closed"; suspended: "off"; else "on"), its counts and
+// limits; a handle with its options and file.
+TEST_F(Files, TheDumpShowsEachFileWithItsStateAndLimits) {
+  trace_handle *a = open_handle("a.trace", 4096, 3);
+  trace_file *idle = trace_file_locate("idle.trace", 0, 0, 0, 0, nullptr, false);
+  trace_handle *s = open_handle("s.trace");
+  s->tr_file->trf_flags |= TRF_SUSPENDED;
+  char *buf = nullptr;
+  size_t len = 0;
+  FILE *m = open_memstream(&buf, &len);
+  trace_dump_state(m);
+  trace_dump_handle(m, a);
+  fclose(m);
+  std::string t(buf, len);
+  free(buf);
+  auto line = [&](const char *name, const char *state, trace_file *f, const char *limits) {
+    return "\t\t" + real(std::string("/var/log/") + name) + ":\n\t\t\t" + state + "  refcount " +
+           std::to_string(f->trf_refcount) + "  size " + std::to_string(f->trf_size) + "  " + limits + "\n";
+  };
+  EXPECT_EQ(t.rfind("Tracing:\n\tGlobal:\t", 0), 0u) << t;
+  EXPECT_NE(t.find("\tFiles:\n"), std::string::npos) << t;
+  EXPECT_NE(t.find(line("a.trace", "on", a->tr_file, "limit 4096 files 3")), std::string::npos) << t;
+  EXPECT_NE(t.find(line("idle.trace", "closed", idle, "limit 0 files 0")), std::string::npos) << t;
+  EXPECT_NE(t.find(line("s.trace", "off", s->tr_file, "limit 0 files 0")), std::string::npos) << t;
+  EXPECT_NE(t.find("\t\t(stderr):\n\t\t\ton  "), std::string::npos) << t;
+  EXPECT_NE(t.find("  Trace options:"), std::string::npos) << t;
+  EXPECT_NE(t.find("  Trace file: " + real("/var/log/a.trace") + "\tsize 4096\tfiles 3\n"), std::string::npos) << t;
+  s->tr_file->trf_flags &= ~TRF_SUSPENDED;
+  trace_free(a);
+  trace_free(s);
+  trace_file_release(idle);
+}
+
 TEST_F(Files, SubdirectoriesAreMadeUnlessTheCallerSaysNot) {
   trace_file *f = trace_file_locate("x.trace", 0, 0, 0, 0, "inst", false);
   EXPECT_EQ(std::string(f->trf_name), real("/var/log/inst/x.trace"));

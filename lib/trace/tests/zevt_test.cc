@@ -76,6 +76,28 @@ TEST_F(Events, CreationChecksEachField) {
   EXPECT_STREQ(zevt_system_find("x", nullptr, 0)->zs_events[2].ze_title, "b");
 }
 
+// The system's record and its event table are two allocations; either
+// failing leaves nothing behind.
+int allocs_before_failure;
+void *(*real_alloc)(int, size_t);
+void *fail_after(int cls, size_t size) { return allocs_before_failure-- > 0 ? real_alloc(cls, size) : nullptr; }
+
+TEST_F(Events, AllocationFailuresAreReportedAndChangeNothing) {
+  const zevt_desc two[] = {{1, "a", 0}, {2, "b", 0}, {0, nullptr, 0}};
+  const zevt_system_desc d = {"x", "t", 2, two};
+  real_alloc = trace_app_ctx->alloc;
+  trace_app_ctx->alloc = fail_after;
+  allocs_before_failure = 0;
+  const std::string record_failed = create_error(&d);
+  allocs_before_failure = 1;
+  const std::string table_failed = create_error(&d);
+  trace_app_ctx->alloc = real_alloc;
+  EXPECT_EQ(record_failed, "Event system create failure");
+  EXPECT_EQ(table_failed, "Event system table memory alloc failure");
+  EXPECT_EQ(zevt_system_find("x", nullptr, 0), nullptr);
+  EXPECT_EQ(zevt_system_create(&d, err_, sizeof err_), 0) << err_;
+}
+
 TEST_F(Events, RangesAndActions) {
   ASSERT_EQ(zevt_set_action(sys_, "1,3-5,7", "memtrace", err_, sizeof err_), 0);
   EXPECT_EQ(actions(), "1011101");

@@ -6,7 +6,8 @@
 //   %m  text of the errno at entry (no argument, no padding)
 //   %B  %b  an unsigned value in binary ("|_" or "10"); "l", "ll", "q" for 64 bit
 //   %a  AS number (unsigned), "hi.lo" above 65535 with the AS-dot option on
-//   %zX %ZX  extension letter X ("a" to "z", or "T": a task_fmt_time by value)
+//   %zX %ZX  extension letter X ("a" to "z", or "T": a task_fmt_time by value);
+//            "ll" or "q" makes its first unsigned argument 64 bit
 // A format with none of them, written in C's order, goes straight to
 // vsnprintf/vfprintf; any other is parsed and assembled on the stack, without
 // heap. Flags and length may stand in any order; a length applies only where
@@ -78,8 +79,9 @@ int task_fmt_vformat(task_fmt_mode *mode, const char *fmt, va_list ap);
 // Allocates the per-family extension table for families below gf_max.
 void task_fmt_init(unsigned gf_max);
 // Letter "a" to "z" (asserted). The letter's argument count, for the trace
-// look-ups, is 2 when value is not 0 or when its class table reads a second
-// argument, else 1. Its arguments in a format follow the class tables only.
+// look-ups, is 2 when a second value (value, not 0) is given, else 1; a letter
+// whose class table reads two arguments must give one. Its arguments in a
+// format follow the class tables only ("ll" or "q" widening the first).
 void task_fmt_register_ext(int letter, task_fmt_render_fn render, unsigned code, unsigned family, unsigned gf,
                            unsigned value);
 // A family's %A printer, from the address library (code ZTASK_FMT_ZSOCKA).

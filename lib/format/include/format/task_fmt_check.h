@@ -135,6 +135,7 @@ constexpr int ext_class_need(uint8_t cls) {
     case TFX_DOUBLE: return N_DOUBLE;
     case TFX_POINTER: return N_POINTER;
     case TFX_U32_SECOND: case TFX_U32: case TFX_U32_ALT: return N_INT32;
+    case TFX_U64: return N_LLONG;
     case TFX_TIME: return N_TIMEVAL;
     default: return -1;
   }

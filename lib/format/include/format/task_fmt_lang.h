@@ -73,6 +73,7 @@ enum : uint8_t {
   TFX_U32 = 4,
   TFX_U32_ALT = 5,
   TFX_TIME = 6,  // a seconds and microseconds pair, by value
+  TFX_U64 = 7,   // a first 32-bit class under "ll" or "q": the word and its second word
   TFX_NOTHING = 8,  // only as a second class
 };
 
@@ -201,6 +202,8 @@ constexpr void tf_parse(const char *p, tf_spec &s) {
       if (l >= 'a' && l <= 'z') {
         s.class1 = tf_ext_first[l - 'a'];
         s.class2 = tf_ext_second[l - 'a'];
+        if ((s.flags & TFF_LL) && (s.class1 == TFX_U32_SECOND || s.class1 == TFX_U32 || s.class1 == TFX_U32_ALT))
+          s.class1 = TFX_U64;
       } else if (l == 'T') {
         s.class1 = TFX_TIME;
         s.flags |= TFF_ZTIME | TFF_TIME_VALUE;

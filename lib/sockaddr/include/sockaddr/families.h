@@ -15,13 +15,19 @@ extern "C" {
 enum { GF_INET = 1, GF_INET6 = 6, GF_UNIX = 50, GF_I802 = 51, GF_STRING = 52, GF_MAX_DAEMON = 57 };
 
 // INET layout: length, family, port (network order), IPv4 address, and a
-// multicast source when the length reaches SOCKADDR_INMC_LEN.
+// multicast source when the length reaches SOCKADDR_INMC_LEN. The full-size
+// form (SOCKADDR_INMC_MAXLEN, sockbuild_inmax) also carries a flow's ports
+// and protocol, which take part in its identity like every byte from 4.
 struct zsockaddr_inet_t {
   uint8_t gin_len;
   uint8_t gin_family;
   uint16_t gin_port;
   uint32_t gin_addr;
   uint32_t gin_src;
+  uint16_t gin_sport;  // network order
+  uint16_t gin_dport;  // network order
+  uint8_t gin_proto;
+  uint8_t gin_pad[3];
 };
 enum { SOCKADDR_IN_LEN = 8, SOCKADDR_INMC_LEN = 12, SOCKADDR_INMC_MAXLEN = 20 };
 
@@ -50,6 +56,10 @@ extern unsigned gf_i802;
 extern const zsock_family_name zsock_daemon_family_names[];
 
 void zsock_register_inet(unsigned gf);
+// A second index with the INET operations and masks (kind 172; index 34 maps
+// to the native INET value). Register INET first. Its masks are INET's, so
+// they carry INET's index.
+void zsock_register_inet_alias(unsigned gf);
 void zsock_register_inet6(unsigned gf);
 void zsock_register_unix(unsigned gf);
 void zsock_register_i802(unsigned gf);
@@ -66,6 +76,11 @@ uint32_t socksrc_in(const zsockaddr_t *a);
 uint32_t sockextractgrp_in(const zsockaddr_t *a);
 uint16_t sockport_in(const zsockaddr_t *a);
 void setsocksrc_in(zsockaddr_t *a, uint32_t src);  // grows the address to SOCKADDR_INMC_LEN
+// Flow fields of the full-size form (asserted); read back with sockgetter()
+// and ZSOCK_GET_PROTO, _SPORT, _DPORT. Ports in network order.
+void setsockproto_in(zsockaddr_t *a, uint8_t proto);
+void setsocksport_in(zsockaddr_t *a, uint16_t port);
+void setsockdport_in(zsockaddr_t *a, uint16_t port);
 const zsockaddr_t *inet_sockmask_len(unsigned gf, unsigned bits);
 int inet_vprintf(char *text, size_t size, const zsockaddr_t *a, int alt);
 int inet_pfx_cmp(const zsockaddr_t *a, unsigned alen, const zsockaddr_t *b, unsigned blen);
@@ -76,6 +91,7 @@ const char *inet_snp_format_prefix_guts(char *buf, size_t size, uint32_t addr, c
                                         unsigned plen);
 int sock2unix_inet(const zsockaddr_t *a, void *target);     // struct sockaddr_in
 int zsock2fwd_sock_inet(const zsockaddr_t *a, void *target);
+zsockaddr_t *fwd_sock2zsock_inet(const void *fwd);  // struct sockaddr_in; scratch ring
 
 // --- INET6 ---
 zsockaddr_t *sockbuild_in6(uint16_t port, const uint8_t addr[16]);
@@ -94,6 +110,7 @@ zsockaddr_t *inet6_prefix_to_sockaddr(const uint8_t *prefix, unsigned plen);
 const char *inet6_snp_format_prefix_guts(char *buf, size_t size, const uint8_t *addr, const uint8_t *src,
                                          unsigned plen);
 int sock2unix_inet6(const zsockaddr_t *a, void *target);  // struct sockaddr_in6
+zsockaddr_t *fwd_sock2zsock_inet6(const void *fwd);       // struct sockaddr_in6; scratch ring
 
 // --- UNIX and I802 ---
 zsockaddr_t *sockcreate_unix(const char *path);

@@ -108,13 +108,18 @@ struct zsock_ops {
   void (*release)(zsockaddr_t *a);                                                             // 59
   bool (*isunspec)(const zsockaddr_t *a);                                                      // 60
   int (*zsock2fwd_sock)(const zsockaddr_t *a, void *target);                                   // 61
-  void *from_fwd_sock;                                                                         // 62
+  zsockaddr_t *(*fwd_sock2zsock)(const void *fwd);                                             // 62
 };
 
 // Family getters (slots 31 to 57), by index into zsock_ops::getters: protocol,
-// ports and qualifier values of the flow families; the families registered
-// here leave them empty, so sockgetter() returns 0 for them.
-enum { ZSOCK_GET_FIRST_SLOT = 31 };
+// ports and qualifier values of the flow families. INET fills the first three
+// (its full-size form carries them); an empty getter reads as 0.
+enum {
+  ZSOCK_GET_FIRST_SLOT = 31,
+  ZSOCK_GET_PROTO = 0,  // slot 31: protocol
+  ZSOCK_GET_SPORT = 1,  // slot 32: source port, network order
+  ZSOCK_GET_DPORT = 2,  // slot 33: destination port, network order
+};
 
 // Prebuilt masks of a family: one per prefix length from 0, entry_size apart.
 struct zsock_mask_table {
@@ -198,6 +203,18 @@ int sock_host_plen(const zsockaddr_t *a);
 void setsockport(zsockaddr_t *a, unsigned port);
 int sock2unix(const zsockaddr_t *a, void *target);
 int zsock2fwd_sock(const zsockaddr_t *a, void *target);
+// The family's address built from its forwarding form (INET: struct
+// sockaddr_in), in the scratch ring under index gf; nullptr for a family
+// without the conversion or a form of another family.
+zsockaddr_t *fwd_sock2zsock(unsigned gf, const void *fwd);
+// Group and source of a multicast address; arg is the family's to read.
+uint32_t sockextract_in(const zsockaddr_t *a, void *arg);
+uint32_t sockextractsrc(const zsockaddr_t *a, void *arg);
+uint32_t sockextractgrp(const zsockaddr_t *a, void *arg);
+const uint8_t *sockgrp_ptr(const zsockaddr_t *a);  // the group's bytes inside a
+// A (group, source) address in the scratch ring: a's group with the source
+// of arg (an address of a's family; nullptr for none, printed "*").
+zsockaddr_t *sockbuild_mc(const zsockaddr_t *a, const void *arg);
 bool sockisunspec(const zsockaddr_t *a);
 uint32_t sockgetter(const zsockaddr_t *a, unsigned which);  // slots 31-57, 0 when empty
 

@@ -67,6 +67,12 @@ struct task_job {
   task_utime task_job_run_start;  // the kernel's time when the current run began
 };
 
+// The jobs a foreground dispatch took off the queue and has still to run.
+struct task_job_fg_list {
+  task_job head;
+  task_job_fg_list *outer;  // an enclosing dispatch's, when a job runs a nested pass
+};
+
 struct task_jobs_var {
   uint32_t taskjobs_bg_queued;
   uint32_t taskjobs_fg_queued;
@@ -78,6 +84,7 @@ struct task_jobs_var {
   task_job taskjobs_bg_head;  // "Job Background Queue"
   uint32_t task_job_weight[TASK_JOB_PRIO_MAX];
   uint32_t taskjobs_weights_added;
+  task_job_fg_list *taskjobs_fg_local;  // the innermost running foreground dispatch
 };
 
 task_jobs_var *task_var_jobs(void);
@@ -109,6 +116,29 @@ void *task_job_subjob_data(const task_job_ctx *jctx);
 // Replaces the default weights 4^p, up to 8 calls: each stores w at the next
 // place and fills the rest of the table with it.
 void task_job_weight_add(uint32_t w);
+
+// The event system "TASK-JOBS" ("TASK JOBS Event System"), made by
+// task_kernel_init. Its events are off until the trace-events configuration
+// (or zevt_set_action) switches them on, "TASK-JOBS:1-2 memtrace" for
+// example. While "jobs queue" (5) is on, every run is followed by the
+// summary and a line per queued job, each as its own event (6 foreground, 7
+// background), so "5-7" shows the whole queue; "Misses" is a background
+// job's starvation credit.
+enum {
+  TASK_JOB_EVT_START = 1,         // "JOB for task TASK by DISPATCH" as a run begins
+  TASK_JOB_EVT_END = 2,           // the same, "is returned" (still queued) or "is completed"
+  TASK_JOB_EVT_STARVING = 3,      // "JOB is getting starved by JOB (or other)"
+  TASK_JOB_EVT_STARVED_SELECTED = 4,  // "JOB for task TASK selected while starving"
+  TASK_JOB_EVT_QUEUE = 5,         // "jobs queue: N foreground, N background, N starving"
+  TASK_JOB_EVT_QUEUE_FG = 6,      // "Job Name : %s, Priority : %d, Flags : %s" ("None")
+  TASK_JOB_EVT_QUEUE_BG = 7,      // "Job Name: %s, Priority : %d, Runs : %d, Misses : %d, Flags : <%s>"
+  TASK_JOB_EVT_COUNT = 7,
+};
+// Finds or makes the system: 0, or -1 after logging
+// ZTASK_JOBS_EVT_REGISTER_FAILED, and jobs run without events. Call it again
+// after zevt_system_destroy_all.
+int task_job_events_register(void);
+struct zevt_system *task_job_events(void);
 
 bool task_job_fg_queued(void);
 bool task_job_bg_queued(void);

@@ -300,6 +300,14 @@ void task_set_mastership(task *tp, task_method m);
 void task_set_delete_hook(task *tp, task_method m);
 void task_set_process(task *tp, task_method m);
 void task_set_child(task *tp, task_method m);
+// The low-memory method and its place in the pass: task_set_lowmem in task/process.h.
+// Called when registering the task's socket events fails: code 0 for an add,
+// 1 a delete, 2 an enable or disable, 3 the rest, and the errno; a non-zero
+// answer ends the process. Without one, any errno but ENOENT does.
+void task_set_kevent_error(task *tp, int (*hook)(task *tp, int code, int err));
+// The write event's low-water mark in bytes (0: none). Linux has no such
+// note: the value is kept and the event is as without it.
+void task_set_send_lowat(task *tp, int32_t bytes);
 void task_set_proto(task *tp, int proto);
 void task_set_addr(task *tp, zsockaddr_t *addr);  // takes ownership
 void task_set_pid(task *tp, pid_t pid);
@@ -327,5 +335,9 @@ void task_dump(FILE *fp);
 // under an exclusive flock, waiting for another holder up to ten times 15
 // seconds (through task_daemon_nap). 0, or -1 after logging why.
 int trace_do_dump(void);
+// The dump file at `path` opened for appending (a device or FIFO for
+// writing) and locked exclusively, or null after logging why. Waits for
+// another holder through task_daemon_nap, 15 seconds a time, ten times.
+FILE *trace_get_dump_file(const char *path);
 
 }  // extern "C"
