@@ -41,12 +41,19 @@ uint32_t word(const uint8_t *p, int i) {
   return v;
 }
 
-std::vector<uint8_t> encode(uint32_t type, void *record, bool tlv) {
+// Appends the encoded message to out.
+void encode_into(uint32_t type, void *record, bool tlv, std::vector<uint8_t> *out) {
   rts_msg_pair pair{type, record};
   int n = tlv ? rts_tlv_encode(&pair, nullptr, nullptr, 0) : rts_idr_encode(&pair, nullptr, 0);
-  std::vector<uint8_t> out(static_cast<size_t>(n));
-  if (tlv) rts_tlv_encode(&pair, nullptr, out.data(), static_cast<uint32_t>(n));
-  else rts_idr_encode(&pair, out.data(), static_cast<uint32_t>(n));
+  size_t at = out->size();
+  out->resize(at + static_cast<size_t>(n));
+  if (tlv) rts_tlv_encode(&pair, nullptr, out->data() + at, static_cast<uint32_t>(n));
+  else rts_idr_encode(&pair, out->data() + at, static_cast<uint32_t>(n));
+}
+
+std::vector<uint8_t> encode(uint32_t type, void *record, bool tlv) {
+  std::vector<uint8_t> out;
+  encode_into(type, record, tlv, &out);
   return out;
 }
 
@@ -417,14 +424,42 @@ void Server::on_data(Client &c) {
       continue;
     }
     int verdict;
+    replies_.clear();
     if ((mh.msg_flags & MSG_TRUNC) || static_cast<size_t>(n) > kMaxRecord) {
       log("client %d (sender %u): record longer than %zu bytes refused", c.id, c.sender, kMaxRecord);
       verdict = EMSGSIZE;
     } else {
-      verdict = handle(c, rbuf_.data(), static_cast<size_t>(n));
+      verdict = handle(c, rbuf_.data(), static_cast<size_t>(n), &replies_);
     }
-    if (!c.dead && !send_ctl(c, RTS_CTL_VERDICT, 0, verdict, nullptr, 0)) return;
+    if (!c.dead) answer(c, verdict, replies_);
   }
+}
+
+// The verdict and the replies go back as one record on the control socket,
+// with the count of data records sent before them, so that the client reads
+// the notifications queued ahead of the replies first. Replies never wait
+// behind notifications the peer still holds: with a backlog the client's
+// socket is full, and the write fails as the kernel's would.
+void Server::answer(Client &c, int verdict, std::vector<uint8_t> &replies) {
+  if (!replies.empty() && !c.backlog.empty()) {
+    if (!verdict) verdict = EAGAIN;
+    replies.clear();
+  }
+  if (replies.size() > RTS_CTL_REPLY_MAX) {
+    int err = send_data(c, std::make_shared<const std::vector<uint8_t>>(std::move(replies)), false);
+    if (c.dead) return;
+    if (err && !verdict) verdict = err;
+    replies.clear();
+  }
+  rts_ctl_verdict v{c.data_sent};
+  rts_ctl_msg m{RTS_CTL_MAGIC, RTS_CTL_VERDICT, 0, verdict,
+                static_cast<uint32_t>(sizeof v + replies.size())};
+  iovec iov[3] = {{&m, sizeof m}, {&v, sizeof v}, {replies.data(), replies.size()}};
+  msghdr mh{};
+  mh.msg_iov = iov;
+  mh.msg_iovlen = 3;
+  if (sendmsg(c.ctl, &mh, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+    drop(c, errno == EAGAIN ? "does not read its control socket: dropped" : "lost its control socket");
 }
 
 bool Server::send_ctl(Client &c, uint32_t op, int name, int error, const void *value, uint32_t len) {
@@ -523,7 +558,10 @@ int Server::getopt(Client &c, int name, std::vector<uint8_t> *v) {
 
 int Server::send_data(Client &c, const Bytes &bytes, bool notification) {
   if (c.backlog.empty()) {
-    if (send(c.data, bytes->data(), bytes->size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
+    if (send(c.data, bytes->data(), bytes->size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+      c.data_sent++;
+      return 0;
+    }
     if (errno != EAGAIN && errno != ENOBUFS) {
       int err = errno;
       drop(c, (std::string("cannot be written to: ") + strerror(err)).c_str());
@@ -580,6 +618,7 @@ void Server::pump(Client &c) {
       watch(c.data, EPOLLIN | EPOLLOUT, tag(kData, c.id), true);
       return;
     }
+    c.data_sent++;
     c.flood_left--;
   }
   if (!c.flood_left && c.backlog.empty()) {
@@ -595,6 +634,7 @@ void Server::flush(Client &c) {
       if (errno != EAGAIN && errno != ENOBUFS) drop(c, "cannot be written to");
       return;
     }
+    c.data_sent++;
     size_t n = m->size() + kQueueEntryCost;
     c.backlog_bytes -= n;
     queued_ -= n;
@@ -647,20 +687,15 @@ void Server::notify(uint32_t type, uint8_t op, void *record, uint32_t sender, co
 
 // ---- Messages ----------------------------------------------------------------------------------
 
-int Server::reply(Client &c, std::vector<uint8_t> &&bytes) {
-  return send_data(c, std::make_shared<const std::vector<uint8_t>>(std::move(bytes)), false);
-}
-
-int Server::handle(Client &c, const uint8_t *buf, size_t n) {
+int Server::handle(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies) {
   if (n < 4) {
     log("client %d (sender %u): record of %zu bytes is too short", c.id, c.sender, n);
     return EINVAL;
   }
   uint32_t magic = word(buf, 0);
-  std::vector<uint8_t> replies;
   if (magic == 0) {
-    int err = handle_raw(c, buf, n, &replies);
-    if (!err && !replies.empty()) err = reply(c, std::move(replies));
+    int err = handle_raw(c, buf, n, replies);
+    if (err) replies->clear();
     return err;
   }
   if (magic != RTS_MAGIC_TLV && magic != RTS_MAGIC_IDR) {
@@ -674,8 +709,8 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n) {
           static_cast<unsigned long long>(len), n);
       return EINVAL;
     }
-    int err = handle_one(c, buf, n, &replies);
-    if (!err && !replies.empty()) err = reply(c, std::move(replies));
+    int err = handle_one(c, buf, n, replies);
+    if (err) replies->clear();
     return err;
   }
   // Bulk: envelopes back to back; the first failure stops the batch, and the
@@ -693,7 +728,7 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n) {
       break;
     }
     if (!err) {
-      err = handle_one(c, buf + pos, len, &replies);
+      err = handle_one(c, buf + pos, len, replies);
       if (!err) accepted++;
     }
     pos += len;
@@ -701,10 +736,6 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n) {
   c.bulk[0] = static_cast<uint32_t>(err);
   c.bulk[1] = accepted;
   c.bulk[2] = total;
-  if (!replies.empty()) {
-    int serr = reply(c, std::move(replies));
-    if (!err) err = serr;
-  }
   return err;
 }
 
@@ -733,7 +764,6 @@ int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint
     case RTS_OP_GETNEXT: {
       const Object *found = store_.lookup(op, type, pair.record);
       if (!found) return ENOENT;
-      std::vector<uint8_t> bytes;
       if (type == RTS_T_RTMATCH) {
         auto *q = static_cast<rts_rtmatch_msg *>(pair.record);
         auto *rt = static_cast<const rts_rt_msg *>(found->rec());
@@ -741,17 +771,16 @@ int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint
         q->rtmm_nh_index = rt->rtm_nh_index;
         q->rtmm_type = rt->rtm_type;
         q->rtmm_flags = rt->rtm_flags;
-        bytes = encode(type, q, tlv);
+        encode_into(type, q, tlv, replies);
       } else {
         auto *obj = const_cast<Object *>(found);
         rts_msg_hdr saved = obj->hdr();
         obj->hdr().operation = op;
         obj->hdr().seq = h->seq;
         obj->hdr().sender = h->sender;
-        bytes = encode(type, obj->rec(), tlv);
+        encode_into(type, obj->rec(), tlv, replies);
         obj->hdr() = saved;
       }
-      replies->insert(replies->end(), bytes.begin(), bytes.end());
       return 0;
     }
     case RTS_OP_ADD:

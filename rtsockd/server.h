@@ -39,6 +39,7 @@ struct Client {
   uint32_t listen[2] = {};
   uint32_t sync_mode = 0;
   uint32_t bulk[3] = {};  // errno, accepted, messages of the last bulk write
+  uint32_t data_sent = 0;  // records put on the data socket, told with each verdict
   std::map<int, std::vector<uint8_t>> options;  // the other options, kept as set
   std::deque<Bytes> backlog;  // notifications waiting for room, shared between clients
   size_t backlog_bytes = 0;   // their bytes, each with kQueueEntryCost
@@ -79,8 +80,11 @@ class Server {
   // ready is called each time it is readable.
   void watch_source(int fd, std::function<void()> ready);
   // One record of a client that has said hello, as its data socket gave it:
-  // the verdict; replies go to c.data. (The record fuzzer's entry too.)
-  int record(Client &c, const uint8_t *buf, size_t n) { return handle(c, buf, n); }
+  // the verdict, and in *replies the replies that go back with it. (The
+  // record fuzzer's entry too.)
+  int record(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies) {
+    return handle(c, buf, n, replies);
+  }
 
  private:
   struct AdminConn {
@@ -120,14 +124,14 @@ class Server {
   void pump(Client &c);
   void drop(Client &c, const char *why);
   bool hello(Client &c, const uint8_t *buf, ssize_t n, int passed_fd);
-  int handle(Client &c, const uint8_t *buf, size_t n);
+  int handle(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies);
+  void answer(Client &c, int verdict, std::vector<uint8_t> &replies);
   int handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies);
   int handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies);
   int setopt(Client &c, int name, const uint8_t *value, uint32_t len);
   int getopt(Client &c, int name, std::vector<uint8_t> *value);
   bool send_ctl(Client &c, uint32_t op, int name, int error, const void *value, uint32_t len);
   int send_data(Client &c, const Bytes &bytes, bool notification);
-  int reply(Client &c, std::vector<uint8_t> &&bytes);
   void notify(uint32_t type, uint8_t op, void *record, uint32_t sender, const Client *origin);
   void watch(int fd, uint32_t events, uint64_t tag, bool modify = false);
   void reap();
@@ -156,6 +160,7 @@ class Server {
   std::vector<std::function<void()>> sources_;
   std::vector<uint8_t> rbuf_;
   std::vector<uint8_t> arena_;
+  std::vector<uint8_t> replies_;  // of the record in hand
 };
 
 }  // namespace rtsockd

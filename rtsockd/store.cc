@@ -87,6 +87,7 @@ bool Store::serves(uint32_t type) {
   switch (type) {
     case RTS_T_RTTABLE: case RTS_T_ROUTE: case RTS_T_IFDEV: case RTS_T_IFLOGICAL:
     case RTS_T_IFFAMILY: case RTS_T_IFADDR: case RTS_T_BRIDGE_DOMAIN: case RTS_T_RTMATCH:
+    case RTS_T_NEXTHOP:
       return true;
     default:
       return false;
@@ -125,6 +126,7 @@ std::string Store::key_of(uint32_t type, const void *r) {
       break;
     }
     case RTS_T_BRIDGE_DOMAIN: be(k, static_cast<const rts_bd_msg *>(r)->bdm_index, 2); break;
+    case RTS_T_NEXTHOP: be(k, static_cast<const rts_nh_msg *>(r)->nhm_index, 4); break;
     default: break;
   }
   return k;

@@ -20,9 +20,9 @@ struct Kind {
 };
 constexpr Kind kKinds[] = {{"rttable", RTS_T_RTTABLE}, {"route", RTS_T_ROUTE}, {"ifd", RTS_T_IFDEV},
                            {"ifl", RTS_T_IFLOGICAL},   {"iff", RTS_T_IFFAMILY}, {"ifa", RTS_T_IFADDR},
-                           {"bd", RTS_T_BRIDGE_DOMAIN}};
+                           {"bd", RTS_T_BRIDGE_DOMAIN}, {"nh", RTS_T_NEXTHOP}};
 
-const char *const kPrefixes[] = {"bdm_", "rtmm_", "rtm_", "rtbm_", "ifdm_", "iflm_", "iffm_", "ifam_"};
+const char *const kPrefixes[] = {"bdm_", "rtmm_", "rtm_", "rtbm_", "ifdm_", "iflm_", "iffm_", "ifam_", "nhm_"};
 
 // The name without the record's prefix ("index" for "bdm_index").
 const char *short_name(const char *name) {

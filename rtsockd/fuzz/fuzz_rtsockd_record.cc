@@ -1,7 +1,8 @@
 // rtsockd's handling of a client's record on any bytes: the framing of
 // envelopes (one, or many back to back in bulk mode), raw records, and what
-// the stores answer. The first byte picks the mode; the replies are drained
-// from the client's end of a socket pair.
+// the stores answer. The first byte picks the mode. A refused record outside
+// bulk mode brings no reply; notifications are drained from the client's end
+// of a socket pair.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "server.h"
 
@@ -46,7 +48,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   c.data = sv[0];
   c.hello = true;
   c.sync_mode = data[0] & 1;
-  int verdict = server.record(c, data + 1, size - 1);
+  std::vector<uint8_t> replies;
+  int verdict = server.record(c, data + 1, size - 1, &replies);
+  if (verdict && !(c.sync_mode & 1) && !replies.empty()) {
+    std::fprintf(stderr, "verdict %d with %zu bytes of replies\n", verdict, replies.size());
+    abort();
+  }
   if (verdict < 0 || verdict > 4095) {
     std::fprintf(stderr, "verdict %d is no errno\n", verdict);
     abort();

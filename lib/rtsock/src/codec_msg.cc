@@ -2,6 +2,7 @@
 #include <sys/socket.h>
 
 #include "codec_internal.h"
+#include "rtsock/rtslib.h"
 
 using namespace rts_codec;
 
@@ -167,11 +168,13 @@ constexpr af_pair kFamilies[] = {
 int rts_decode_af(int wire_af) {
   for (const af_pair &p : kFamilies)
     if (p.wire == wire_af) return p.local;
+  rtslib_log(nullptr, RTSLIB_LOG_ERROR, "%s: Invalid address family %d", __func__, wire_af);
   return -1;
 }
 
 int rts_encode_af(int local_af) {
   for (const af_pair &p : kFamilies)
     if (p.local == local_af) return p.wire;
+  rtslib_log(nullptr, RTSLIB_LOG_ERROR, "%s: Invalid address family %d", __func__, local_af);
   return -1;
 }

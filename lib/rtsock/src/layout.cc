@@ -36,6 +36,7 @@ constexpr uint8_t int_kind(size_t width) {
 #define PREFIX_PAIR(R, bits, plen) static_assert(offsetof(R, plen) == offsetof(R, bits) + 2)
 PREFIX_PAIR(rts_rt_msg, rtm_prefix_bits, rtm_prefix_plen);
 PREFIX_PAIR(rts_rtmatch_msg, rtmm_prefix_bits, rtmm_prefix_plen);
+PREFIX_PAIR(rts_nh_msg, nhm_gw_bits, nhm_gw_plen);
 PREFIX_PAIR(rts_ifa_msg, ifam_local_bits, ifam_local_plen);
 PREFIX_PAIR(rts_ifa_msg, ifam_dest_bits, ifam_dest_plen);
 PREFIX_PAIR(rts_ifa_msg, ifam_bcast_bits, ifam_bcast_plen);
@@ -128,6 +129,13 @@ constexpr auto kRt = with_masks(std::array{
     F_INT(R, rtm_ifl_index, 9), F_INT(R, rtm_metric, 10),
     F_ATTRS(R, rtm_attrs, rtm_attrs_len, rtm_attr_set, 11)});
 
+using N = rts_nh_msg;
+constexpr auto kNh = with_masks(std::array{
+    F_NESTED(N, hdr, rts_hdr_struct, 1), F_INT(N, nhm_index, 2), F_INT(N, nhm_af, 3),
+    F_INT(N, nhm_type, 4), F_INT(N, nhm_flags, 5), F_INT(N, nhm_ifl_index, 6),
+    F_PREFIX(N, nhm_gw, nhm_gw_bits, 7), F_INT(N, nhm_refcount, 8),
+    F_ATTRS(N, nhm_attrs, nhm_attrs_len, nhm_attr_set, 9)});
+
 using RM = rts_rtmatch_msg;
 constexpr auto kRtMatch = with_masks(std::array{
     F_NESTED(RM, hdr, rts_hdr_struct, 1), F_INT(RM, rtmm_table, 2), F_INT(RM, rtmm_af, 3),
@@ -179,6 +187,7 @@ constexpr auto kGencfg = with_masks(std::array{
 extern "C" {
 constexpr rts_struct rts_bd_struct = make("rts_bd_msg", kBd, sizeof(rts_bd_msg));
 constexpr rts_struct rts_rt_struct = make("rts_rt_msg", kRt, sizeof(rts_rt_msg));
+constexpr rts_struct rts_nh_struct = make("rts_nh_msg", kNh, sizeof(rts_nh_msg));
 constexpr rts_struct rts_rtmatch_struct = make("rts_rtmatch_msg", kRtMatch, sizeof(rts_rtmatch_msg));
 constexpr rts_struct rts_rtb_struct = make("rts_rtb_msg", kRtb, sizeof(rts_rtb_msg));
 constexpr rts_struct rts_ifd_struct = make("rts_ifd_msg", kIfd, sizeof(rts_ifd_msg));
@@ -231,6 +240,7 @@ const rts_struct *rts_type_struct(uint32_t type) {
     case RTS_T_IFLOGICAL: return &rts_ifl_struct;
     case RTS_T_IFFAMILY: return &rts_iff_struct;
     case RTS_T_IFADDR: return &rts_ifa_struct;
+    case RTS_T_NEXTHOP: return &rts_nh_struct;
     case RTS_T_RTMATCH: return &rts_rtmatch_struct;
     case RTS_T_GENCFG: return &rts_gencfg_struct;
     case RTS_T_BRIDGE_DOMAIN: return &rts_bd_struct;

@@ -100,12 +100,17 @@ int rtslib::take_record(rtslib_cookie *c, uint8_t **block, uint32_t *length) {
     return errno;
   }
   if (n == 0) return ECONNRESET;  // the peer has gone
-  if (static_cast<size_t>(n) < kPeek || n > 0x7FFFFFFD) {
-    // A record that cannot be a message would sit in front of every later
-    // reply: take it off the socket.
+  if (static_cast<size_t>(n) < kPeek) {
+    // No whole header yet: would-block, as for an empty socket; the record
+    // stays queued.
+    errno = EAGAIN;
+    return EAGAIN;
+  }
+  if (n > 0x7FFFFFFD) {
+    // Beyond any length a message may have: taken off the socket, so that it
+    // does not sit in front of every later reply.
     edge().lo_read(edge().lo_ctx, c->fd, head, sizeof head);
-    if (n > 0x7FFFFFFD) rtslib_log(c, RTSLIB_LOG_ERROR, "msg of %lld bytes is too large", static_cast<long long>(n));
-    else rtslib_log(c, RTSLIB_LOG_ERROR, "msg read too small for header: %d", static_cast<int>(n));
+    rtslib_log(c, RTSLIB_LOG_ERROR, "msg of %lld bytes is too large", static_cast<long long>(n));
     return EIO;
   }
   uint32_t magic = word(head, 0);

@@ -6,8 +6,11 @@
 #include <map>
 #include <random>
 
+#include <sys/socket.h>
+
 #include "bytes.h"
 #include "golden.h"
+#include "rtsock/rtslib.h"
 #include "samples.h"
 
 namespace {
@@ -105,6 +108,45 @@ TEST(CodecLayout, RouteIdrBytes) {
   p.u32(70).u32(10);
   p.u32(20).raw("\x01\x00\x0c\x00\x01\x00\x00\x00\x02\x00\x00\x00\x04\x00\x08\x00\x09\x00\x00\x00", 20);
   EXPECT_EQ(hex(encode({"rt", 2, &s.rt}, false)), hex(envelope(RTS_MAGIC_IDR, 2, p)));
+}
+
+TEST(CodecLayout, NexthopIdrBytes) {
+  // The gateway as a prefix, the attribute list as a blob.
+  AllSamples s;
+  Bytes p = idr_header(10, 4, 732);
+  p.u32(1234).u8(2).u8(1).u16(0x21).u32(70);
+  p.u16(32).u16(4).raw("\xc0\xa8\x01\x02", 4);
+  p.u32(3);
+  p.u32(8).raw("\x04\x00\x08\x00\x07\x00\x00\x00", 8);
+  EXPECT_EQ(hex(encode({"nh", 10, &s.nh}, false)), hex(envelope(RTS_MAGIC_IDR, 10, p)));
+  // Decoded, its attribute list is walked as a route's is.
+  Arena a;
+  rts_msg_pair out{};
+  ASSERT_GT(decode(encode({"nh", 10, &s.nh}, true), true, a, out), 0);
+  auto *nh = static_cast<rts_nh_msg *>(out.record);
+  EXPECT_EQ(nh->nhm_index, 1234u);
+  EXPECT_EQ(nh->nhm_gw[3], 2);
+  ASSERT_NE(nh->nhm_attr_set, nullptr);
+  ASSERT_EQ(nh->nhm_attr_set->ras_count, 1u);
+  EXPECT_EQ(nh->nhm_attr_set->ras_list[0]->ra_value, 7u);
+}
+
+TEST(CodecFamilies, UnknownNumbersAreLogged) {
+  std::vector<std::string> lines;
+  rtslib_set_default_log(
+      [](rtslib_cookie *, void *ctx, int level, const char *text) {
+        static_cast<std::vector<std::string> *>(ctx)->push_back(std::to_string(level) + " " + text);
+      },
+      &lines);
+  EXPECT_EQ(rts_decode_af(RTS_AF_INET6), AF_INET6);
+  EXPECT_EQ(rts_encode_af(AF_BRIDGE), RTS_AF_BRIDGE);
+  EXPECT_TRUE(lines.empty());
+  EXPECT_EQ(rts_decode_af(41), -1);
+  EXPECT_EQ(rts_encode_af(AF_UNIX), -1);
+  rtslib_set_default_log(nullptr, nullptr);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "3 rtslib: ERROR rts_decode_af: Invalid address family 41");
+  EXPECT_EQ(lines[1], "3 rtslib: ERROR rts_encode_af: Invalid address family " + std::to_string(AF_UNIX));
 }
 
 TEST(CodecLayout, GencfgListsIdrBytes) {

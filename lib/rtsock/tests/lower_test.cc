@@ -1,12 +1,15 @@
-// The default lower edge against a scripted peer on a real socket: a verdict
-// or option answer that comes after the edge gave up waiting belongs to the
-// request that timed out, never to the next one.
+// The default lower edge against a scripted peer on real sockets: the verdict
+// and the reply of a write come as one record and are handed up as a verdict,
+// then a record to read, behind the notifications the peer sent before them;
+// a verdict or option answer that comes after the edge gave up waiting
+// belongs to the request that timed out, never to the next one.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -69,6 +72,18 @@ struct ScriptedPeer {
     memcpy(a.value, &value, 4);
     send(ctl, &a, sizeof a.m + a.m.len, 0);
   }
+  // A verdict with the count of data records sent before it and the reply.
+  void verdict(int error, uint32_t data_sent, const std::string &reply = "") {
+    std::vector<uint8_t> out(sizeof(rts_ctl_msg) + sizeof(rts_ctl_verdict) + reply.size());
+    rts_ctl_msg m{RTS_CTL_MAGIC, RTS_CTL_VERDICT, 0, error,
+                  static_cast<uint32_t>(sizeof(rts_ctl_verdict) + reply.size())};
+    rts_ctl_verdict v{data_sent};
+    memcpy(out.data(), &m, sizeof m);
+    memcpy(out.data() + sizeof m, &v, sizeof v);
+    memcpy(out.data() + sizeof m + sizeof v, reply.data(), reply.size());
+    send(ctl, out.data(), out.size(), 0);
+  }
+  void notify(const std::string &text) { send(data, text.data(), text.size(), 0); }
   // Blocks until the other side passes the turn.
   static void wait(int fd) {
     char b;
@@ -88,6 +103,14 @@ struct ScriptedPeer {
   }
 };
 
+// The next record the edge hands up, or the error's name.
+std::string read_one(int fd) {
+  char buf[256];
+  ssize_t n = rts_lower_seqpacket.lo_read(nullptr, fd, buf, sizeof buf);
+  if (n < 0) return errno == EAGAIN ? "EAGAIN" : errno == EMSGSIZE ? "EMSGSIZE" : strerror(errno);
+  return std::string(buf, static_cast<size_t>(n));
+}
+
 struct ShortTimeout {
   int saved = rts_ctl_timeout_ms;
   ShortTimeout() { rts_ctl_timeout_ms = 20; }
@@ -98,11 +121,11 @@ TEST(LowerEdge, LateVerdictIsNotTakenByTheNextWrite) {
   ScriptedPeer peer([](ScriptedPeer &p) {
     p.record();                      // A: no verdict yet
     ScriptedPeer::wait(p.turn[1]);   // until the edge has given up on A
-    p.answer(RTS_CTL_VERDICT, 0, 0);  // A's, late
+    p.verdict(0, 0, "reply A");      // A's, late, with its reply
     p.record();                      // B
-    p.answer(RTS_CTL_VERDICT, 0, ENOENT);
+    p.verdict(ENOENT, 0);
     p.record();                      // C
-    p.answer(RTS_CTL_VERDICT, 0, 0);
+    p.verdict(0, 0, "reply C");
   });
   int fd = rts_lower_seqpacket.lo_open(nullptr);
   ASSERT_GE(fd, 0);
@@ -115,6 +138,8 @@ TEST(LowerEdge, LateVerdictIsNotTakenByTheNextWrite) {
   EXPECT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "B", 1), -1) << "took A's verdict for B's";
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "C", 1), 1);
+  EXPECT_EQ(read_one(fd), "reply C") << "the late verdict's reply was handed up";
+  EXPECT_EQ(read_one(fd), "EAGAIN");
   rts_lower_seqpacket.lo_close(nullptr, fd);
 }
 
@@ -124,7 +149,7 @@ TEST(LowerEdge, LateOptionAnswerIsNotTakenByTheNextCall) {
     ScriptedPeer::wait(p.turn[1]);
     p.answer(RTS_CTL_GETOPT, RTS_OPT_ASYNC_MODE, 0, 111, true);  // late
     p.record();
-    p.answer(RTS_CTL_VERDICT, 0, 0);
+    p.verdict(0, 0);
     p.request();  // get 2
     p.answer(RTS_CTL_GETOPT, RTS_OPT_ASYNC_MODE, 0, 222, true);
   });
@@ -142,6 +167,70 @@ TEST(LowerEdge, LateOptionAnswerIsNotTakenByTheNextCall) {
   len = sizeof v;
   ASSERT_EQ(rts_lower_seqpacket.lo_getopt(nullptr, fd, RTS_SOL, RTS_OPT_ASYNC_MODE, &v, &len), 0);
   EXPECT_EQ(v, 222u);
+  rts_lower_seqpacket.lo_close(nullptr, fd);
+}
+
+TEST(LowerEdge, ReplyComesWithItsVerdictBehindEarlierNotifications) {
+  ScriptedPeer peer([](ScriptedPeer &p) {
+    p.notify("n0");
+    ScriptedPeer::pass(p.turn[1]);   // the test reads n0 before it writes
+    p.record();                      // A
+    p.notify("n1");
+    p.notify("n2");
+    p.verdict(0, 3, "reply A");      // three data records went before it
+    p.notify("n3");                  // and one after
+    ScriptedPeer::pass(p.turn[1]);
+    p.record();                      // B: a get that finds nothing
+    p.verdict(ENOENT, 4);
+  });
+  int fd = rts_lower_seqpacket.lo_open(nullptr);
+  ASSERT_GE(fd, 0);
+  ScriptedPeer::wait(peer.turn[0]);
+  EXPECT_EQ(read_one(fd), "n0");
+  ASSERT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "A", 1), 1);
+  // The peek sees what the read then takes, in the order the peer sent it.
+  char head[3] = {};
+  EXPECT_EQ(rts_lower_seqpacket.lo_peek(nullptr, fd, head, 2), 2);
+  EXPECT_EQ(std::string(head, 2), "n1");
+  EXPECT_EQ(read_one(fd), "n1");
+  EXPECT_EQ(read_one(fd), "n2");
+  EXPECT_EQ(rts_lower_seqpacket.lo_peek(nullptr, fd, head, 3), 7) << "the held reply's whole length";
+  EXPECT_EQ(std::string(head, 3), "rep");
+  EXPECT_EQ(read_one(fd), "reply A");
+  ScriptedPeer::wait(peer.turn[0]);
+  EXPECT_EQ(read_one(fd), "n3");
+  EXPECT_EQ(read_one(fd), "EAGAIN");
+  EXPECT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "B", 1), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(read_one(fd), "EAGAIN");
+  rts_lower_seqpacket.lo_close(nullptr, fd);
+}
+
+TEST(LowerEdge, RepliesOfWritesNotYetReadKeepTheirOrder) {
+  ScriptedPeer peer([](ScriptedPeer &p) {
+    p.record();
+    p.verdict(0, 0, "reply A");
+    p.record();
+    p.verdict(0, 0, "reply B");
+    p.record();
+    p.verdict(0, 0, std::string(300, 'x'));  // longer than the reader's buffer
+    p.notify("n1");
+    p.record();
+    p.verdict(0, 1, "reply D");
+  });
+  int fd = rts_lower_seqpacket.lo_open(nullptr);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "A", 1), 1);
+  ASSERT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "B", 1), 1);
+  EXPECT_EQ(read_one(fd), "reply A");
+  ASSERT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "C", 1), 1);
+  EXPECT_EQ(read_one(fd), "reply B");
+  // Too long for the buffer: an error, and the record is gone, as on the socket.
+  EXPECT_EQ(read_one(fd), "EMSGSIZE");
+  ASSERT_EQ(rts_lower_seqpacket.lo_write(nullptr, fd, "D", 1), 1);
+  EXPECT_EQ(read_one(fd), "n1");
+  EXPECT_EQ(read_one(fd), "reply D");
+  EXPECT_EQ(read_one(fd), "EAGAIN");
   rts_lower_seqpacket.lo_close(nullptr, fd);
 }
 

@@ -114,6 +114,24 @@ inline rts_rt_msg route(Store &s) {
   return m;
 }
 
+inline rts_nh_msg nh(Store &s) {
+  rts_nh_msg m{};
+  header(m.hdr, RTS_T_NEXTHOP, RTS_OP_GET);
+  m.nhm_index = 1234;
+  m.nhm_af = RTS_AF_INET;
+  m.nhm_type = 1;
+  m.nhm_flags = 0x21;
+  m.nhm_ifl_index = 70;
+  m.nhm_gw = s.bytes<uint8_t>("\xc0\xa8\x01\x02", 4);
+  m.nhm_gw_bits = 32;
+  m.nhm_gw_plen = 4;
+  m.nhm_refcount = 3;
+  const uint8_t attrs[] = {4, 0, 8, 0, 7, 0, 0, 0};  // a value, type 4
+  m.nhm_attrs = s.bytes<uint8_t>(attrs, sizeof attrs);
+  m.nhm_attrs_len = sizeof attrs;
+  return m;
+}
+
 inline rts_rtmatch_msg rtmatch(Store &s) {
   rts_rtmatch_msg m{};
   header(m.hdr, RTS_T_RTMATCH, RTS_OP_GET);
@@ -254,13 +272,15 @@ struct AllSamples {
   rts_iff_msg iff = samples::iff(st);
   rts_ifa_msg ifa = samples::ifa(st);
   rts_gencfg_msg gencfg = samples::gencfg(st);
+  rts_nh_msg nh = samples::nh(st);
   std::vector<Sample> list() {
     samples::header(nop, RTS_T_NOP, RTS_OP_GET);
     return {{"nop", RTS_T_NOP, &nop},          {"bridge-domain", RTS_T_BRIDGE_DOMAIN, &bd},
             {"route", RTS_T_ROUTE, &rt},       {"rtmatch", RTS_T_RTMATCH, &rtmatch},
             {"rttable", RTS_T_RTTABLE, &rtb},  {"ifdev", RTS_T_IFDEV, &ifd},
             {"iflogical", RTS_T_IFLOGICAL, &ifl}, {"iffamily", RTS_T_IFFAMILY, &iff},
-            {"ifaddr", RTS_T_IFADDR, &ifa},    {"gencfg", RTS_T_GENCFG, &gencfg}};
+            {"ifaddr", RTS_T_IFADDR, &ifa},    {"gencfg", RTS_T_GENCFG, &gencfg},
+            {"nexthop", RTS_T_NEXTHOP, &nh}};
   }
 };
 

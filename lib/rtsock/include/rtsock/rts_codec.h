@@ -99,6 +99,7 @@ struct rts_struct {
 extern const rts_struct rts_hdr_struct;
 extern const rts_struct rts_bd_struct;
 extern const rts_struct rts_rt_struct;
+extern const rts_struct rts_nh_struct;
 extern const rts_struct rts_rtmatch_struct;
 extern const rts_struct rts_rtb_struct;
 extern const rts_struct rts_ifd_struct;
@@ -169,8 +170,9 @@ uint8_t rts_attr_kind(unsigned type);
 
 // ---- Family numbers -------------------------------------------------------------------
 // Route-socket records carry the platform's family numbers (2, 28, 63); these
-// map them to the local ones and back. -1 (and a log line through the hook
-// below) for a number without a counterpart.
+// map them to the local ones and back. -1, and the line "rts_decode_af:
+// Invalid address family N" (or rts_encode_af's) at ERROR through rtslib's
+// default log sink, for a number without a counterpart.
 int rts_decode_af(int wire_af);
 int rts_encode_af(int local_af);
 
@@ -208,6 +210,7 @@ int rtslib_format_output(char *buffer, size_t size, const void *record);
 RTS_CODEC_FUNCTIONS(rts_msg_hdr, rts_hdr_struct)
 RTS_CODEC_FUNCTIONS(rts_bd_msg, rts_bd_struct)
 RTS_CODEC_FUNCTIONS(rts_rt_msg, rts_rt_struct)
+RTS_CODEC_FUNCTIONS(rts_nh_msg, rts_nh_struct)
 RTS_CODEC_FUNCTIONS(rts_rtmatch_msg, rts_rtmatch_struct)
 RTS_CODEC_FUNCTIONS(rts_rtb_msg, rts_rtb_struct)
 RTS_CODEC_FUNCTIONS(rts_ifd_msg, rts_ifd_struct)

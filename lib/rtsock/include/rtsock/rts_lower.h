@@ -9,11 +9,16 @@
 // or to $RTSOCK_PATH. In its first record it hands the peer one end of a
 // socket pair, the control socket. On the control socket the peer answers
 // route-socket options and, after each message written on the data socket,
-// the kernel's verdict: so a write returns ENOENT, EOPNOTSUPP or EAGAIN as
-// the kernel would, and any reply is already queued on the data socket when
-// it returns. Notifications come on the data socket only, so the descriptor
-// can be watched for reading like a kernel socket. Options at socket level
-// (SO_SNDBUF, SO_RCVBUF) apply to the data socket itself.
+// sends the kernel's verdict and the reply, if any, as one record: so a
+// write returns ENOENT, EOPNOTSUPP or EAGAIN as the kernel would, and a get
+// is one send and one receive. The edge holds that reply and hands it to
+// lo_peek and lo_read as the next record, behind the data records the peer
+// had sent before it (the verdict says how many), so a reader sees replies
+// and notifications in the order the peer sent them, as on one socket.
+// Notifications come on the data socket, so the descriptor can be watched for
+// reading like a kernel socket; a held reply does not make it readable, so a
+// writer of a get reads its answer at once (every caller here does). Options
+// at socket level (SO_SNDBUF, SO_RCVBUF) apply to the data socket itself.
 #pragma once
 
 #include <sys/socket.h>
@@ -77,7 +82,7 @@ enum : uint32_t {
   RTS_CTL_HELLO = 1,    // client: first data record, with the control socket attached
   RTS_CTL_SETOPT = 2,   // client: name, value; peer: error
   RTS_CTL_GETOPT = 3,   // client: name, room in len; peer: error, value
-  RTS_CTL_VERDICT = 4,  // peer: the verdict of one data record
+  RTS_CTL_VERDICT = 4,  // peer: the verdict of one data record, with its reply
 };
 struct rts_ctl_msg {
   uint32_t magic;
@@ -87,6 +92,17 @@ struct rts_ctl_msg {
   uint32_t len;   // bytes of value behind
 };
 constexpr uint32_t RTS_CTL_VALUE_MAX = 1024;
+// The value of a VERDICT: how many records the peer had put on the data
+// socket (since the hello) when it answered, then the reply, if any, of the
+// record written. The edge hands that reply up as the next record to read
+// once the client has read those data records, so replies and notifications
+// keep the order in which the peer sent them.
+struct rts_ctl_verdict {
+  uint32_t data_sent;
+};
+// The longest reply that travels with its verdict; a longer one goes on the
+// data socket ahead of it (and counts in data_sent).
+constexpr uint32_t RTS_CTL_REPLY_MAX = 65536;
 // How long the edge waits for the peer's answer on the control socket. An
 // answer that comes later is the timed-out request's: the edge counts what it
 // still owes and drops those answers when they arrive, so that a late verdict

@@ -58,6 +58,7 @@ enum rts_type : uint8_t {
   RTS_T_IFLOGICAL = 6,
   RTS_T_IFFAMILY = 7,
   RTS_T_IFADDR = 8,
+  RTS_T_NEXTHOP = 10,
   RTS_T_RTMATCH = 12,
   RTS_T_IFDSTATS = 15,
   RTS_T_IFLSTATS = 16,
@@ -208,6 +209,25 @@ struct rts_rt_msg {
   uint8_t *rtm_attrs;        // attribute list as it came
   uint32_t rtm_attrs_len;
   rts_attr_set *rtm_attr_set;  // what the walker understood (decoded only)
+};
+
+// Next hop, type 10, version 109: what routes point at by rtm_nh_index.
+// nhm_type: 1 unicast (through nhm_gw on nhm_ifl_index), 2 reject, 3 discard,
+// 4 local, 5 a list of next hops (in the attributes).
+struct rts_nh_msg {
+  rts_msg_hdr hdr;
+  uint32_t nhm_index;
+  uint8_t nhm_af;
+  uint8_t nhm_type;
+  uint16_t nhm_flags;
+  uint32_t nhm_ifl_index;
+  uint16_t nhm_gw_bits;
+  uint16_t nhm_gw_plen;      // padded length of nhm_gw
+  uint8_t *nhm_gw;           // the gateway's address
+  uint32_t nhm_refcount;     // routes that use it
+  uint8_t *nhm_attrs;        // attribute list as it came
+  uint32_t nhm_attrs_len;
+  rts_attr_set *nhm_attr_set;  // what the walker understood (decoded only)
 };
 
 // Longest-match lookup, type 12, version 99.

@@ -5,7 +5,8 @@
 //
 // Calls never wait: the socket is non-blocking and the peer has queued its
 // answer by the time a write returns, so a get that finds nothing queued
-// fails with EAGAIN. A decoded reply is one block holding the record, its
+// fails with EAGAIN. A record shorter than a message header (24 bytes) reads
+// as nothing queued, EAGAIN, and stays where it is. A decoded reply is one block holding the record, its
 // strings, prefixes and lists; release it with rtslib_msg_idl_release.
 //
 // A get hands out only the answer to its request: a reply of the request's
@@ -167,6 +168,9 @@ int rtslib_ifam_get_by_dest(rtslib_cookie *cookie, uint32_t ifl_index, uint8_t a
 int rtslib_ifam_get_by_local_dest(rtslib_cookie *cookie, uint32_t ifl_index, uint8_t af,
                                   const void *dest, uint16_t dest_bits, const void *local,
                                   uint16_t local_bits, uint8_t op, rts_ifa_msg **result, int ctx);
+// The next hop of an index, or with op 5 the one after it.
+int rtslib_rnhm_get_by_index(rtslib_cookie *cookie, uint32_t index, uint8_t op, rts_nh_msg **result,
+                             int ctx);
 // Statistics travel as raw records (rts_ifstats_msg).
 int rtslib_ifdsm_get_by_index(rtslib_cookie *cookie, uint32_t index, rts_ifstats_msg **result);
 int rtslib_iflsm_get_by_index(rtslib_cookie *cookie, uint32_t index, rts_ifstats_msg **result);
