@@ -55,6 +55,31 @@ void run_io(task_sched_stats *stats, task_io_var *io_var, const task_kevent &ev,
   task_timer_hiprio_check();
 }
 
+// The completion and acknowledgement events: the task's own method, run as
+// the current task, never for a task already deleted by an earlier entry.
+void run_method(task *tp, task_method m) {
+  if (!tp || !m || (tp->task_flags & TASK_FLAG_DELETE)) return;
+  task *saved = task_current();
+  task_set_current(tp);
+  m(tp);
+  task_set_current(saved);
+  task_timer_hiprio_check();
+}
+
+void run_aio(const task_kevent &ev) {
+  task_app_ctx_t *app = task_get_task_app_ctx();
+  if (!app || !app->app_aio_lookup) return;
+  task *tp = app->app_aio_lookup(ev.udata);
+  if (tp) run_method(tp, tp->task_aio);
+}
+
+void run_ack(const task_kevent &ev) {
+  if (!ev.udata || *static_cast<int32_t *>(ev.udata) != TASK_KEVENT_TASK) return;
+  task *tp = task_of(ev.udata);
+  task_verify(tp);
+  if (!tp->task_ack_stopped) run_method(tp, tp->task_ack);
+}
+
 }  // namespace
 
 const char *task_evfilt_name(int filter) {
@@ -99,9 +124,10 @@ void task_process_events_internal(task_sched_stats *stats, task_io_var *io_var, 
           task_timer_hiprio_check();
           break;
         case TASK_EVFILT_AIO:
+          run_aio(ev);
+          break;
         case TASK_EVFILT_ACK:
-          // Their owners (asynchronous I/O, route acknowledgements) register
-          // no method with this kernel yet: nothing to run.
+          run_ack(ev);
           break;
         default:
           logging_event(LOG_ERR, "ZTASK_UNKNOWN_EVENT", "ZTASK_UNKNOWN_EVENT: %s event ignored -- disabling",

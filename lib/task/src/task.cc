@@ -342,7 +342,13 @@ TASK_SETTER(mastership)
 TASK_SETTER(delete_hook)
 TASK_SETTER(process)
 TASK_SETTER(child)
+TASK_SETTER(aio)
+TASK_SETTER(ack)
 #undef TASK_SETTER
+
+void task_set_ack_stopped(task *tp, bool stopped) {
+  if (tp) tp->task_ack_stopped = stopped;
+}
 
 void task_set_kevent_error(task *tp, int (*hook)(task *tp, int code, int err)) {
   if (tp) tp->task_kevent_error = hook;

@@ -154,5 +154,52 @@ TEST_F(Queues, SignalsArriveAsEventsAndTermEndsCleanly) {
       ::testing::ExitedWithCode(0), "ZTASK_SIGNAL_TERMINATE: first termination signal received(.|\n)*ZTASK_EXIT");
 }
 
+// Completion events find their task through the application's look-up,
+// acknowledgements through the event itself; each runs the task's own method
+// as the current task, and neither runs for a deleted task or, for
+// acknowledgements, while they are stopped.
+task *aio_target;
+task *aio_lookup(void *request) { return request == &aio_target ? aio_target : nullptr; }
+std::string ran;
+void note_aio(task *tp) { ran += std::string("A:") + tp->task_name_base + (task_current() == tp ? "*" : "") + " "; }
+void note_ack(task *tp) { ran += std::string("K:") + tp->task_name_base + (task_current() == tp ? "*" : "") + " "; }
+
+TEST_F(Queues, CompletionsAndAcknowledgementsRunTheirTasksMethods) {
+  task_app_ctx_t *app = task_get_task_app_ctx();
+  auto saved_lookup = app->app_aio_lookup;
+  app->app_aio_lookup = aio_lookup;
+  task *a = task_alloc("aio", 1, nullptr);
+  task_set_aio(a, note_aio);
+  task_create(a);
+  task *k = task_alloc("ack", 1, nullptr);
+  task_set_ack(k, note_ack);
+  task_create(k);
+  aio_target = a;
+  int unknown_tag = 0;
+  task_io_var *io = task_var_io(nullptr);
+  task_sched_stats *stats = &task_var_scheduler(nullptr)->sched_stats;
+  auto pass = [&](std::initializer_list<task_kevent> evs) {
+    ran.clear();
+    int n = 0;
+    for (const task_kevent &e : evs) io->task_eventlist[n++] = e;
+    task_process_events_internal(stats, io, n);
+    return ran;
+  };
+  const task_kevent aio_ev{0, TASK_EVFILT_AIO, 0, 0, 0, &aio_target};
+  const task_kevent stray_aio{0, TASK_EVFILT_AIO, 0, 0, 0, &unknown_tag};
+  const task_kevent ack_ev{0, TASK_EVFILT_ACK, 0, 0, 0, &k->task_kevent_udata};
+  EXPECT_EQ(pass({aio_ev, stray_aio, ack_ev}), "A:aio* K:ack* ");
+  task_set_ack_stopped(k, true);
+  EXPECT_EQ(pass({ack_ev, aio_ev}), "A:aio* ");
+  task_set_ack_stopped(k, false);
+  task_delete(a);
+  EXPECT_EQ(pass({aio_ev, ack_ev}), "K:ack* ");
+  app->app_aio_lookup = nullptr;  // no look-up: completions are dropped
+  aio_target = k;
+  task_set_aio(k, note_aio);
+  EXPECT_EQ(pass({aio_ev}), "");
+  app->app_aio_lookup = saved_lookup;
+}
+
 }  // namespace
 }  // namespace tt

@@ -142,6 +142,13 @@ struct task {
   int32_t task_kevent_errno;
   task_method task_delete_hook;
   task_mem_cookie *task_cookie;  // allocations charged to this task
+  // Completion events of asynchronous I/O (the task found through
+  // app_aio_lookup) and route/next-hop acknowledgements (the event names the
+  // task). Linux raises neither by itself; a platform layer that does hands
+  // them to the event pass like any other.
+  task_method task_aio;
+  task_method task_ack;
+  uint8_t task_ack_stopped;  // acknowledgements are not run while set
 };
 
 // ---- The application record ---------------------------------------------------
@@ -298,6 +305,10 @@ void task_set_cleanup(task *tp, task_method m);
 void task_set_reinit(task *tp, task_method m);
 void task_set_mastership(task *tp, task_method m);
 void task_set_delete_hook(task *tp, task_method m);
+void task_set_aio(task *tp, task_method m);
+void task_set_ack(task *tp, task_method m);
+// Stops (true) or resumes the task's acknowledgement processing.
+void task_set_ack_stopped(task *tp, bool stopped);
 void task_set_process(task *tp, task_method m);
 void task_set_child(task *tp, task_method m);
 // The low-memory method and its place in the pass: task_set_lowmem in task/process.h.
