@@ -153,6 +153,15 @@ void fd_sweep(ev_fd *f) {
   if (!f->sels) fd_release(f);
 }
 
+// Sweeps f (which may free it), then brings what is left in line.
+void fd_settle(ev_fd *f) {
+  ev_ctx *x = f->ctx;
+  int fd = f->fd;
+  fd_sweep(f);
+  auto it = x->fds.find(fd);
+  if (it != x->fds.end()) fd_apply(it->second);
+}
+
 ev_fd *fd_get(ev_ctx *x, int fd) {
   auto it = x->fds.find(fd);
   if (it != x->fds.end()) return it->second;
@@ -194,13 +203,7 @@ void fd_dispatch(task *tp, int what) {
     if (s == end) break;
   }
   f->busy--;
-  if (!f->busy) {
-    ev_ctx *x = f->ctx;
-    int fd = f->fd;
-    fd_sweep(f);
-    auto it = x->fds.find(fd);
-    if (it != x->fds.end()) fd_apply(it->second);
-  }
+  if (!f->busy) fd_settle(f);
 }
 
 ev_sel *select_internal(ev_ctx *x, int fd, int mask, __evFileFunc func, void *uap, ev_conn *conn) {
@@ -219,8 +222,7 @@ ev_sel *select_internal(ev_ctx *x, int fd, int mask, __evFileFunc func, void *ua
   *pp = s;
   if (int err = fd_apply(f)) {
     s->dead = true;
-    fd_sweep(f);
-    if (f->ctx->fds.count(fd)) fd_apply(f);
+    fd_settle(f);
     errno = err;
     return nullptr;
   }
@@ -230,10 +232,7 @@ ev_sel *select_internal(ev_ctx *x, int fd, int mask, __evFileFunc func, void *ua
 void deselect_internal(ev_sel *s) {
   ev_fd *f = s->owner;
   s->dead = true;
-  if (f->busy) return;  // the dispatch sweeps and applies
-  fd_sweep(f);
-  auto it = f->ctx->fds.find(f->fd);
-  if (it != f->ctx->fds.end() && it->second == f) fd_apply(f);
+  if (!f->busy) fd_settle(f);  // else the dispatch does
 }
 
 // ---- Timers -----------------------------------------------------------------

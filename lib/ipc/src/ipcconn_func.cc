@@ -34,7 +34,11 @@ void ev_timer(__evContext, void *uap, timespec, timespec) {
   c->pclient_timer_active = 0;  // a one-shot's record is gone after this
   ipcconn_client_retry(c);
 }
-void ev_free(__evContext, void *uap, timespec, timespec) { ipcconn_client_destroy(static_cast<ipcconn_client *>(uap)); }
+void ev_free(task_job *jp) {
+  auto *c = static_cast<ipcconn_client *>(task_job_get_data(jp));
+  task_job_delete(jp);
+  ipcconn_client_destroy(c);
+}
 
 int ev_connect_start(ipcconn_client *c) {
   if (__evConnect(c->pclient_ev_context, c->pclient_socket, &c->peer_addr, static_cast<int>(peer_len(c)),
@@ -78,9 +82,10 @@ void ev_timer_stop(ipcconn_client *c) {
   c->pclient_timer_active = 0;
   __evClearTimer(c->pclient_ev_context, c->pclient_timer_id);
 }
+// The next pass, whatever the clock does: the library has no call for that,
+// and the kernel it runs on does.
 int ev_delayed_free(ipcconn_client *c) {
-  __evTimerID id;
-  return __evSetTimer(c->pclient_ev_context, ev_free, c, __evNowTime(), __evConsTime(0, 0), &id);
+  return task_job_create_foreground(task_scheduler_task(), "ipcconn free", ev_free, c) ? 0 : -1;
 }
 void ev_release(ipcconn_client *c) {
   ev_clear_read(c);

@@ -21,7 +21,8 @@
 //   task_scheduler();
 //
 // Callbacks may select, deselect, set and clear anything, their own record
-// included. A one-shot timer's record is gone once its callback returns.
+// included. An id is spent once deselected, cleared or cancelled, and a
+// one-shot timer's once its callback has returned: using it again is a fault.
 // Every call returns 0, or -1 with errno (EINVAL for a missing context, id
 // or function, an unknown mask; EBADF for a descriptor that is not open).
 #pragma once
