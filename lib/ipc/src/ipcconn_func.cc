@@ -47,30 +47,25 @@ int ev_connect_start(ipcconn_client *c) {
   c->pclient_connect_active = 1;
   return 0;
 }
+int ev_select(ipcconn_client *c, int mask, __evFileFunc fn, __evFileID *id, uint8_t *active) {
+  if (*active) return 0;
+  if (__evSelectFD(c->pclient_ev_context, c->pclient_socket, mask, fn, c, id) < 0) return -1;
+  *active = 1;
+  return 0;
+}
+int ev_deselect(ipcconn_client *c, __evFileID id, uint8_t *active) {
+  if (!*active) return 0;
+  *active = 0;
+  return __evDeselectFD(c->pclient_ev_context, id);
+}
 int ev_set_read(ipcconn_client *c) {
-  if (c->pclient_read_active) return 0;
-  if (__evSelectFD(c->pclient_ev_context, c->pclient_socket, EV_READ, ev_read, c, &c->pclient_read_id) < 0)
-    return -1;
-  c->pclient_read_active = 1;
-  return 0;
+  return ev_select(c, EV_READ, ev_read, &c->pclient_read_id, &c->pclient_read_active);
 }
-int ev_clear_read(ipcconn_client *c) {
-  if (!c->pclient_read_active) return 0;
-  c->pclient_read_active = 0;
-  return __evDeselectFD(c->pclient_ev_context, c->pclient_read_id);
-}
+int ev_clear_read(ipcconn_client *c) { return ev_deselect(c, c->pclient_read_id, &c->pclient_read_active); }
 int ev_set_write(ipcconn_client *c) {
-  if (c->pclient_write_active) return 0;
-  if (__evSelectFD(c->pclient_ev_context, c->pclient_socket, EV_WRITE, ev_write, c, &c->pclient_write_id) < 0)
-    return -1;
-  c->pclient_write_active = 1;
-  return 0;
+  return ev_select(c, EV_WRITE, ev_write, &c->pclient_write_id, &c->pclient_write_active);
 }
-int ev_clear_write(ipcconn_client *c) {
-  if (!c->pclient_write_active) return 0;
-  c->pclient_write_active = 0;
-  return __evDeselectFD(c->pclient_ev_context, c->pclient_write_id);
-}
+int ev_clear_write(ipcconn_client *c) { return ev_deselect(c, c->pclient_write_id, &c->pclient_write_active); }
 int ev_timer_start(ipcconn_client *c, uint32_t seconds) {
   timespec due = __evAddTime(__evNowTime(), __evConsTime(seconds, 0));
   if (__evSetTimer(c->pclient_ev_context, ev_timer, c, due, __evConsTime(0, 0), &c->pclient_timer_id) < 0) return -1;

@@ -291,15 +291,20 @@ class EvConnect : public Ev {
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
     ASSERT_EQ(listen(listener, 8), 0);
   }
+  // A new Unix socket connecting to path: __evConnect's result.
+  int connect_unix(int *s, Outcome *o, __evConnID *id) {
+    *s = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a = unix_addr(path);
+    return __evConnect(ev, *s, &a, sizeof a, on_conn, o, id);
+  }
 };
 
 TEST_F(EvConnect, UnixConnectIsReportedInTheNextPassNotInsideTheCall) {
   listen_unix();
-  int s = socket(AF_UNIX, SOCK_STREAM, 0);
+  int s;
   Outcome o;
-  sockaddr_un a = unix_addr(path);
   __evConnID id;
-  ASSERT_EQ(__evConnect(ev, s, &a, sizeof a, on_conn, &o, &id), 0);
+  ASSERT_EQ(connect_unix(&s, &o, &id), 0);
   EXPECT_EQ(o.calls, 0);
   EXPECT_TRUE(fcntl(s, F_GETFL) & O_NONBLOCK);
   real_passes(2);
@@ -313,11 +318,10 @@ TEST_F(EvConnect, UnixConnectIsReportedInTheNextPassNotInsideTheCall) {
 }
 
 TEST_F(EvConnect, RefusedAtOnceCallsNothing) {
-  int s = socket(AF_UNIX, SOCK_STREAM, 0);
+  int s;
   Outcome o;
-  sockaddr_un a = unix_addr(path);  // nobody listens
   __evConnID id;
-  EXPECT_EQ(__evConnect(ev, s, &a, sizeof a, on_conn, &o, &id), -1);
+  EXPECT_EQ(connect_unix(&s, &o, &id), -1);  // nobody listens
   EXPECT_EQ(errno, ENOENT);
   real_passes(2);
   EXPECT_EQ(o.calls, 0);
@@ -326,11 +330,10 @@ TEST_F(EvConnect, RefusedAtOnceCallsNothing) {
 
 TEST_F(EvConnect, CancelledConnectIsNeverReported) {
   listen_unix();
-  int s = socket(AF_UNIX, SOCK_STREAM, 0);
+  int s;
   Outcome o;
-  sockaddr_un a = unix_addr(path);
   __evConnID id;
-  ASSERT_EQ(__evConnect(ev, s, &a, sizeof a, on_conn, &o, &id), 0);
+  ASSERT_EQ(connect_unix(&s, &o, &id), 0);
   ASSERT_EQ(__evCancelConn(ev, id), 0);
   real_passes(3);
   EXPECT_EQ(o.calls, 0);
@@ -381,11 +384,10 @@ TEST_F(EvConnect, TcpConnectReportsSuccessOrTheRefusalThroughTheCallback) {
 
 TEST_F(EvConnect, DestroyWithEverythingOutstandingCallsNothingLater) {
   listen_unix();
-  int s = socket(AF_UNIX, SOCK_STREAM, 0);
+  int s;
   Outcome o;
-  sockaddr_un a = unix_addr(path);
   __evConnID cid;
-  ASSERT_EQ(__evConnect(ev, s, &a, sizeof a, on_conn, &o, &cid), 0);
+  ASSERT_EQ(connect_unix(&s, &o, &cid), 0);
   Ticks t{};
   ASSERT_EQ(__evSetTimer(ev, on_timer, &t, __evNowTime(), __evConsTime(1, 0), &t.id), 0);
   __evFileID fid;
