@@ -14,3 +14,9 @@ void ipcconn_client_destroy(ipcconn_client *clnt);
 // The read-ready work.
 void ipcconn_client_dispatch(ipcconn_client *clnt);
 }
+
+// The event to the application, or, while it is inside a call of ours, the
+// event's number (-201, -105, -106) returned instead.
+int ipcconn_give_event(ipcconn_client *clnt, int event);
+// Drops every queued message (external buffers go back to the application).
+void ipcconn_client_queue_free(ipcconn_client *clnt);

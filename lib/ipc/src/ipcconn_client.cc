@@ -82,6 +82,7 @@ int uds_socket_setup(ipcconn_client *c) {
 // Back to "created": no socket, no pipe, no registration, no local file.
 void clear_state(ipcconn_client *c) {
   ipcconn_client_func(c)->release(c);
+  ipcconn_client_queue_free(c);
   if (c->pclient_pipe) {
     ipc_pipe_detach_socket(c->pclient_pipe);
     ipc_pipe_destroy(c->pclient_pipe);
@@ -157,9 +158,9 @@ void api_exit(ipcconn_client *c) {
                 c->app_id, static_cast<void *>(c));
 }
 
-// The event to the application, or, while it is inside a call of ours, its
-// number returned instead.
-int give_event(ipcconn_client *c, int event) {
+}  // namespace
+
+int ipcconn_give_event(ipcconn_client *c, int event) {
   if (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) return map_event_to_errno(event);
   if (!c->event_cb) return 0;
   api_enter(c);
@@ -168,25 +169,31 @@ int give_event(ipcconn_client *c, int event) {
   return 0;
 }
 
+namespace {
+
 bool is_dead(const ipcconn_client *c) { return c->pclient_flags & IPCCONN_FLAG_DEAD; }
 
-// Lost connection: event 1, then the retry timer; event 2 and close when no retry is left.
-void restart(ipcconn_client *c) {
+}  // namespace
+
+extern "C" void ipcconn_client_restart(ipcconn_client *c) {
+  if (!c || is_dead(c)) return;
   ipcconn_log(IPCCONN_LOG_DEBUG, "DEBUG: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), socket (%d) disconnected",
               __func__, __LINE__, c->pid, c->app_id, static_cast<void *>(c), c->pclient_socket);
   int s = c->pclient_socket;
   clear_state(c);
-  give_event(c, IPCCONN_EVENT_CLOSED);
+  ipcconn_give_event(c, IPCCONN_EVENT_CLOSED);
   if (is_dead(c)) return;
   if (start_retry_timer(c) < 0) {
     ipcconn_log(IPCCONN_LOG_DEBUG,
                 "DEBUG: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed to start the retry timer for "
                 "connect socket (%d)",
                 __func__, __LINE__, c->pid, c->app_id, static_cast<void *>(c), s);
-    give_event(c, IPCCONN_EVENT_FAILED);
+    ipcconn_give_event(c, IPCCONN_EVENT_FAILED);
     ipcconn_client_close(c);
   }
 }
+
+namespace {
 
 int send_identification(ipcconn_client *c) {
   uint32_t id[3] = {c->app_id, c->pid, c->instance_id};
@@ -272,7 +279,7 @@ void ipcconn_client_connector(ipcconn_client *c, bool success) {
   if (!success) {
     c->counters.connect_failures++;
     if (start_retry_timer(c) < 0) {
-      give_event(c, IPCCONN_EVENT_FAILED);
+      ipcconn_give_event(c, IPCCONN_EVENT_FAILED);
       ipcconn_client_close(c);
     }
     return;
@@ -285,35 +292,20 @@ void ipcconn_client_connector(ipcconn_client *c, bool success) {
     ipcconn_log(IPCCONN_LOG_ERROR,
                 "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed with terminal error (%d)", __func__,
                 __LINE__, c->pid, c->app_id, static_cast<void *>(c), errno);
-    restart(c);
+    ipcconn_client_restart(c);
     return;
   }
   f->set_client_read_ready(c);
-  give_event(c, IPCCONN_EVENT_CONNECTED);
+  if (c->pending_head) f->set_client_write_ready(c);
+  ipcconn_give_event(c, IPCCONN_EVENT_CONNECTED);
 }
 
 void ipcconn_client_retry(ipcconn_client *c) {
   if (is_dead(c)) return;
   if (try_connect(c) < 0) {
-    give_event(c, IPCCONN_EVENT_FAILED);
+    ipcconn_give_event(c, IPCCONN_EVENT_FAILED);
     ipcconn_client_close(c);
   }
-}
-
-void ipcconn_client_write_ready(ipcconn_client *c) {
-  if (is_dead(c) || !c->pclient_pipe) return;
-  int rc = ipc_x_pipe_write(c->pclient_pipe);
-  if (rc == IPC_PIPE_PARTIAL) return;
-  if (rc < 0) {
-    ipcconn_log(IPCCONN_LOG_ERROR,
-                "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed with terminal error (%d)", __func__,
-                __LINE__, c->pid, c->app_id, static_cast<void *>(c), errno);
-    restart(c);
-    return;
-  }
-  ipcconn_client_func(c)->clear_client_write_ready(c);
-  ipcconn_log(IPCCONN_LOG_DEBUG, "DEBUG: %s [%d] app-id (%d), ipcconn_client (%p), unregisted from write ready",
-              __func__, __LINE__, c->app_id, static_cast<void *>(c));
 }
 
 void ipcconn_client_dispatch(ipcconn_client *c) {
@@ -340,7 +332,7 @@ void ipcconn_client_dispatch(ipcconn_client *c) {
       ipcconn_log(IPCCONN_LOG_ERROR,
                   "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), terminated due to error (%d)", __func__,
                   __LINE__, c->pid, c->app_id, static_cast<void *>(c), status);
-      restart(c);
+      ipcconn_client_restart(c);
       return;
     }
     while (ipc_msg *m = ipc_msg_read(c->pclient_pipe)) {
@@ -366,7 +358,7 @@ void ipcconn_client_dispatch(ipcconn_client *c) {
       if (rc != 0) {
         ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), error on connection", __func__,
                     __LINE__, c->app_id, static_cast<void *>(c));
-        restart(c);
+        ipcconn_client_restart(c);
         return;
       }
     }

@@ -2,7 +2,8 @@
 // test: identification first and byte for byte, retries every 2 seconds of
 // the kernel's clock until the server appears or the limit is reached, a
 // peer that closes, messages read and filtered, closing from inside a
-// callback, and the refused choices at creation.
+// callback, the refused choices at creation; sending straight or through the
+// queue, in order, with thresholds, back-pressure and a terminal error.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -318,6 +319,169 @@ TEST_P(Client, CreationRefusesAWrongChoiceOfEventSystemOrABadPath) {
   ipcconn_client *c = ipcconn_uds_client_connect(&params);
   EXPECT_NE(c, nullptr);
   ipcconn_client_close(c);
+}
+
+// ---- Sending ---------------------------------------------------------------------
+
+// External buffers handed over and given back.
+int freed_external;
+void *counted_malloc(size_t n) { return malloc(n); }
+void counted_free(void *p) {
+  if (p && static_cast<char *>(p)[0] == 'X') freed_external++;
+  free(p);
+}
+char *external(const std::string &text) {
+  char *b = static_cast<char *>(malloc(text.size()));
+  memcpy(b, text.data(), text.size());
+  return b;
+}
+
+TEST_P(Client, SendsWhileConnectingGoAfterTheIdentification) {
+  listen_now();
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(ipcconn_client_send(c, 1, "first", 5, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(ipcconn_client_send(c, 2, "second", 6, IPCCONN_MSG_PRIORITY_HIGH), 0);
+  EXPECT_EQ(c->counters.current_depth, 2u);
+  real_passes(3);
+  int s = accept_one();
+  EXPECT_EQ(take(s), ident_bytes(7, 4242, 3) + frame(0x417, 1, "first") + frame(0x417, 2, "second"));
+  EXPECT_EQ(c->counters.current_depth, 0u);
+  EXPECT_FALSE(ipcconn_client_func(c)->client_is_write_ready_active(c));
+  // Now straight to the socket.
+  EXPECT_EQ(ipcconn_client_send(c, 3, "third", 5, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(c->counters.sent_immediately, 1u);
+  EXPECT_EQ(take(s), frame(0x417, 3, "third"));
+  ipcconn_client_close(c);
+  close(s);
+}
+
+TEST_P(Client, AFullSocketQueuesAndLaterSendsKeepTheirOrder) {
+  listen_now();
+  params.malloc_fn = counted_malloc;
+  params.free_fn = counted_free;
+  freed_external = 0;
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  take(s);
+  // A is refused whole and queued; B (handed over) and C queue behind it.
+  tvx_fault_errno(TVX_SYS_SENDMSG, EAGAIN);
+  EXPECT_EQ(ipcconn_client_send(c, 1, "A", 1, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(ipcconn_client_send_external(c, 2, external("XBB"), 3, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(ipcconn_client_send(c, 3, "C", 1, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(c->counters.current_depth, 3u);
+  EXPECT_EQ(freed_external, 0);
+  tvx_fault_short(TVX_SYS_SENDMSG, 5);  // A goes in two pieces
+  real_passes(3);
+  EXPECT_EQ(take(s), frame(0x417, 1, "A") + frame(0x417, 2, "XBB") + frame(0x417, 3, "C"));
+  EXPECT_EQ(freed_external, 1);
+  EXPECT_EQ(c->counters.sent_from_queue, 3u);
+  EXPECT_FALSE(ipcconn_client_func(c)->client_is_write_ready_active(c));
+  EXPECT_TRUE(logged("unregisted from write ready"));
+
+  // A partial write of a handed-over buffer: the rest goes from that buffer, freed once, after.
+  tvx_fault_short(TVX_SYS_SENDMSG, 5);
+  EXPECT_EQ(ipcconn_client_send_external(c, 4, external("XDDDDDDDD"), 9, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(freed_external, 1);
+  real_passes(2);
+  EXPECT_EQ(take(s), frame(0x417, 4, "XDDDDDDDD"));
+  EXPECT_EQ(freed_external, 2);
+  ipcconn_client_close(c);
+  close(s);
+}
+
+TEST_P(Client, SizeLimitAndInactiveSocket) {
+  listen_now();
+  params.bufsize = 100;
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  take(s);
+  std::string most(84, 'm');
+  EXPECT_EQ(ipcconn_client_send(c, 1, most.data(), 84, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(ipcconn_client_send(c, 1, most.data(), 85, IPCCONN_MSG_PRIORITY_LOW), IPCCONN_ERR_INVALID);
+  EXPECT_TRUE(logged("message length (85) plus overhead (16) is greater than the configured buffer size (100)"));
+  EXPECT_EQ(take(s), frame(0x417, 1, most));
+  // Waiting to retry there is no socket.
+  close(s);
+  real_passes(2);
+  EXPECT_EQ(ipcconn_client_send(c, 1, "x", 1, IPCCONN_MSG_PRIORITY_LOW), IPCCONN_ERR_INVALID);
+  EXPECT_TRUE(logged("socket inactive for client"));
+  ipcconn_client_close(c);
+}
+
+struct Pressure {
+  std::vector<uint32_t> depths;  // the depth at each back-pressure event
+};
+void on_pressure(ipcconn_client *c, int event, void *cookie) {
+  if (event == IPCCONN_EVENT_BACKPRESSURE) static_cast<Pressure *>(cookie)->depths.push_back(c->counters.current_depth);
+}
+
+TEST_P(Client, BackPressureBeginsAtTheThresholdAndEndsFivePercentBelow) {
+  listen_now();
+  Pressure pr{};
+  params.event_cb = on_pressure;
+  params.cookie = &pr;
+  params.threshold_backpressure = 100;
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  take(s);
+  tvx_fault_errno(TVX_SYS_SENDMSG, EAGAIN, 1);
+  for (int i = 0; i < 120; i++) ASSERT_EQ(ipcconn_client_send(c, 1, "p", 1, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(pr.depths, std::vector<uint32_t>{100});
+  EXPECT_EQ(c->counters.current_depth, 120u);
+  real_passes(2);
+  EXPECT_EQ(pr.depths, (std::vector<uint32_t>{100, 94}));
+  EXPECT_EQ(c->counters.current_depth, 0u);
+  EXPECT_EQ(take(s).size(), 120u * 9);
+  ipcconn_client_close(c);
+  close(s);
+}
+
+TEST_P(Client, ThresholdsRefuseByPriority) {
+  listen_now();
+  params.threshold_low = 3;
+  params.threshold_medium = 0;  // no limit
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  // Connecting: everything queues.
+  for (int i = 0; i < 3; i++) EXPECT_EQ(ipcconn_client_send(c, 1, "l", 1, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(ipcconn_client_send(c, 1, "l", 1, IPCCONN_MSG_PRIORITY_LOW), IPCCONN_ERR_THRESHOLD);
+  EXPECT_TRUE(logged("failed to store message, subtype 1, priority 0, current 3, high 0, med 0, low 3"));
+  EXPECT_EQ(ipcconn_client_send(c, 2, "m", 1, IPCCONN_MSG_PRIORITY_MEDIUM), 0);
+  EXPECT_EQ(c->counters.queue_failed, 1u);
+  real_passes(3);
+  int s = accept_one();
+  EXPECT_EQ(take(s), ident_bytes(7, 4242, 3) + frame(0x417, 1, "l") + frame(0x417, 1, "l") +
+                         frame(0x417, 1, "l") + frame(0x417, 2, "m"));
+  ipcconn_client_close(c);
+  close(s);
+}
+
+TEST_P(Client, ATerminalSendErrorRestartsAndDropsTheQueue) {
+  listen_now();
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  take(s);
+  tvx_fault_errno(TVX_SYS_SENDMSG, EPIPE);
+  EXPECT_EQ(ipcconn_client_send(c, 1, "x", 1, IPCCONN_MSG_PRIORITY_LOW), IPCCONN_ERR_PIPE);
+  EXPECT_TRUE(logged("failed with terminal error (32)"));
+  EXPECT_EQ(seen.events, (std::vector<int>{IPCCONN_EVENT_CONNECTED, IPCCONN_EVENT_CLOSED}));
+  next_retry();
+  real_passes(1);
+  EXPECT_EQ(seen.events.back(), IPCCONN_EVENT_CONNECTED);
+  close(s);
+  s = accept_one();
+  EXPECT_EQ(take(s), ident_bytes(7, 4242, 3));
+  ipcconn_client_close(c);
+  close(s);
 }
 
 INSTANTIATE_TEST_SUITE_P(EventSystems, Client, ::testing::Values(true, false),

@@ -4,7 +4,9 @@
 // system (the event library of ipc/ev.h or the task kernel, exactly one
 // given), retried every 2 seconds up to a limit, and the identification
 // message the client sends first (type 0x417, subtype 0xFFFE, 12 bytes:
-// app-id, pid, instance-id as 32-bit numbers in host order).
+// app-id, pid, instance-id as 32-bit numbers in host order); sending with a
+// queue behind a full socket, thresholds by priority and back-pressure
+// (event 3 at the threshold, again when the depth falls 5 % below it).
 //
 //   ipcconn_client_params p{};
 //   p.ptask = my_task;                       // or p.ev_context = ev
@@ -98,8 +100,27 @@ struct ipcconn_client_params {
   uint16_t interop_type; // the message type in interoperate mode
 };
 
+enum { IPCCONN_MSG_PRIORITY_LOW = 0, IPCCONN_MSG_PRIORITY_MEDIUM = 1, IPCCONN_MSG_PRIORITY_HIGH = 2 };
+// The drain loop's bound per write-ready event.
+enum { IPCCONN_DRAIN_BUDGET = 1000 };
+
+// A message waiting to be sent; the payload follows unless the message is
+// external (the application's buffer) or the pipe already holds it.
+struct ipcconn_pending {
+  ipcconn_pending *next, *prev;
+  uint32_t subtype;
+  uint32_t length;
+  uint64_t timestamp_us;  // when stored, on the kernel's clock
+  uint8_t partially_written;
+  uint8_t external;
+  void *external_buf;
+};
+
 struct ipcconn_client_counters {
   uint64_t connects, connect_failures, retries;
+  uint64_t sent_immediately, sent_from_queue, not_sent, queue_stored, queue_failed;
+  uint32_t current_depth;
+  uint64_t total_delay_us;
 };
 
 struct ipcconn_client {
@@ -131,6 +152,7 @@ struct ipcconn_client {
   ipcconn_free_fn free_fn;
   void *cookie;
   uint32_t threshold_high, threshold_medium, threshold_low, threshold_backpressure;
+  ipcconn_pending *pending_head, *pending_tail;
   uint8_t backpressure;
   ipcconn_client_counters counters;
 };
@@ -169,10 +191,27 @@ ipcconn_client *ipcconn_uds_client_connect(const ipcconn_client_params *params);
 // once the callback has returned. Events stop at once.
 void ipcconn_client_close(ipcconn_client *clnt);
 void *ipcconn_client_get_callback_cookie(const ipcconn_client *clnt);
+// Drops the connection (queued messages too), gives event 1 and retries;
+// event 2 and close when no retry is left.
+void ipcconn_client_restart(ipcconn_client *clnt);
+
+// Sends a message of this subtype, or queues it (while connecting, behind
+// others, or when the socket takes none of it). 0 when sent or queued;
+// -101 closed, not connected, from another thread or too long (length + 16
+// over the buffer size); -102 no memory to queue; -103 the pipe still held
+// a message or a terminal error (the client then restarts); -104 refused by
+// the threshold of its priority (non-zero: the depth at which the queue
+// refuses); -201 queued, and back-pressure began while the application was
+// inside a call of ours, so event 3 could not be given.
+int ipcconn_client_send(ipcconn_client *clnt, uint32_t subtype, const void *buf, uint32_t length, int priority);
+// The same with buf handed over: the library frees it with the client's
+// free function once it has gone (or is dropped), and never on a non-zero
+// return other than -201.
+int ipcconn_client_send_external(ipcconn_client *clnt, uint32_t subtype, void *buf, uint32_t length, int priority);
 
 // The event systems' glue reports a connect's outcome here.
 void ipcconn_client_connector(ipcconn_client *clnt, bool success);
-// The retry timer's work, and the write-ready work.
+// The retry timer's work, and the write-ready work (the drain of the queue).
 void ipcconn_client_retry(ipcconn_client *clnt);
 void ipcconn_client_write_ready(ipcconn_client *clnt);
 
