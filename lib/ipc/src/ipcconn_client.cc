@@ -1,0 +1,397 @@
+// The client: creation, connect with retries, the identification message,
+// reading, restart and close.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal.h"
+#include "platform/path.h"
+#include "task/task.h"
+
+namespace {
+
+void *pipe_malloc(void *ctx, size_t n) {
+  auto *c = static_cast<ipcconn_client *>(ctx);
+  return c->malloc_fn ? c->malloc_fn(n) : malloc(n);
+}
+void pipe_free(void *ctx, void *p) {
+  auto *c = static_cast<ipcconn_client *>(ctx);
+  if (c->free_fn)
+    c->free_fn(p);
+  else
+    free(p);
+}
+
+bool unix_addr(const char *logical, sockaddr_un *out) {
+  char real[sizeof out->sun_path + 1];
+  if (!logical || !*logical || !tvx_path(logical, real, sizeof real) || strlen(real) > sizeof out->sun_path - 1)
+    return false;
+  memset(out, 0, sizeof *out);
+  out->sun_family = AF_UNIX;
+  memcpy(out->sun_path, real, strlen(real));
+  return true;
+}
+
+// Linux has no SO_SNDLOWAT to set (it refuses the option): the stream bit
+// asks for nothing here.
+int common_socket_setup(ipcconn_client *c) {
+  int s = c->pclient_socket, size = 65536;
+  if (setsockopt(s, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) < 0) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_SNDBUF for socket (%d)", __func__,
+                __LINE__, s);
+    return IPCCONN_ERR_SOCKET;
+  }
+  if (setsockopt(s, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) < 0) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_RCVBUF for socket (%d)", __func__,
+                __LINE__, s);
+    return IPCCONN_ERR_SOCKET;
+  }
+  if (c->pclient_flags & IPCCONN_FLAG_NONBLOCKING) {
+    int fl = fcntl(s, F_GETFL);
+    if (fl < 0 || fcntl(s, F_SETFL, fl | O_NONBLOCK) < 0) {
+      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set non-blocking mode", __func__, __LINE__);
+      return IPCCONN_ERR_SOCKET;
+    }
+  }
+  if (c->rcv_timeout) {
+    timeval tv{static_cast<time_t>(c->rcv_timeout), 0};
+    if (setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) < 0) {
+      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_RCVTIMEO for socket (%d)", __func__,
+                  __LINE__, s);
+      return IPCCONN_ERR_SOCKET;
+    }
+  }
+  return 0;
+}
+
+// A local name: the old file goes, the new one is open to every local user.
+int uds_socket_setup(ipcconn_client *c) {
+  if (!c->has_local) return 0;
+  unlink(c->local_addr.sun_path);
+  if (bind(c->pclient_socket, reinterpret_cast<sockaddr *>(&c->local_addr), sizeof c->local_addr) < 0 ||
+      chmod(c->local_addr.sun_path, 0777) < 0)
+    return IPCCONN_ERR_SOCKET;
+  return 0;
+}
+
+// Back to "created": no socket, no pipe, no registration, no local file.
+void clear_state(ipcconn_client *c) {
+  ipcconn_client_func(c)->release(c);
+  ipcconn_client_queue_free(c);
+  if (c->pclient_pipe) {
+    ipc_pipe_detach_socket(c->pclient_pipe);
+    ipc_pipe_destroy(c->pclient_pipe);
+    c->pclient_pipe = nullptr;
+  }
+  if (c->pclient_socket >= 0) close(c->pclient_socket);
+  c->pclient_socket = -1;
+  if (c->has_local) unlink(c->local_addr.sun_path);
+  c->pclient_flags &= ~IPCCONN_FLAG_CONNECT_PENDING;
+}
+
+int start_retry_timer(ipcconn_client *c) {
+  if (c->max_retries != IPCCONN_RETRY_FOREVER && c->retry_count >= c->max_retries) {
+    ipcconn_log(IPCCONN_LOG_ERROR,
+                "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), failed to connect after max retries (%d)", __func__,
+                __LINE__, c->app_id, static_cast<void *>(c), c->max_retries);
+    return IPCCONN_ERR_SOCKET;
+  }
+  clear_state(c);
+  c->retry_count++;
+  c->counters.retries++;
+  if (ipcconn_client_func(c)->timer_start(c, IPCCONN_RETRY_INTERVAL_SEC) < 0) return IPCCONN_ERR_SOCKET;
+  return 0;
+}
+
+// Step 1 of a connect: 0 when connecting or waiting to retry, else -107.
+int try_connect(ipcconn_client *c) {
+  const ipcconn_func *f = ipcconn_client_func(c);
+  c->pclient_socket = f->socket(c, AF_UNIX, SOCK_STREAM);
+  if (c->pclient_socket < 0) return start_retry_timer(c);
+  if (common_socket_setup(c) < 0 || uds_socket_setup(c) < 0) {
+    clear_state(c);
+    return IPCCONN_ERR_SOCKET;
+  }
+  ipc_pipe_cb cb{sizeof cb, c, pipe_malloc, pipe_free};
+  c->pclient_pipe = ipc_pipe_create_with_params(c->bufsize, 0, &cb);
+  if (!c->pclient_pipe) {
+    clear_state(c);
+    return IPCCONN_ERR_SOCKET;
+  }
+  ipc_pipe_attach_socket(c->pclient_pipe, c->pclient_socket);
+  if (f->connect_start(c) < 0) {
+    c->counters.connect_failures++;
+    return start_retry_timer(c);
+  }
+  c->pclient_flags |= IPCCONN_FLAG_CONNECT_PENDING;
+  return 0;
+}
+
+int map_event_to_errno(int event) {
+  switch (event) {
+    case IPCCONN_EVENT_BACKPRESSURE:
+      return IPCCONN_ERR_BACKPRESSURE;
+    case IPCCONN_EVENT_CLOSED:
+      return IPCCONN_ERR_CLOSED;
+    case IPCCONN_EVENT_FAILED:
+      return IPCCONN_ERR_FAILED;
+    default:
+      IPCCONN_INSIST(false);
+      return -1;
+  }
+}
+
+void api_enter(ipcconn_client *c) {
+  IPCCONN_INSIST(!(c->pclient_flags & IPCCONN_FLAG_PROCESSING_API));
+  c->pclient_flags |= IPCCONN_FLAG_PROCESSING_API;
+}
+void api_exit(ipcconn_client *c) {
+  IPCCONN_INSIST(c->pclient_flags & IPCCONN_FLAG_PROCESSING_API);
+  c->pclient_flags &= ~IPCCONN_FLAG_PROCESSING_API;
+  if (c->pclient_flags & IPCCONN_FLAG_DEAD)
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), is DEAD now", __func__, __LINE__,
+                c->app_id, static_cast<void *>(c));
+}
+
+}  // namespace
+
+int ipcconn_give_event(ipcconn_client *c, int event) {
+  if (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) return map_event_to_errno(event);
+  if (!c->event_cb) return 0;
+  api_enter(c);
+  c->event_cb(c, event, c->cookie);
+  api_exit(c);
+  return 0;
+}
+
+namespace {
+
+bool is_dead(const ipcconn_client *c) { return c->pclient_flags & IPCCONN_FLAG_DEAD; }
+
+}  // namespace
+
+extern "C" void ipcconn_client_restart(ipcconn_client *c) {
+  if (!c || is_dead(c)) return;
+  ipcconn_log(IPCCONN_LOG_DEBUG, "DEBUG: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), socket (%d) disconnected",
+              __func__, __LINE__, c->pid, c->app_id, static_cast<void *>(c), c->pclient_socket);
+  int s = c->pclient_socket;
+  clear_state(c);
+  ipcconn_give_event(c, IPCCONN_EVENT_CLOSED);
+  if (is_dead(c)) return;
+  if (start_retry_timer(c) < 0) {
+    ipcconn_log(IPCCONN_LOG_DEBUG,
+                "DEBUG: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed to start the retry timer for "
+                "connect socket (%d)",
+                __func__, __LINE__, c->pid, c->app_id, static_cast<void *>(c), s);
+    ipcconn_give_event(c, IPCCONN_EVENT_FAILED);
+    ipcconn_client_close(c);
+  }
+}
+
+namespace {
+
+int send_identification(ipcconn_client *c) {
+  uint32_t id[3] = {c->app_id, c->pid, c->instance_id};
+  ipc_msg h{IPCCONN_MSG_TYPE, IPCCONN_SUBTYPE_IDENT, IPCCONN_IDENT_LEN, IPC_MSG_OP_SEND, 0};
+  if (ipc_msg_write(c->pclient_pipe, &h, id) < 0) return -1;
+  int rc = ipc_x_pipe_write(c->pclient_pipe);
+  // The rest of a partial write goes out on write-ready: it counts as sent.
+  if (rc == IPC_PIPE_PARTIAL) return ipcconn_client_func(c)->set_client_write_ready(c);
+  return rc;
+}
+
+bool terminal_read_error(int err) {
+  return err == ECONNRESET || err == ENOTCONN || err == EBADF || err == ENOTSOCK || err == EFAULT;
+}
+
+}  // namespace
+
+extern "C" {
+
+ipcconn_client *ipcconn_uds_client_connect(const ipcconn_client_params *p) {
+  if (!p) return nullptr;
+  if (!p->ev_context.opaque == !p->ptask) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), invalid arguments ev_context.opaque (%p), ptask (%p)",
+                __func__, __LINE__, p->app_id, p->ev_context.opaque, static_cast<void *>(p->ptask));
+    return nullptr;
+  }
+  sockaddr_un peer, local;
+  if (!unix_addr(p->peer_path, &peer) || (p->local_path && !unix_addr(p->local_path, &local)) ||
+      p->bufsize > IPCCONN_BUFSIZE_DEFAULT) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), invalid arguments (%d)", __func__, __LINE__,
+                p->app_id, IPCCONN_ERR_INVALID);
+    return nullptr;
+  }
+  auto *c = static_cast<ipcconn_client *>(p->malloc_fn ? p->malloc_fn(sizeof(ipcconn_client))
+                                                       : malloc(sizeof(ipcconn_client)));
+  if (!c) return nullptr;
+  memset(c, 0, sizeof *c);
+  c->pclient_ev_context = p->ev_context;
+  c->pclient_task = p->ptask;
+  c->pclient_thread_id = pthread_self();
+  c->pclient_flags = IPCCONN_FLAG_NONBLOCKING | IPCCONN_FLAG_STREAM | (p->flags & IPCCONN_FLAG_INTEROPERATE_MODE);
+  c->app_id = p->app_id;
+  c->pid = p->pid;
+  c->instance_id = p->instance_id;
+  uint16_t r = p->max_retries;
+  c->max_retries = (r == 0 || r == 2 || r == 10) ? r : uint16_t{IPCCONN_RETRY_FOREVER};
+  c->read_budget = p->read_budget ? p->read_budget : uint32_t{IPCCONN_READ_BUDGET_DEFAULT};
+  c->bufsize = p->bufsize ? p->bufsize : uint32_t{IPCCONN_BUFSIZE_DEFAULT};
+  c->rcv_timeout = p->rcv_timeout;
+  c->interop_type = p->interop_type;
+  c->pclient_socket = -1;
+  c->peer_addr = peer;
+  if (p->local_path) {
+    c->local_addr = local;
+    c->has_local = 1;
+  }
+  c->addr_kind = IPCCONN_ADDR_UNIX;
+  c->event_cb = p->event_cb;
+  c->msg_cb = p->msg_cb;
+  c->malloc_fn = p->malloc_fn;
+  c->free_fn = p->free_fn;
+  c->cookie = p->cookie;
+  c->threshold_high = p->threshold_high;
+  c->threshold_medium = p->threshold_medium;
+  c->threshold_low = p->threshold_low;
+  c->threshold_backpressure = p->threshold_backpressure;
+  if (p->ptask) {
+    c->pclient_io_task = task_alloc("ipcconn client", 10, nullptr);
+    task_set_data(c->pclient_io_task, c);
+    task_create(c->pclient_io_task);
+  }
+  if (try_connect(c) < 0) {
+    clear_state(c);
+    c->pclient_flags |= IPCCONN_FLAG_DEAD;
+    ipcconn_client_destroy(c);
+    return nullptr;
+  }
+  return c;
+}
+
+void ipcconn_client_connector(ipcconn_client *c, bool success) {
+  if (is_dead(c)) return;
+  if (!success) {
+    c->counters.connect_failures++;
+    if (start_retry_timer(c) < 0) {
+      ipcconn_give_event(c, IPCCONN_EVENT_FAILED);
+      ipcconn_client_close(c);
+    }
+    return;
+  }
+  c->retry_count = 0;
+  c->counters.connects++;
+  c->pclient_flags &= ~IPCCONN_FLAG_CONNECT_PENDING;
+  const ipcconn_func *f = ipcconn_client_func(c);
+  if (!(c->pclient_flags & IPCCONN_FLAG_INTEROPERATE_MODE) && send_identification(c) < 0) {
+    ipcconn_log(IPCCONN_LOG_ERROR,
+                "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed with terminal error (%d)", __func__,
+                __LINE__, c->pid, c->app_id, static_cast<void *>(c), errno);
+    ipcconn_client_restart(c);
+    return;
+  }
+  f->set_client_read_ready(c);
+  if (c->pending_head) f->set_client_write_ready(c);
+  ipcconn_give_event(c, IPCCONN_EVENT_CONNECTED);
+}
+
+void ipcconn_client_retry(ipcconn_client *c) {
+  if (is_dead(c)) return;
+  if (try_connect(c) < 0) {
+    ipcconn_give_event(c, IPCCONN_EVENT_FAILED);
+    ipcconn_client_close(c);
+  }
+}
+
+void ipcconn_client_dispatch(ipcconn_client *c) {
+  if (is_dead(c) || !c->pclient_pipe) return;
+  bool check_type = !(c->pclient_flags & 0xA4000000u);
+  uint16_t want_type = (c->pclient_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? c->interop_type : uint16_t{IPCCONN_MSG_TYPE};
+  for (uint32_t round = 0; round < c->read_budget; round++) {
+    if (ipc_x_pipe_read(c->pclient_pipe) < 0) {
+      int err = errno;
+      if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) return;
+      int status = err;
+      if (err == 0) {
+        ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed with null errorcode",
+                    __func__, __LINE__, c->pid, c->app_id, static_cast<void *>(c));
+        status = 1;
+      } else if (terminal_read_error(err)) {
+        ipcconn_log(IPCCONN_LOG_DEBUG, "DEBUG: %s [%d] pid (%d), app-id (%d-%d), error (%d), connection terminated",
+                    __func__, __LINE__, c->pid, c->app_id, c->instance_id, err);
+        status = 0;
+      } else {
+        ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed with error (%d)",
+                    __func__, __LINE__, c->pid, c->app_id, static_cast<void *>(c), err);
+      }
+      ipcconn_log(IPCCONN_LOG_ERROR,
+                  "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), terminated due to error (%d)", __func__,
+                  __LINE__, c->pid, c->app_id, static_cast<void *>(c), status);
+      ipcconn_client_restart(c);
+      return;
+    }
+    while (ipc_msg *m = ipc_msg_read(c->pclient_pipe)) {
+      if (check_type && m->type != want_type) {
+        ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), Unexpected message type %d",
+                    __func__, __LINE__, c->app_id, static_cast<void *>(c), m->type);
+        ipc_pipe_read_clean(c->pclient_pipe);
+        break;
+      }
+      if (m->opcode & IPC_MSG_OP_ERROR) {
+        ipcconn_log(IPCCONN_LOG_ERROR,
+                    "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), error code %d type %d subtype %d opcode %d",
+                    __func__, __LINE__, c->app_id, static_cast<void *>(c), m->error, m->type, m->subtype, m->opcode);
+        continue;
+      }
+      if (!c->msg_cb) continue;
+      uint32_t headroom = 0;
+      uint8_t *space = ipc_x_pipe_get_read_buffer(c->pclient_pipe, &headroom);
+      api_enter(c);
+      int rc = c->msg_cb(c, space, headroom, m, c->cookie);
+      api_exit(c);
+      if (is_dead(c) || !c->pclient_read_active) return;
+      if (rc != 0) {
+        ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), error on connection", __func__,
+                    __LINE__, c->app_id, static_cast<void *>(c));
+        ipcconn_client_restart(c);
+        return;
+      }
+    }
+  }
+}
+
+void ipcconn_client_close(ipcconn_client *c) {
+  if (!c || is_dead(c)) return;
+  clear_state(c);
+  c->pclient_flags |= IPCCONN_FLAG_DEAD;
+  if (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) {
+    // Inside one of our callbacks: the record must outlive it.
+    if (ipcconn_client_func(c)->schedule_delayed_free(c) < 0)
+      ipcconn_log(IPCCONN_LOG_ERROR, "CRITICAL: %s [%d] app-id (%d), ipcconn_client (%p), failed to schedule delayed free",
+                  __func__, __LINE__, c->app_id, static_cast<void *>(c));
+    return;
+  }
+  ipcconn_client_destroy(c);
+}
+
+void ipcconn_client_destroy(ipcconn_client *c) {
+  if (!IPCCONN_INSIST(c != 0) || !IPCCONN_INSIST(c->pclient_flags & IPCCONN_FLAG_DEAD)) return;
+  if (c->pclient_io_task) {
+    task_set_data(c->pclient_io_task, nullptr);
+    task_delete(c->pclient_io_task);
+  }
+  ipcconn_free_fn f = c->free_fn;
+  if (f)
+    f(c);
+  else
+    free(c);
+}
+
+void *ipcconn_client_get_callback_cookie(const ipcconn_client *c) { return c ? c->cookie : nullptr; }
+
+}  // extern "C"
