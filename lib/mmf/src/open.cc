@@ -1,0 +1,341 @@
+// Opening, initialising, remapping and closing a mapped file.
+#include <cerrno>
+#include <climits>
+#include <ctime>
+#include <fcntl.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "internal.h"
+#include "platform/path.h"
+
+int mmf_open_errno;
+int mmf_create_errno;
+
+namespace {
+
+constexpr key_t kSemKey = 0xDDD5;
+// How long an opener waits for the semaphore's creator to mark it ready.
+constexpr int kSemReadyPolls = 1000;  // of 1 ms
+constexpr int kSemopRetries = 1000;   // EINTR retries before giving up
+
+int64_t round_up(int64_t v, int64_t unit) { return (v + unit - 1) / unit * unit; }
+
+// The creation semaphore. Created with IPC_EXCL and marked ready by the
+// creator's first semop (sem_otime non-zero), so that a late opener can never
+// reset a semaphore somebody holds.
+int sem_id() {
+  key_t key = tvx_path_key(kSemKey);
+  int id = semget(key, 1, IPC_CREAT | IPC_EXCL | 0600);
+  if (id >= 0) {
+    sembuf op = {0, 1, 0};
+    if (semop(id, &op, 1) != 0) return -1;
+    return id;
+  }
+  if (errno != EEXIST) return -1;
+  id = semget(key, 1, 0600);
+  if (id < 0) return -1;
+  for (int i = 0; i < kSemReadyPolls; i++) {
+    semid_ds ds;
+    union {
+      int val;
+      semid_ds *buf;
+    } arg;
+    arg.buf = &ds;
+    if (semctl(id, 0, IPC_STAT, arg) != 0) return -1;
+    if (ds.sem_otime != 0) return id;
+    usleep(1000);
+  }
+  return id;  // the creator died before its first semop: use it as it is
+}
+
+void sem_op(int id, short delta) {
+  sembuf op = {0, delta, SEM_UNDO};
+  for (int i = 0; i < kSemopRetries; i++) {
+    if (semop(id, &op, 1) == 0) return;
+    if (errno != EINTR) break;
+  }
+  MMF_ASSERT(!"semop of the creation semaphore");
+}
+
+// Extends the file to `bytes` with real blocks behind it: a full file
+// system fails here rather than with SIGBUS at first touch.
+bool extend(int fd, int64_t bytes) {
+  int err = posix_fallocate(fd, 0, bytes);
+  if (err == 0) return true;
+  errno = err;
+  return false;
+}
+
+bool map_whole(mmf *m, int64_t bytes) {
+  void *p = mmap(nullptr, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE, m->mmap_flags, m->fd, 0);
+  if (p == MAP_FAILED) return false;
+  m->shared_info = static_cast<mmf_shared_info_t *>(p);
+  m->mapped_bytes = bytes;
+  m->shared_info->mmap_calls++;
+  m->shared_info->last_mapper_pid = static_cast<uint32_t>(mmf_pid());
+  if (m->read_only && bytes > static_cast<int64_t>(m->page_size)) {
+    // Readers still take the lock: only the heap is read-only.
+    int64_t first = round_up(MMF_HEADER_SIZE, m->page_size);
+    mprotect(static_cast<char *>(p) + first, static_cast<size_t>(bytes - first), PROT_READ);
+  }
+  return true;
+}
+
+void unmap_whole(mmf *m) {
+  if (!m->shared_info) return;
+  m->shared_info->last_unmapper_pid = static_cast<uint32_t>(mmf_pid());
+  m->shared_info->munmap_calls++;
+  m->shared_info->munmap_ok++;
+  munmap(m->shared_info, static_cast<size_t>(m->mapped_bytes));
+  m->shared_info = nullptr;
+  m->mapped_bytes = 0;
+}
+
+bool header_damaged(const mmf_shared_info_t *si) {
+  uint32_t r = si->reserved[2];
+  return r == si->magic || r > MMF_RESERVED_MAX || si->version != MMF_VERSION ||
+         si->header_size != MMF_HEADER_SIZE;
+}
+
+// Maps the file and settles current_bytes; a damaged or resized file loses
+// its ready magic here, so that it is initialised again.
+bool map_header(mmf *m) {
+  struct stat st;
+  if (fstat(m->fd, &st) != 0) return false;
+  bool fresh = st.st_size == 0;
+  int64_t size = st.st_size;
+  if (size < m->default_bytes) {
+    if (!extend(m->fd, m->default_bytes)) return false;
+    size = m->default_bytes;
+  }
+  if (size > m->max_bytes) m->max_bytes = size;
+  if (!map_whole(m, size)) return false;
+  mmf_shared_info_t *si = m->shared_info;
+  mmf_lock(m);
+  if (fresh) {
+    si->magic = 0;
+    si->current_bytes = static_cast<uint64_t>(size);
+  } else if (header_damaged(si)) {
+    si->magic = 0;
+    si->invalid_count++;
+    si->current_bytes = static_cast<uint64_t>(size);
+  } else if (si->current_bytes != static_cast<uint64_t>(size)) {
+    si->magic = 0;
+    si->current_bytes = static_cast<uint64_t>(size);
+  }
+  mmf_unlock(m);
+  return true;
+}
+
+bool program_is_rosterd() {
+  return strcmp(program_invocation_short_name, "rosterd") == 0;
+}
+
+// Waits for another process's initialisation; clears its mark if it died.
+void wait_for_initialiser(mmf *m) {
+  mmf_shared_info_t *si = m->shared_info;
+  double start = mmf_now(), limit = mmf_scaled(60), next_check = mmf_scaled(1);
+  while (__atomic_load_n(&si->magic, __ATOMIC_ACQUIRE) == MMF_MAGIC_INIT) {
+    double waited = mmf_now() - start;
+    if (waited >= limit) break;
+    if (waited >= next_check) {
+      next_check += mmf_scaled(1);
+      if (!mmf_pid_alive(static_cast<pid_t>(si->init_pid))) {
+        si->magic = 0;
+        si->init_pid = 0;
+        break;
+      }
+    }
+    usleep(1000);
+  }
+}
+
+void initialise(mmf *m, uint32_t n, const uint32_t *sizes) {
+  mmf_shared_info_t *si = m->shared_info;
+  memset(si->reserved, 0, sizeof si->reserved);
+  si->init_pid = static_cast<uint32_t>(mmf_pid());
+  __atomic_store_n(&si->magic, MMF_MAGIC_INIT, __ATOMIC_RELEASE);
+  si->version = MMF_VERSION;
+  si->header_size = MMF_HEADER_SIZE;
+  mmf_set_allocation_info(si, n, sizes);
+  si->first_alloc_offset = static_cast<uint64_t>(round_up(MMF_HEADER_SIZE, m->page_size));
+  si->common_offset = 0;
+  si->common_len = 0;
+  si->allocated_bytes = 0;
+  si->alloc_count = si->free_count = 0;
+  memset(si->allocs_by_class, 0, sizeof si->allocs_by_class);
+  memset(si->frees_by_class, 0, sizeof si->frees_by_class);
+  memset(si->free_heads, 0, sizeof si->free_heads);
+  si->shared_flag = m->shared_flag;
+  si->init_calls++;
+  // The whole file, not only default_bytes: a file that had grown keeps its
+  // size, and its walk must reach current_bytes.
+  mmf_add_free_space(m, si->first_alloc_offset, si->current_bytes);
+  si->alloc_count = si->free_count = 0;
+  __atomic_store_n(&si->magic, MMF_MAGIC_READY, __ATOMIC_RELEASE);
+}
+
+bool init_shared_info(mmf *m, uint32_t n, const uint32_t *sizes) {
+  if (!map_header(m)) return false;
+  mmf_shared_info_t *si = m->shared_info;
+  if (si->magic == MMF_MAGIC_READY) {
+    mmf_lock(m);
+    if (si->allocated_bytes == 0) mmf_set_allocation_info(si, n, sizes);
+    mmf_unlock(m);
+    if (!program_is_rosterd() && !mmf_valid(m, false)) si->magic = 0;
+    if (si->magic == MMF_MAGIC_READY) return true;
+  }
+  if (si->magic == MMF_MAGIC_INIT) wait_for_initialiser(m);
+  mmf_lock(m);
+  if (si->magic != MMF_MAGIC_READY) initialise(m, n, sizes);
+  mmf_unlock(m);
+  return m->shared_info != nullptr;
+}
+
+std::string real_path(const char *name) { return tvx_path(name); }
+
+}  // namespace
+
+void mmf_sem_remove(void) {
+  int id = semget(tvx_path_key(kSemKey), 1, 0600);
+  if (id >= 0) semctl(id, 0, IPC_RMID);
+}
+
+bool mmf_remap(mmf *m) {
+  int64_t want = static_cast<int64_t>(m->shared_info->current_bytes);
+  if (want == m->mapped_bytes) return true;
+  // The new mapping first: when it fails the old one still serves.
+  mmf old = *m;
+  if (!map_whole(m, want)) {
+    m->shared_info = old.shared_info;
+    m->mapped_bytes = old.mapped_bytes;
+    m->shared_info->mmap_failures++;
+    return false;
+  }
+  unmap_whole(&old);
+  return true;
+}
+
+mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
+                int64_t grow_by_bytes, bool single_mapping, int64_t region_map_bytes,
+                uint32_t max_mapped_regions, uint32_t num_alloc_sizes,
+                const uint32_t *alloc_sizes, uint32_t flags, bool *created) {
+  if (created) *created = false;
+  MMF_ASSERT(num_alloc_sizes);
+  MMF_ASSERT(num_alloc_sizes < MMF_MAX_CLASSES);
+  if (!single_mapping) {
+    mmf_create_errno = EOPNOTSUPP;
+    return nullptr;
+  }
+  (void)region_map_bytes;
+  (void)max_mapped_regions;
+  mmf *m = static_cast<mmf *>(calloc(1, sizeof(mmf)));
+  if (!m) return nullptr;
+  m->fd = -1;
+  m->fatal = 1;
+  m->mmap_flags = MAP_SHARED;
+  m->page_size = static_cast<uint32_t>(getpagesize());
+  m->flags = flags;
+  m->name = strdup(name);
+  m->single_mapping = 1;
+  m->read_only = (flags & MMF_FLAG_READ_ONLY) != 0;
+  m->shared_flag = (flags & MMF_FLAG_SHARED) ? 1 : 0;
+  m->allocs_allowed = (flags & MMF_NO_ALLOC_MASK) == 0;
+  m->max_mapped_regions = 1;
+  uint32_t largest = 0;
+  for (uint32_t i = 0; i < num_alloc_sizes; i++) largest = alloc_sizes[i] > largest ? alloc_sizes[i] : largest;
+  int64_t floor = round_up(MMF_HEADER_SIZE, m->page_size) + largest;
+  if (max_bytes < floor) max_bytes = floor;
+  MMF_ASSERT(default_bytes <= max_bytes);
+  MMF_ASSERT(grow_by_bytes <= max_bytes);
+  m->max_bytes = round_up(max_bytes, m->page_size);
+  m->default_bytes = round_up(default_bytes, m->page_size);
+  m->grow_by_bytes = round_up(grow_by_bytes, m->page_size);
+  if (m->default_bytes < floor) m->default_bytes = round_up(floor, m->page_size);
+  if (m->default_bytes > m->max_bytes) m->max_bytes = m->default_bytes;
+
+  std::string path = real_path(name);
+  size_t slash = path.rfind('/');
+  if (slash != std::string::npos && slash > 0) tvx_mkdirs(path.substr(0, slash).c_str(), 0755);
+  bool made = false;
+  m->fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (m->fd >= 0) {
+    flock(m->fd, LOCK_EX);
+    init_shared_info(m, num_alloc_sizes, alloc_sizes);
+    flock(m->fd, LOCK_UN);
+  } else if (errno == ENOENT) {
+    int sem = sem_id();
+    if (sem >= 0) sem_op(sem, -1);
+    m->fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (m->fd < 0) {
+      mmf_create_errno = errno;
+    } else {
+      made = true;
+      if (init_shared_info(m, num_alloc_sizes, alloc_sizes)) {
+        if (m->default_bytes && !m->shared_info->created_flag) {
+          m->shared_info->created_flag = 1;
+          if (created) *created = true;
+        }
+        if (m->shared_info->current_bytes < static_cast<uint64_t>(m->default_bytes)) mmf_grow(m);
+      } else {
+        mmf_create_errno = errno;
+      }
+    }
+    if (sem >= 0) sem_op(sem, 1);
+  } else {
+    mmf_open_errno = errno;
+  }
+  if (!m->shared_info) {
+    // Only a file this call made goes: an existing one keeps its data for
+    // whoever can open it.
+    mmf_close(m);
+    if (made) unlink(path.c_str());
+    return nullptr;
+  }
+  return m;
+}
+
+void mmf_close(mmf *m) {
+  if (!m) return;
+  if (m->fd > 0) {
+    m->closing_thread = pthread_self();
+    m->closing = 1;
+    while (m->shared_info && __atomic_load_n(&m->shared_info->lockerpid, __ATOMIC_ACQUIRE) ==
+                                 static_cast<uint32_t>(mmf_pid()) &&
+           m->locker_cnt && !pthread_equal(m->locker_thread, pthread_self()))
+      usleep(10000);
+    unmap_whole(m);
+    close(m->fd);
+  }
+  free(m->name);
+  memset(m, 0, sizeof *m);
+  free(m);
+}
+
+int mmf_unlink(const char *name) {
+  std::string path = real_path(name);
+  return unlink(path.c_str()) == 0 ? 0 : errno;
+}
+
+void mmf_destroy(mmf *m) {
+  if (!m) return;
+  std::string name = m->name ? m->name : "";
+  mmf_close(m);
+  if (!name.empty()) mmf_unlink(name.c_str());
+}
+
+void mmf_reset(mmf *m) {
+  mmf_shared_info_t *si = m->shared_info;
+  uint32_t n = 0, sizes[MMF_MAX_CLASSES];
+  mmf_get_allocation_info(m, &n, sizes);
+  mmf_lock(m);
+  si->magic = 0;
+  initialise(m, n, sizes);
+  mmf_unlock(m);
+}
