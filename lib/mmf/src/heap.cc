@@ -66,12 +66,20 @@ uint32_t merge(mmf *m, uint64_t lo, uint64_t hi) {
   a->user_offset = lo + mmf_node_header_bytes;
   write_trailer(m, lo, len);
   // A merge high in the file starts a fresh list, dropping the rest of the
-  // class from sight until the file is next rebuilt; rare, and kept so.
+  // class from sight until the file is next rebuilt; rare, and kept so. The
+  // dropped nodes lose their links too: a later merge must not mend a list
+  // through nodes that have since been handed out.
   if (lo + si->first_alloc_offset < si->current_bytes) {
     push_head(m, lo);
   } else {
+    uint32_t idx = mmf_get_free_idx(si, len);
+    for (uint64_t off = si->free_heads[idx]; off;) {
+      mmf_node_header_t *d = mmf_node_at(m, off);
+      off = d->next_offset;
+      d->prev_offset = d->next_offset = 0;
+    }
     a->prev_offset = a->next_offset = 0;
-    si->free_heads[mmf_get_free_idx(si, len)] = lo;
+    si->free_heads[idx] = lo;
   }
   return len;
 }
@@ -319,9 +327,11 @@ void *mmf_alloc_common(mmf *m, uint32_t *len, off_t *out_offset) {
   refresh(m);
   mmf_shared_info_t *si = m->shared_info;
   const uint64_t after_header = MMF_HEADER_SIZE;
+  if (si->common_offset && *len == 0) *len = si->common_len;
   if (si->common_offset && *len != si->common_len) {
     uint64_t off = si->common_offset;
-    if (off < si->first_alloc_offset || off > si->current_bytes) {
+    bool slack = off == MMF_HEADER_SIZE && off + si->common_len <= si->first_alloc_offset;
+    if (!slack && (off < si->first_alloc_offset || off > si->current_bytes)) {
       si->common_offset = si->common_len = 0;
     } else if (si->alloc_count <= 1 && off + *len <= si->current_bytes &&
                off + si->common_len <= si->current_bytes) {
