@@ -69,11 +69,11 @@ TEST_F(Format, ClassTableSortedWithTopClassAndCallerSizesBack) {
   mmf *m = mmf_create("/mfs/var/t/c", 1 << 20, 64 << 10, 64 << 10, true, 0, 1, 3, sizes, 0, nullptr);
   ASSERT_NE(m, nullptr);
   const mmf_shared_info_t *si = m->shared_info;
-  ASSERT_EQ(si->num_alloc_sizes, 4);
-  EXPECT_EQ(si->alloc_sizes[0], 92u);
-  EXPECT_EQ(si->alloc_sizes[1], 552u);
-  EXPECT_EQ(si->alloc_sizes[2], 2052u);
-  EXPECT_EQ(si->alloc_sizes[3], 2053u);
+  ASSERT_EQ(+si->num_alloc_sizes, 4);
+  EXPECT_EQ(+si->alloc_sizes[0], 92u);
+  EXPECT_EQ(+si->alloc_sizes[1], 552u);
+  EXPECT_EQ(+si->alloc_sizes[2], 2052u);
+  EXPECT_EQ(+si->alloc_sizes[3], 2053u);
   uint32_t n = 0, back[8];
   mmf_get_allocation_info(m, &n, back);
   ASSERT_EQ(n, 3u);

@@ -30,7 +30,7 @@ TEST_F(Heap, SmallRequestTakesSmallestClassRoundedTo8) {
   ASSERT_NE(mmf_alloc(m, 65, &b), nullptr);
   EXPECT_EQ(mmf_get_user_usable_len(m, b), 72u);
   EXPECT_EQ(b - a, 64 + 52);
-  EXPECT_EQ(m->shared_info->allocated_bytes, 116u + 124u);
+  EXPECT_EQ(+m->shared_info->allocated_bytes, 116u + 124u);
   mmf_close(m);
 }
 
@@ -74,7 +74,7 @@ TEST_F(Heap, AdjacentFreesCoalesceInEitherOrder) {
     nodes = walk_nodes(m);
     ASSERT_EQ(nodes.size(), 1u);
     EXPECT_EQ(nodes[0].len, m->shared_info->current_bytes - m->shared_info->first_alloc_offset);
-    EXPECT_EQ(m->shared_info->allocated_bytes, 0u);
+    EXPECT_EQ(+m->shared_info->allocated_bytes, 0u);
     EXPECT_TRUE(mmf_valid(m, false));
     mmf_destroy(m);
   }
@@ -104,8 +104,8 @@ TEST_F(Heap, GrowsOnDemandUpToMaxThenFails) {
     memset(mmf_user_ptr(m, off, 1000), static_cast<int>(live.size()), 1000);
   }
   EXPECT_EQ(off, 0);
-  EXPECT_EQ(m->shared_info->current_bytes, 256u << 10);
-  EXPECT_EQ(m->shared_info->grow_count, 3u);
+  EXPECT_EQ(+m->shared_info->current_bytes, 256u << 10);
+  EXPECT_EQ(+m->shared_info->grow_count, 3u);
   EXPECT_GT(live.size(), 200u);
   EXPECT_FALSE(mmf_grow(m));
   EXPECT_FALSE(mmf_try_grow(m));
@@ -129,7 +129,7 @@ TEST_F(Heap, CommonBlockInTheSlackOrTheHeap) {
   void *p = mmf_alloc_common(m, &len, &off);
   ASSERT_NE(p, nullptr);
   EXPECT_EQ(off, 0x624);
-  EXPECT_EQ(m->shared_info->allocated_bytes, 0u);  // no node
+  EXPECT_EQ(+m->shared_info->allocated_bytes, 0u);  // no node
   EXPECT_EQ(walk_nodes(m).size(), 1u);
   len = 0;
   EXPECT_EQ(mmf_alloc_common(m, &len, &off), p);   // what exists
@@ -141,7 +141,7 @@ TEST_F(Heap, CommonBlockInTheSlackOrTheHeap) {
   p = mmf_alloc_common(m, &len, &off);
   ASSERT_NE(p, nullptr);
   EXPECT_EQ(off, static_cast<off_t>(4096 + 44));
-  EXPECT_EQ(m->shared_info->alloc_count, 1u);
+  EXPECT_EQ(+m->shared_info->alloc_count, 1u);
   mmf_close(m);
 }
 
@@ -151,7 +151,7 @@ TEST_F(Heap, FreeAllLeavesOneFreeSpace) {
   off_t off;
   for (int i = 0; i < 50; i++) ASSERT_NE(mmf_alloc(m, 100 + i * 30, &off), nullptr);
   mmf_free_all(m);
-  EXPECT_EQ(m->shared_info->allocated_bytes, 0u);
+  EXPECT_EQ(+m->shared_info->allocated_bytes, 0u);
   EXPECT_EQ(walk_nodes(m).size(), 1u);
   EXPECT_TRUE(mmf_valid(m, false));
   ASSERT_NE(mmf_alloc(m, 100, &off), nullptr);
@@ -218,7 +218,7 @@ TEST_F(Heap, RandomRunAgainstModel) {
         for (uint32_t i = 0; i < v.first; i++) ASSERT_EQ(q[i], v.second) << step << " at " << o + i;
       }
     }
-    ASSERT_EQ(m->shared_info->allocated_bytes, model_bytes) << step;
+    ASSERT_EQ(+m->shared_info->allocated_bytes, model_bytes) << step;
   }
   for (auto &[off, v] : live) {
     auto *p = static_cast<uint8_t *>(mmf_user_ptr(m, off, v.first));
@@ -228,7 +228,7 @@ TEST_F(Heap, RandomRunAgainstModel) {
   auto nodes = walk_nodes(m);
   for (size_t i = 1; i < nodes.size(); i++)
     EXPECT_FALSE(nodes[i - 1].flags & nodes[i].flags & MMF_FLAG_FREE) << "adjacent free nodes at " << i;
-  EXPECT_EQ(m->shared_info->allocated_bytes, 0u);
+  EXPECT_EQ(+m->shared_info->allocated_bytes, 0u);
   mmf_close(m);
 }
 

@@ -16,12 +16,20 @@ using Lock = MmfTest;
 
 // Unprotected read-modify-write with a yield in the middle: loses updates
 // unless the lock serialises it.
+// User bytes start 4 bytes past an 8-byte boundary: 64-bit values go
+// through memcpy.
+int64_t ld(mmf *m, off_t off, int i = 0) {
+  int64_t v;
+  memcpy(&v, static_cast<char *>(mmf_user_ptr(m, off, 16)) + 8 * i, 8);
+  return v;
+}
+void st(void *p, int i, int64_t v) { memcpy(static_cast<char *>(p) + 8 * i, &v, 8); }
+
 void bump(mmf *m, off_t counter) {
   mmf_lock(m);
-  auto *c = static_cast<volatile uint64_t *>(mmf_user_ptr(m, counter, 8));
-  uint64_t v = *c;
+  int64_t v = ld(m, counter);
   sched_yield();
-  *c = v + 1;
+  st(mmf_user_ptr(m, counter, 8), 0, v + 1);
   mmf_unlock(m);
 }
 
@@ -38,14 +46,14 @@ TEST_F(Lock, RecursiveForTheHolderAndReleasedByTheLastUnlock) {
   mmf_lock(m);
   mmf_lock(m);
   mmf_lock(m);
-  EXPECT_EQ(m->shared_info->lockerpid, static_cast<uint32_t>(getpid()));
+  EXPECT_EQ(+m->shared_info->lockerpid, static_cast<uint32_t>(getpid()));
   mmf_unlock(m);
   mmf_unlock(m);
-  EXPECT_EQ(m->shared_info->lockerpid, static_cast<uint32_t>(getpid()));
+  EXPECT_EQ(+m->shared_info->lockerpid, static_cast<uint32_t>(getpid()));
   mmf_unlock(m);
-  EXPECT_EQ(m->shared_info->lockerpid, 0u);
-  EXPECT_EQ(m->shared_info->recursive_lock_count - before, 2u);
-  EXPECT_GE(m->shared_info->deepest_recursion, 3u);
+  EXPECT_EQ(+m->shared_info->lockerpid, 0u);
+  EXPECT_EQ(+m->shared_info->recursive_lock_count - before, 2u);
+  EXPECT_GE(+m->shared_info->deepest_recursion, 3u);
   EXPECT_DEATH(mmf_unlock(m), "locker_thread");
   mmf_close(m);
 }
@@ -62,8 +70,8 @@ TEST_F(Lock, ThreadsOfOneProcessSerialise) {
       for (int i = 0; i < kEach; i++) bump(m, counter);
     });
   for (auto &t : ts) t.join();
-  EXPECT_EQ(*static_cast<uint64_t *>(mmf_user_ptr(m, counter, 8)), uint64_t(kThreads) * kEach);
-  EXPECT_EQ(m->shared_info->lockerpid, 0u);
+  EXPECT_EQ(ld(m, counter), int64_t(kThreads) * kEach);
+  EXPECT_EQ(+m->shared_info->lockerpid, 0u);
   mmf_close(m);
 }
 
@@ -109,9 +117,9 @@ TEST_F(Lock, ProcessesSerialiseAndTheHeapStaysWhole) {
     kids.push_back(p);
   }
   for (pid_t p : kids) EXPECT_EQ(wait_exit(p), 0);
-  EXPECT_EQ(*static_cast<uint64_t *>(mmf_user_ptr(m, counter, 8)), uint64_t(kProcs) * kEach);
+  EXPECT_EQ(ld(m, counter), int64_t(kProcs) * kEach);
   EXPECT_TRUE(mmf_valid(m, false));
-  EXPECT_GT(m->shared_info->lock_count, uint64_t(kProcs) * kEach);
+  EXPECT_GT(+m->shared_info->lock_count, uint64_t(kProcs) * kEach);
   mmf_close(m);
 }
 
@@ -124,10 +132,10 @@ TEST_F(Lock, TwoProcessesAtDifferentAddressesAgreeOnEveryOffset) {
   std::vector<off_t> offs;
   for (int i = 0; i < 200; i++) {
     off_t off;
-    auto *q = static_cast<off_t *>(mmf_alloc(m, 16 + (i % 7) * 40, &off));
+    void *q = mmf_alloc(m, 16 + (i % 7) * 40, &off);
     ASSERT_NE(q, nullptr);
-    q[0] = off;
-    q[1] = i;
+    st(q, 0, off);
+    st(q, 1, i);
     offs.push_back(off);
   }
   int fds[2];
@@ -138,17 +146,16 @@ TEST_F(Lock, TwoProcessesAtDifferentAddressesAgreeOnEveryOffset) {
     mmf *h = open();
     if (!h || h->shared_info == m->shared_info) _exit(2);
     for (size_t i = 0; i < offs.size(); i++) {
-      auto *q = static_cast<off_t *>(mmf_user_ptr(h, offs[i], 16));
-      if (q[0] != offs[i] || q[1] != static_cast<off_t>(i)) _exit(3);
+      if (ld(h, offs[i]) != offs[i] || ld(h, offs[i], 1) != static_cast<off_t>(i)) _exit(3);
     }
     // The child's own blocks, named to the parent by offset only; enough of
     // them to grow the file, so the parent must follow the new size.
     for (int i = 0; i < 100; i++) {
       off_t off;
-      auto *q = static_cast<off_t *>(mmf_alloc(h, 1000, &off));
+      void *q = mmf_alloc(h, 1000, &off);
       if (!q) _exit(4);
-      q[0] = off;
-      q[1] = -i;
+      st(q, 0, off);
+      st(q, 1, -i);
       if (write(fds[1], &off, sizeof off) != sizeof off) _exit(5);
     }
     _exit(0);
@@ -160,11 +167,10 @@ TEST_F(Lock, TwoProcessesAtDifferentAddressesAgreeOnEveryOffset) {
   close(fds[0]);
   ASSERT_EQ(wait_exit(p), 0);
   ASSERT_EQ(theirs.size(), 100u);
-  EXPECT_GT(m->shared_info->current_bytes, 64u << 10);
+  EXPECT_GT(+m->shared_info->current_bytes, 64u << 10);
   for (size_t i = 0; i < theirs.size(); i++) {
-    auto *q = static_cast<off_t *>(mmf_user_ptr(m, theirs[i], 16));
-    EXPECT_EQ(q[0], theirs[i]);
-    EXPECT_EQ(q[1], -static_cast<off_t>(i));
+    EXPECT_EQ(ld(m, theirs[i]), theirs[i]);
+    EXPECT_EQ(ld(m, theirs[i], 1), -static_cast<off_t>(i));
   }
   EXPECT_TRUE(mmf_valid(m, false));
   mmf_close(m);
@@ -192,7 +198,7 @@ TEST_F(Lock, HolderKilledWhileHoldingIsTakenOver) {
     }
     char c;
     ASSERT_EQ(read(fds[0], &c, 1), 1);
-    ASSERT_EQ(m->shared_info->lockerpid, static_cast<uint32_t>(holder));
+    ASSERT_EQ(+m->shared_info->lockerpid, static_cast<uint32_t>(holder));
     // Another survivor waits beside this process.
     pid_t other = fork();
     if (other == 0) {
@@ -208,9 +214,9 @@ TEST_F(Lock, HolderKilledWhileHoldingIsTakenOver) {
     if (!reap) {
       EXPECT_EQ(wait_exit(holder), 128 + SIGKILL);
     }
-    EXPECT_EQ(*static_cast<uint64_t *>(mmf_user_ptr(m, counter, 8)), 2u);
-    EXPECT_EQ(m->shared_info->dead_holder_takeovers, 1u);
-    EXPECT_EQ(m->shared_info->lockerpid, 0u);
+    EXPECT_EQ(ld(m, counter), 2);
+    EXPECT_EQ(+m->shared_info->dead_holder_takeovers, 1u);
+    EXPECT_EQ(+m->shared_info->lockerpid, 0u);
     close(fds[0]);
     close(fds[1]);
     mmf_destroy(m);

@@ -37,8 +37,8 @@ TEST_F(Open, ExistingFileKeepsItsBlocksAcrossReopen) {
   ASSERT_NE(m, nullptr);
   EXPECT_FALSE(created);
   EXPECT_STREQ(static_cast<char *>(mmf_user_ptr(m, off, 32)), "kept");
-  EXPECT_EQ(m->shared_info->init_calls, 1u);
-  EXPECT_EQ(m->shared_info->invalid_count, 0u);
+  EXPECT_EQ(+m->shared_info->init_calls, 1u);
+  EXPECT_EQ(+m->shared_info->invalid_count, 0u);
   mmf_destroy(m);
   EXPECT_NE(access(real().c_str(), F_OK), 0);
 }
@@ -70,10 +70,10 @@ TEST_F(Open, DamagedFilesAreRebuiltNotAsserted) {
     m = open();
     ASSERT_NE(m, nullptr);
     const mmf_shared_info_t *si = m->shared_info;
-    EXPECT_EQ(si->magic, MMF_MAGIC_READY);
-    EXPECT_EQ(si->allocated_bytes, 0u);
-    EXPECT_EQ(si->invalid_count, d.counted ? 1u : 0u);
-    EXPECT_EQ(si->init_calls, 2u);
+    EXPECT_EQ(+si->magic, MMF_MAGIC_READY);
+    EXPECT_EQ(+si->allocated_bytes, 0u);
+    EXPECT_EQ(+si->invalid_count, d.counted ? 1u : 0u);
+    EXPECT_EQ(+si->init_calls, 2u);
     EXPECT_EQ(walk_nodes(m).size(), 1u);
     EXPECT_TRUE(mmf_valid(m, false));
     mmf_destroy(m);
@@ -92,7 +92,7 @@ TEST_F(Open, GarbageFileIsRebuilt) {
   close(fd);
   mmf *m = open();
   ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->shared_info->magic, MMF_MAGIC_READY);
+  EXPECT_EQ(+m->shared_info->magic, MMF_MAGIC_READY);
   EXPECT_TRUE(mmf_valid(m, false));
   off_t off;
   EXPECT_NE(mmf_alloc(m, 100, &off), nullptr);
@@ -106,7 +106,7 @@ TEST_F(Open, FileResizedBehindTheHeadersBackIsRebuiltAtItsSize) {
   ASSERT_EQ(truncate(real().c_str(), 96 << 10), 0);
   m = open();
   ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->shared_info->current_bytes, 96u << 10);
+  EXPECT_EQ(+m->shared_info->current_bytes, 96u << 10);
   EXPECT_TRUE(mmf_valid(m, false));
   mmf_close(m);
 }
@@ -120,8 +120,8 @@ TEST_F(Open, LockHeldByADeadProcessAtOpenIsTakenOver) {
   poke(0, &pid, 4);
   m = open();
   ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->shared_info->dead_holder_takeovers, 1u);
-  EXPECT_EQ(m->shared_info->lockerpid, 0u);
+  EXPECT_EQ(+m->shared_info->dead_holder_takeovers, 1u);
+  EXPECT_EQ(+m->shared_info->lockerpid, 0u);
   mmf_close(m);
 }
 
@@ -137,9 +137,9 @@ TEST_F(Open, InitialiserThatDiedIsNotWaitedFor) {
   poke(0x030, &pid, 4);
   m = open();
   ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->shared_info->magic, MMF_MAGIC_READY);
-  EXPECT_EQ(m->shared_info->init_pid, static_cast<uint32_t>(getpid()));
-  EXPECT_EQ(m->shared_info->allocated_bytes, 0u);
+  EXPECT_EQ(+m->shared_info->magic, MMF_MAGIC_READY);
+  EXPECT_EQ(+m->shared_info->init_pid, static_cast<uint32_t>(getpid()));
+  EXPECT_EQ(+m->shared_info->allocated_bytes, 0u);
   mmf_close(m);
 }
 
@@ -149,7 +149,7 @@ TEST_F(Open, GrowthCutShortIsRepairedAtValidation) {
   // As if a growth had stored current_bytes and died before cutting nodes.
   m->shared_info->current_bytes = 128 << 10;
   EXPECT_TRUE(mmf_valid(m, false));
-  EXPECT_EQ(m->shared_info->current_bytes, 64u << 10);
+  EXPECT_EQ(+m->shared_info->current_bytes, 64u << 10);
   mmf_close(m);
 }
 
@@ -160,8 +160,8 @@ TEST_F(Open, EmptyFileTakesTheNewCallersClasses) {
   const uint32_t sizes[] = {100, 200};
   m = mmf_create("/mfs/var/t/heap", 1 << 20, 64 << 10, 64 << 10, true, 0, 1, 2, sizes, 0, nullptr);
   ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->shared_info->num_alloc_sizes, 3);
-  EXPECT_EQ(m->shared_info->alloc_sizes[0], 152u);
+  EXPECT_EQ(+m->shared_info->num_alloc_sizes, 3);
+  EXPECT_EQ(+m->shared_info->alloc_sizes[0], 152u);
   EXPECT_TRUE(mmf_valid(m, false));
   mmf_close(m);
 }

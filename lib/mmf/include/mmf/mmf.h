@@ -16,6 +16,9 @@
 //   mmf_free_offset(m, off);
 //   mmf_close(m);
 //
+// User bytes follow a 44-byte node header, so they sit 4 bytes past an 8-byte
+// boundary: store 64-bit values in them with memcpy.
+//
 // Errors: constructors return null, other calls null or false; the reason of an
 // open that failed is in mmf_open_errno. Broken invariants of a caller (a bad
 // argument, an offset that names no allocated node) end the process with a
