@@ -210,6 +210,9 @@ void mmf_sem_remove(void) {
 bool mmf_remap(mmf *m) {
   int64_t want = static_cast<int64_t>(m->shared_info->current_bytes);
   if (want == m->mapped_bytes) return true;
+  // Never map past the end of the file: a touch there is SIGBUS.
+  struct stat st;
+  if (fstat(m->fd, &st) != 0 || want > st.st_size) return false;
   // The new mapping first: when it fails the old one still serves.
   mmf old = *m;
   if (!map_whole(m, want)) {
@@ -296,6 +299,36 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
     // whoever can open it.
     mmf_close(m);
     if (made) unlink(path.c_str());
+    return nullptr;
+  }
+  return m;
+}
+
+mmf *mmf_open_existing(const char *name) {
+  std::string path = real_path(name);
+  int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  mmf_shared_info_t si;
+  if (fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(sizeof si) ||
+      pread(fd, &si, sizeof si, 0) != static_cast<ssize_t>(sizeof si) || si.version != MMF_VERSION ||
+      si.header_size != MMF_HEADER_SIZE || si.num_alloc_sizes == 0 || si.num_alloc_sizes > MMF_MAX_CLASSES) {
+    close(fd);
+    errno = EINVAL;
+    return nullptr;
+  }
+  mmf *m = static_cast<mmf *>(calloc(1, sizeof(mmf)));
+  m->fd = fd;
+  m->fatal = 1;
+  m->mmap_flags = MAP_SHARED;
+  m->page_size = static_cast<uint32_t>(getpagesize());
+  m->name = strdup(name);
+  m->single_mapping = 1;
+  m->max_mapped_regions = 1;
+  m->allocs_allowed = true;
+  m->max_bytes = m->default_bytes = st.st_size;
+  if (!map_whole(m, st.st_size)) {
+    mmf_close(m);
     return nullptr;
   }
   return m;
