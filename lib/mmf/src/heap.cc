@@ -24,6 +24,18 @@ void refresh(mmf *m) {
     MMF_ASSERT(mmf_remap(m));
 }
 
+// A free node's header and trailer, unlinked.
+void write_free_node(mmf *m, uint64_t offset, uint32_t len) {
+  mmf_node_header_t *n = mmf_node_at(m, offset);
+  n->offset = offset;
+  n->pattern = MMF_HEADER_PATTERN;
+  n->flags = MMF_FLAG_FREE;
+  n->len = len;
+  n->user_offset = offset + mmf_node_header_bytes;
+  n->prev_offset = n->next_offset = 0;
+  write_trailer(m, offset, len);
+}
+
 void push_head(mmf *m, uint64_t offset) {
   mmf_shared_info_t *si = m->shared_info;
   mmf_node_header_t *n = mmf_node_at(m, offset);
@@ -59,12 +71,7 @@ uint32_t merge(mmf *m, uint64_t lo, uint64_t hi) {
   uint32_t len = a->len + b->len;
   unlink_free(m, a);
   unlink_free(m, b);
-  a->offset = lo;
-  a->pattern = MMF_HEADER_PATTERN;
-  a->flags = MMF_FLAG_FREE;
-  a->len = len;
-  a->user_offset = lo + mmf_node_header_bytes;
-  write_trailer(m, lo, len);
+  write_free_node(m, lo, len);
   // A merge high in the file starts a fresh list, dropping the rest of the
   // class from sight until the file is next rebuilt; rare, and kept so. The
   // dropped nodes lose their links too: a later merge must not mend a list
@@ -112,13 +119,6 @@ uint64_t get_free_node(mmf *m, uint32_t user_bytes, uint32_t *out_idx) {
   return 0;
 }
 
-bool extend(int fd, uint64_t bytes) {
-  int err = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
-  if (err == 0) return true;
-  errno = err;
-  return false;
-}
-
 }  // namespace
 
 void mmf_set_allocation_info(mmf_shared_info_t *si, uint32_t n, const uint32_t *sizes) {
@@ -145,13 +145,7 @@ uint32_t mmf_get_free_idx(const mmf_shared_info_t *si, uint32_t bytes) {
 }
 
 void mmf_add_free_node(mmf *m, uint64_t offset, uint32_t len) {
-  mmf_node_header_t *n = mmf_node_at(m, offset);
-  n->offset = offset;
-  n->pattern = MMF_HEADER_PATTERN;
-  n->flags = MMF_FLAG_FREE;
-  n->len = len;
-  n->user_offset = offset + mmf_node_header_bytes;
-  write_trailer(m, offset, len);
+  write_free_node(m, offset, len);
   push_head(m, offset);
 }
 
@@ -271,7 +265,7 @@ bool mmf_grow(mmf *m) {
   else
     target = cur;
   target = round_up(target, m->page_size);
-  if (target <= cur || !extend(m->fd, target)) {
+  if (target <= cur || !mmf_extend(m->fd, target)) {
     mmf_unlock(m);
     return false;
   }

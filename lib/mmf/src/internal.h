@@ -33,6 +33,9 @@ void mmf_set_allocation_info(mmf_shared_info_t *si, uint32_t n, const uint32_t *
 // Maps the whole object anew at current_bytes (single mapping); false leaves
 // the handle dead.
 bool mmf_remap(mmf *m);
+// Extends the file to `bytes` with real blocks behind it: a full file
+// system fails here (errno set) rather than with SIGBUS at first touch.
+bool mmf_extend(int fd, uint64_t bytes);
 // Seconds of a cross-process wait, scaled.
 double mmf_scaled(double seconds);
 // Monotonic seconds.

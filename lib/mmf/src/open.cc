@@ -63,15 +63,6 @@ void sem_op(int id, short delta) {
   MMF_ASSERT(!"semop of the creation semaphore");
 }
 
-// Extends the file to `bytes` with real blocks behind it: a full file
-// system fails here rather than with SIGBUS at first touch.
-bool extend(int fd, int64_t bytes) {
-  int err = posix_fallocate(fd, 0, bytes);
-  if (err == 0) return true;
-  errno = err;
-  return false;
-}
-
 bool map_whole(mmf *m, int64_t bytes) {
   void *p = mmap(nullptr, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE, m->mmap_flags, m->fd, 0);
   if (p == MAP_FAILED) return false;
@@ -111,7 +102,7 @@ bool map_header(mmf *m) {
   bool fresh = st.st_size == 0;
   int64_t size = st.st_size;
   if (size < m->default_bytes) {
-    if (!extend(m->fd, m->default_bytes)) return false;
+    if (!mmf_extend(m->fd, static_cast<uint64_t>(m->default_bytes))) return false;
     size = m->default_bytes;
   }
   if (size > m->max_bytes) m->max_bytes = size;
@@ -201,6 +192,13 @@ bool init_shared_info(mmf *m, uint32_t n, const uint32_t *sizes) {
 std::string real_path(const char *name) { return tvx_path(name); }
 
 }  // namespace
+
+bool mmf_extend(int fd, uint64_t bytes) {
+  int err = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+  if (err == 0) return true;
+  errno = err;
+  return false;
+}
 
 void mmf_sem_remove(void) {
   int id = semget(tvx_path_key(kSemKey), 1, 0600);
