@@ -1,4 +1,5 @@
 // Opening, initialising, remapping and closing a mapped file.
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <ctime>
@@ -63,11 +64,23 @@ void sem_op(int id, short delta) {
   MMF_ASSERT(!"semop of the creation semaphore");
 }
 
+// The file is mapped at the start of a reservation of address space as large
+// as the file may grow, so that a growth maps the new part in place: the base
+// never moves while other threads of the process wait on the lock word in
+// it, and pointers taken before a growth stay good.
 bool map_whole(mmf *m, int64_t bytes) {
-  void *p = mmap(nullptr, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE, m->mmap_flags, m->fd, 0);
-  if (p == MAP_FAILED) return false;
+  int64_t reserve = std::max<int64_t>(round_up(bytes, m->page_size), m->max_bytes);
+  void *base = mmap(nullptr, static_cast<size_t>(reserve), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                    -1, 0);
+  if (base == MAP_FAILED) return false;
+  void *p = mmap(base, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE, m->mmap_flags | MAP_FIXED, m->fd, 0);
+  if (p == MAP_FAILED) {
+    munmap(base, static_cast<size_t>(reserve));
+    return false;
+  }
   m->shared_info = static_cast<mmf_shared_info_t *>(p);
   m->mapped_bytes = bytes;
+  m->reserved_bytes = reserve;
   m->shared_info->mmap_calls++;
   m->shared_info->last_mapper_pid = static_cast<uint32_t>(mmf_pid());
   if (m->read_only && bytes > static_cast<int64_t>(m->page_size)) {
@@ -78,14 +91,28 @@ bool map_whole(mmf *m, int64_t bytes) {
   return true;
 }
 
+// Maps [mapped_bytes, bytes) of the file in place, inside the reservation.
+bool map_more(mmf *m, int64_t bytes) {
+  int64_t from = m->mapped_bytes / m->page_size * m->page_size;
+  int prot = m->read_only ? PROT_READ : PROT_READ | PROT_WRITE;
+  if (from < static_cast<int64_t>(m->page_size)) prot = PROT_READ | PROT_WRITE;
+  void *at = reinterpret_cast<char *>(m->shared_info) + from;
+  void *p = mmap(at, static_cast<size_t>(bytes - from), prot, m->mmap_flags | MAP_FIXED, m->fd, from);
+  if (p == MAP_FAILED) return false;
+  m->mapped_bytes = bytes;
+  m->shared_info->mmap_calls++;
+  m->shared_info->last_mapper_pid = static_cast<uint32_t>(mmf_pid());
+  return true;
+}
+
 void unmap_whole(mmf *m) {
   if (!m->shared_info) return;
   m->shared_info->last_unmapper_pid = static_cast<uint32_t>(mmf_pid());
   m->shared_info->munmap_calls++;
   m->shared_info->munmap_ok++;
-  munmap(m->shared_info, static_cast<size_t>(m->mapped_bytes));
+  munmap(m->shared_info, static_cast<size_t>(m->reserved_bytes));
   m->shared_info = nullptr;
-  m->mapped_bytes = 0;
+  m->mapped_bytes = m->reserved_bytes = 0;
 }
 
 bool header_damaged(const mmf_shared_info_t *si) {
@@ -211,11 +238,24 @@ bool mmf_remap(mmf *m) {
   // Never map past the end of the file: a touch there is SIGBUS.
   struct stat st;
   if (fstat(m->fd, &st) != 0 || want > st.st_size) return false;
-  // The new mapping first: when it fails the old one still serves.
+  if (want > m->mapped_bytes && want <= m->reserved_bytes) {
+    if (map_more(m, want)) return true;
+    m->shared_info->mmap_failures++;
+    return false;
+  }
+  if (want < m->mapped_bytes) {
+    // The pages past the end stay mapped but are never touched.
+    m->mapped_bytes = want;
+    return true;
+  }
+  // Grown past this process's reservation (another process allowed more):
+  // map anew elsewhere, the new mapping first so a failure keeps the old.
   mmf old = *m;
+  m->max_bytes = std::max<int64_t>(m->max_bytes, want);
   if (!map_whole(m, want)) {
     m->shared_info = old.shared_info;
     m->mapped_bytes = old.mapped_bytes;
+    m->reserved_bytes = old.reserved_bytes;
     m->shared_info->mmap_failures++;
     return false;
   }

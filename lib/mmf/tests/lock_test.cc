@@ -75,6 +75,38 @@ TEST_F(Lock, ThreadsOfOneProcessSerialise) {
   mmf_close(m);
 }
 
+// Threads that allocate until the file grows many times: a growth maps the
+// file anew while other threads of the process wait on the lock word.
+TEST_F(Lock, ThreadsWaitThroughGrowth) {
+  mmf *m = open("/mfs/var/t/heap", 16 << 20, 16 << 10, 4 << 10);
+  ASSERT_NE(m, nullptr);
+  constexpr int kThreads = 4, kEach = 400;
+  std::vector<std::thread> ts;
+  std::vector<std::vector<off_t>> offs(kThreads);
+  for (int t = 0; t < kThreads; t++)
+    ts.emplace_back([&, t] {
+      for (int i = 0; i < kEach; i++) {
+        off_t off;
+        void *p = mmf_alloc(m, 1000, &off);
+        if (!p) return;
+        memset(p, t + 1, 1000);
+        offs[t].push_back(off);
+      }
+    });
+  for (auto &t : ts) t.join();
+  EXPECT_GT(m->shared_info->grow_count, 50u);
+  for (int t = 0; t < kThreads; t++) {
+    ASSERT_EQ(offs[t].size(), size_t(kEach));
+    for (off_t off : offs[t]) {
+      auto *q = static_cast<uint8_t *>(mmf_user_ptr(m, off, 1000));
+      ASSERT_EQ(q[0], t + 1);
+      ASSERT_EQ(q[999], t + 1);
+    }
+  }
+  EXPECT_TRUE(mmf_valid(m, false));
+  mmf_close(m);
+}
+
 // Processes, some with the handle inherited through fork and some with their
 // own, allocate, fill, check and free blocks while bumping a shared counter.
 TEST_F(Lock, ProcessesSerialiseAndTheHeapStaysWhole) {

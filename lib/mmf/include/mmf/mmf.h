@@ -184,6 +184,7 @@ struct mmf {
   uint32_t last_valid_iters;
   uint32_t last_valid_seconds;
   bool allocs_allowed;
+  int64_t reserved_bytes;          // address space kept for the file to grow into in place
 };
 
 // ---- Opening and closing --------------------------------------------------
