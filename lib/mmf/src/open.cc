@@ -357,7 +357,7 @@ mmf *mmf_open_existing(const char *name) {
   }
   mmf *m = static_cast<mmf *>(calloc(1, sizeof(mmf)));
   m->fd = fd;
-  m->fatal = 1;
+  m->fatal = 0;  // a tool reports damage, it does not die of it
   m->mmap_flags = MAP_SHARED;
   m->page_size = static_cast<uint32_t>(getpagesize());
   m->name = strdup(name);

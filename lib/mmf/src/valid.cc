@@ -30,6 +30,22 @@ void repair_interrupted_growth(mmf *m) {
   }
 }
 
+// The header's own tables, before anything is read through them.
+bool tables_sane(mmf *m) {
+  const mmf_shared_info_t *si = m->shared_info;
+  uint32_t n = si->num_alloc_sizes;
+  if (!CHECK(n >= 2 && n <= MMF_MAX_CLASSES)) return false;
+  for (uint32_t i = 0; i + 1 < n; i++)
+    if (!CHECK(si->alloc_sizes[i] < si->alloc_sizes[i + 1])) return false;
+  if (!CHECK(si->first_alloc_offset == (MMF_HEADER_SIZE + m->page_size - 1) / m->page_size * m->page_size))
+    return false;
+  for (uint32_t i = 0; i < n; i++) {
+    uint64_t h = si->free_heads[i];
+    if (!CHECK(h == 0 || (h >= si->first_alloc_offset && h < si->current_bytes))) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 void *mmf_ensure_mapped(mmf *m, off_t offset, size_t len) {
@@ -109,11 +125,12 @@ bool mmf_valid(mmf *m, bool assert_on_fail) {
   if (!m->allocs_allowed) return true;
   mmf_lock(m);
   repair_interrupted_growth(m);
+  uint8_t fatal = m->fatal;
   m->fatal = assert_on_fail;
   double start = mmf_now();
   bool ok = true;
   uint64_t iters = 0, off = si->first_alloc_offset, prev_end = off;
-  if (!CHECK(off >= MMF_HEADER_SIZE && off < si->current_bytes)) ok = false;
+  if (!tables_sane(m) || !CHECK(off >= MMF_HEADER_SIZE && off < si->current_bytes)) ok = false;
   while (ok && off < si->current_bytes) {
     if (!CHECK(iters < kValidMaxIters)) {
       ok = false;
@@ -139,7 +156,7 @@ bool mmf_valid(mmf *m, bool assert_on_fail) {
   m->last_valid_seconds = static_cast<uint32_t>(mmf_now() - start);
   si->last_valid_iters = m->last_valid_iters;
   si->last_valid_seconds = m->last_valid_seconds;
-  m->fatal = 1;
+  m->fatal = fatal;
   mmf_unlock(m);
   return ok;
 }

@@ -170,6 +170,25 @@ TEST_F(Heap, FreeOfAnOffsetThatNamesNoNodeEndsTheProcess) {
   mmf_close(m);
 }
 
+TEST_F(Heap, DamagedNodeIsRefusedByUserPointerAndByCheckedAllocation) {
+  mmf *m = open();
+  ASSERT_NE(m, nullptr);
+  off_t a, b;
+  ASSERT_NE(mmf_alloc(m, 100, &a), nullptr);
+  ASSERT_NE(mmf_alloc(m, 100, &b), nullptr);
+  // An overrun of a's bytes into b's header.
+  memset(static_cast<char *>(mmf_user_ptr(m, a, 100)) + 104, 0x5a, 24);
+  EXPECT_DEATH(mmf_user_ptr(m, b, 100), "names a node");
+  EXPECT_DEATH(mmf_free_offset(m, b), "off == n->offset");
+  EXPECT_FALSE(mmf_valid(m, false));
+  mmf_set_debug(MMF_DEBUG_VALIDATE_ALLOC);
+  off_t c;
+  EXPECT_EQ(mmf_alloc(m, 100, &c), nullptr);
+  EXPECT_EQ(c, 0);
+  mmf_set_debug(0);
+  mmf_close(m);
+}
+
 // Random allocations and frees against a model of the live blocks: blocks
 // never overlap, their contents survive every other operation, and the file
 // validates after each step.

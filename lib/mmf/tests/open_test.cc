@@ -58,6 +58,10 @@ TEST_F(Open, DamagedFilesAreRebuiltNotAsserted) {
       {"first node pattern", 4096 + 8, 0xdeadbeef, false},
       {"first node length", 4096 + 16, 200, false},
       {"trailer", 65536 - 8, 0, false},
+      {"no classes", 0x02c, 0, false},
+      {"classes out of order", 0x048, 10, false},
+      {"free-list head past the end", 0x344 + 3 * 8, 0x7fffffff, false},
+      {"first node offset", 0x550, 4000, false},
   };
   for (const damage &d : cases) {
     SCOPED_TRACE(d.what);

@@ -198,7 +198,8 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
                 uint32_t max_mapped_regions, uint32_t num_alloc_sizes,
                 const uint32_t *alloc_sizes, uint32_t flags, bool *created);
 // Attaches to an existing file as it stands, for tools: no initialisation,
-// no validation, no rebuild, whatever the file holds. Null (errno set) when
+// no validation, no rebuild, whatever the file holds; damage met on the way
+// is reported (null, false), not asserted. Null (errno set) when
 // the file is missing or its header is not of this format (EINVAL).
 mmf *mmf_open_existing(const char *name);
 // Drops the mapping, closes, frees the handle; the file stays.
