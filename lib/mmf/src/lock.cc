@@ -193,9 +193,13 @@ void mmf_lock(mmf *m) {
     }
     if (rounds > kQuietRounds) {
       double now = mmf_now();
-      // A holder that keeps the word this long will not give it back: the
-      // design's dump and kill are not built yet, so this process ends.
-      MMF_ASSERT(now - start < mmf_scaled(kStuckSeconds));
+      // A holder that keeps the word this long will not give it back: it is
+      // dumped and killed, and this process ends too, leaving the word to
+      // the survivors' dead-holder path.
+      if (now - start >= mmf_scaled(kStuckSeconds)) {
+        mmf_kill_holder("mmf", static_cast<pid_t>(holder));
+        mmf_detected_fatal_problem(__LINE__);
+      }
       if (now >= next_check) {
         next_check = now + mmf_scaled(kHolderCheckSeconds);
         if (!mmf_pid_alive(static_cast<pid_t>(holder)) && take_from_dead(m, word, holder, me)) {

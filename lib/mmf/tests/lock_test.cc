@@ -1,6 +1,8 @@
 // The lock word across threads and processes, a holder killed while holding
 // it, and processes that map the file at different addresses.
 #include <csignal>
+#include <fstream>
+#include <sys/stat.h>
 #include <cstring>
 #include <random>
 #include <sched.h>
@@ -253,6 +255,51 @@ TEST_F(Lock, HolderKilledWhileHoldingIsTakenOver) {
     close(fds[1]);
     mmf_destroy(m);
   }
+}
+
+// A holder stopped with SIGSTOP keeps the word past the (scaled) limit: the
+// waiter dumps both cores with gcore (a fake that records its arguments),
+// kills the holder and ends itself; this process then takes the word over.
+TEST_F(Lock, StuckHolderIsDumpedAndKilled) {
+  mmf_set_time_scale(0.001);  // the 60 s limit becomes 60 ms
+  std::string bin = root_ + "/bin", log = root_ + "/gcore.log";
+  ASSERT_EQ(mkdir(bin.c_str(), 0755), 0);
+  FILE *f = fopen((bin + "/gcore").c_str(), "w");
+  fprintf(f, "#!/bin/sh\necho \"$@\" >> %s\nprintf core > \"$2.$3\"\n", log.c_str());
+  fclose(f);
+  chmod((bin + "/gcore").c_str(), 0755);
+  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+
+  mmf *m = open();
+  ASSERT_NE(m, nullptr);
+  off_t counter;
+  memset(mmf_alloc(m, 8, &counter), 0, 8);
+  pid_t holder = fork();
+  if (holder == 0) {
+    mmf_lock(m);
+    raise(SIGSTOP);
+    _exit(3);
+  }
+  int st;
+  ASSERT_EQ(waitpid(holder, &st, WUNTRACED), holder);
+  ASSERT_TRUE(WIFSTOPPED(st));
+  pid_t waiter = fork();
+  if (waiter == 0) {
+    bump(m, counter);
+    _exit(0);
+  }
+  EXPECT_EQ(wait_exit(waiter), 128 + SIGABRT);
+  EXPECT_EQ(wait_exit(holder), 128 + SIGKILL);
+  std::string prefix = root_ + "/var/tmp/mmf_lock_holder.core";
+  std::ifstream in(log);
+  std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(all.find("-o " + prefix + " " + std::to_string(holder) + "\n"), std::string::npos) << all;
+  EXPECT_NE(all.find("-o " + prefix + " " + std::to_string(waiter) + "\n"), std::string::npos) << all;
+  EXPECT_EQ(access((root_ + "/var/tmp/mmf_lock_holder.pid" + std::to_string(holder) + ".lock").c_str(), F_OK), 0);
+  bump(m, counter);
+  EXPECT_EQ(ld(m, counter), 1);
+  EXPECT_EQ(+m->shared_info->dead_holder_takeovers, 1u);
+  mmf_close(m);
 }
 
 TEST_F(Lock, ProcessAliveByProc) {

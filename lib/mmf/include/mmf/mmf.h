@@ -270,5 +270,13 @@ extern uint32_t mmf_spin_limit;
 // The debug switches in force (TVX_MMF_DEBUG at first use, or set here).
 uint32_t mmf_debug(void);
 void mmf_set_debug(uint32_t mask);
+// A holder stuck past the limit: the first waiter to claim it (a marker
+// "/var/tmp/NAME_lock_holder.pidPID.lock") dumps its core and its own with
+// `gcore -o /var/tmp/NAME_lock_holder.core PID`, then sends SIGTERM and,
+// 11 polls later, SIGKILL. Called for its own pid, dumps itself and exits.
+void mmf_kill_holder(const char *name, pid_t pid);
+// Records the line in mmf_fatal_line and ends the process.
+[[noreturn]] void mmf_detected_fatal_problem(int line);
+extern int mmf_fatal_line;
 // Whether a process is alive by /proc (a zombie is dead).
 bool mmf_pid_alive(pid_t pid);
