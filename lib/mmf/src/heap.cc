@@ -19,7 +19,7 @@ void write_trailer(mmf *m, uint64_t offset, uint32_t len) {
 
 // The newest views of a file that another process may have grown.
 void refresh(mmf *m) {
-  if (m->shared_info->magic == MMF_MAGIC_READY &&
+  if (m->single_mapping && m->shared_info->magic == MMF_MAGIC_READY &&
       static_cast<int64_t>(m->shared_info->current_bytes) != m->mapped_bytes)
     MMF_ASSERT(mmf_remap(m));
 }
@@ -46,31 +46,35 @@ void push_head(mmf *m, uint64_t offset) {
   si->free_heads[idx] = offset;
 }
 
-void unlink_free(mmf *m, mmf_node_header_t *n) {
+// Takes a free node off its list. Every mapping may drop another in region
+// mode, so the node is read once and mapped again for the last write.
+void unlink_free(mmf *m, uint64_t offset) {
   mmf_shared_info_t *si = m->shared_info;
+  mmf_node_header_t *n = mmf_node_at(m, offset);
   uint32_t idx = mmf_get_free_idx(si, n->len);
-  if (n->prev_offset == 0) {
+  uint64_t prev = n->prev_offset, next = n->next_offset;
+  if (prev == 0) {
     // A node with no predecessor that is not the head was dropped from its
     // list by a merge at the top of the file: there is no list to mend.
-    if (si->free_heads[idx] == n->offset) {
-      si->free_heads[idx] = n->next_offset;
-      if (n->next_offset) mmf_node_at(m, n->next_offset)->prev_offset = 0;
+    if (si->free_heads[idx] == offset) {
+      si->free_heads[idx] = next;
+      if (next) mmf_node_at(m, next)->prev_offset = 0;
     }
   } else {
-    mmf_node_at(m, n->prev_offset)->next_offset = n->next_offset;
-    if (n->next_offset) mmf_node_at(m, n->next_offset)->prev_offset = n->prev_offset;
+    mmf_node_at(m, prev)->next_offset = next;
+    if (next) mmf_node_at(m, next)->prev_offset = prev;
   }
+  n = mmf_node_at(m, offset);
   n->prev_offset = n->next_offset = 0;
 }
 
 // Joins two adjacent free nodes into the lower one and lists it.
 uint32_t merge(mmf *m, uint64_t lo, uint64_t hi) {
   mmf_shared_info_t *si = m->shared_info;
-  mmf_node_header_t *a = mmf_node_at(m, lo);
-  mmf_node_header_t *b = mmf_node_at(m, hi);
-  uint32_t len = a->len + b->len;
-  unlink_free(m, a);
-  unlink_free(m, b);
+  uint32_t len = mmf_node_at(m, lo)->len;
+  len += mmf_node_at(m, hi)->len;
+  unlink_free(m, lo);
+  unlink_free(m, hi);
   write_free_node(m, lo, len);
   // A merge high in the file starts a fresh list, dropping the rest of the
   // class from sight until the file is next rebuilt; rare, and kept so. The
@@ -85,7 +89,6 @@ uint32_t merge(mmf *m, uint64_t lo, uint64_t hi) {
       off = d->next_offset;
       d->prev_offset = d->next_offset = 0;
     }
-    a->prev_offset = a->next_offset = 0;
     si->free_heads[idx] = lo;
   }
   return len;
@@ -189,17 +192,19 @@ void *mmf_alloc(mmf *m, uint32_t bytes, off_t *out_offset) {
   m->local_allocs++;
   si->alloc_count++;
   si->allocs_by_class[idx]++;
+  unlink_free(m, off);
   mmf_node_header_t *n = mmf_node_at(m, off);
-  unlink_free(m, n);
   n->flags &= ~MMF_FLAG_FREE;
   MMF_ASSERT(n->prev_offset == 0);
-  if (n->len > si->alloc_sizes[0] + 2 * mmf_node_bytes + size) {
-    uint32_t rest = n->len - size - mmf_node_bytes;
-    n->len = size + mmf_node_bytes;
-    write_trailer(m, off, n->len);
-    mmf_add_free_node(m, off + n->len, rest);
+  uint32_t len = n->len;
+  if (len > si->alloc_sizes[0] + 2 * mmf_node_bytes + size) {
+    uint32_t rest = len - size - mmf_node_bytes;
+    len = size + mmf_node_bytes;
+    n->len = len;
+    write_trailer(m, off, len);
+    mmf_add_free_node(m, off + len, rest);
   }
-  si->allocated_bytes += n->len;
+  si->allocated_bytes += len;
   uint64_t user = off + mmf_node_header_bytes;
   if (out_offset) *out_offset = static_cast<off_t>(user);
   void *p = mmf_ensure_mapped(m, static_cast<off_t>(user), size);
@@ -226,6 +231,7 @@ void mmf_free_offset(mmf *m, off_t user_offset) {
   si->allocated_bytes -= nlen;
   n->flags = MMF_FLAG_FREE;
   push_head(m, noff);
+  n = nullptr;  // push_head maps other nodes
 
   if (noff > si->first_alloc_offset) {
     mmf_node_trailer_t *t = mmf_trailer_at(m, noff - 8);
@@ -234,8 +240,9 @@ void mmf_free_offset(mmf *m, off_t user_offset) {
     MMF_ASSERT(poff >= si->first_alloc_offset);
     mmf_node_header_t *pn = mmf_node_validate(m, static_cast<off_t>(poff));
     MMF_ASSERT(pn);
-    MMF_ASSERT((pn->offset + static_cast<uint64_t>(pn->len)) == noff);
-    if ((pn->flags & MMF_FLAG_FREE) && uint64_t(pn->len) + nlen <= MMF_MAX_NODE_LEN) {
+    uint32_t plen = pn->len, pflags = pn->flags;
+    MMF_ASSERT((pn->offset + static_cast<uint64_t>(plen)) == noff);
+    if ((pflags & MMF_FLAG_FREE) && uint64_t(plen) + nlen <= MMF_MAX_NODE_LEN) {
       nlen = merge(m, poff, noff);
       noff = poff;
     }
@@ -244,7 +251,8 @@ void mmf_free_offset(mmf *m, off_t user_offset) {
     mmf_node_header_t *nn = mmf_node_validate(m, static_cast<off_t>(noff + nlen));
     MMF_ASSERT(nn);
     MMF_ASSERT((noff + nlen) == nn->offset);
-    if ((nn->flags & MMF_FLAG_FREE) && uint64_t(nn->len) + nlen <= MMF_MAX_NODE_LEN)
+    uint32_t nnlen = nn->len, nnflags = nn->flags;
+    if ((nnflags & MMF_FLAG_FREE) && uint64_t(nnlen) + nlen <= MMF_MAX_NODE_LEN)
       merge(m, noff, noff + nlen);
   }
   if (mmf_debug() & MMF_DEBUG_VALIDATE_FREE) mmf_valid(m, true);
@@ -264,7 +272,7 @@ bool mmf_grow(mmf *m) {
     target = max;
   else
     target = cur;
-  target = round_up(target, m->page_size);
+  target = round_up(target, m->single_mapping ? m->page_size : static_cast<uint64_t>(m->region_map_bytes));
   if (target <= cur || !mmf_extend(m->fd, target)) {
     mmf_unlock(m);
     return false;

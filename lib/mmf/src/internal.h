@@ -36,6 +36,14 @@ bool mmf_remap(mmf *m);
 // Extends the file to `bytes` with real blocks behind it: a full file
 // system fails here (errno set) rather than with SIGBUS at first touch.
 bool mmf_extend(int fd, uint64_t bytes);
+// Region mode's tables, its mappings dropped, the tables freed.
+bool mmf_regions_init(mmf *m);
+void mmf_unmap_regions(mmf *m);
+void mmf_regions_free(mmf *m);
+// Bytes of the file this process can reach by offset now.
+inline int64_t mmf_view_bytes(const mmf *m) {
+  return m->single_mapping ? m->mapped_bytes : static_cast<int64_t>(m->shared_info->current_bytes);
+}
 // Seconds of a cross-process wait, scaled.
 double mmf_scaled(double seconds);
 // Monotonic seconds.

@@ -105,6 +105,18 @@ bool map_more(mmf *m, int64_t bytes) {
   return true;
 }
 
+// Region mode: the header alone, read-write so that readers can lock.
+bool map_header_only(mmf *m) {
+  int64_t bytes = round_up(MMF_HEADER_SIZE, m->page_size);
+  void *p = mmap(nullptr, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE, m->mmap_flags, m->fd, 0);
+  if (p == MAP_FAILED) return false;
+  m->shared_info = static_cast<mmf_shared_info_t *>(p);
+  m->reserved_bytes = bytes;
+  m->shared_info->mmap_calls++;
+  m->shared_info->last_mapper_pid = static_cast<uint32_t>(mmf_pid());
+  return true;
+}
+
 void unmap_whole(mmf *m) {
   if (!m->shared_info) return;
   m->shared_info->last_unmapper_pid = static_cast<uint32_t>(mmf_pid());
@@ -133,7 +145,7 @@ bool map_header(mmf *m) {
     size = m->default_bytes;
   }
   if (size > m->max_bytes) m->max_bytes = size;
-  if (!map_whole(m, size)) return false;
+  if (m->single_mapping ? !map_whole(m, size) : !map_header_only(m)) return false;
   mmf_shared_info_t *si = m->shared_info;
   mmf_lock(m);
   if (fresh) {
@@ -196,6 +208,7 @@ void initialise(mmf *m, uint32_t n, const uint32_t *sizes) {
   // size, and its walk must reach current_bytes.
   mmf_add_free_space(m, si->first_alloc_offset, si->current_bytes);
   si->alloc_count = si->free_count = 0;
+  if (!m->single_mapping) mmf_unmap_regions(m);
   __atomic_store_n(&si->magic, MMF_MAGIC_READY, __ATOMIC_RELEASE);
 }
 
@@ -233,6 +246,7 @@ void mmf_sem_remove(void) {
 }
 
 bool mmf_remap(mmf *m) {
+  if (!m->single_mapping) return true;  // regions are mapped on demand
   int64_t want = static_cast<int64_t>(m->shared_info->current_bytes);
   if (want == m->mapped_bytes) return true;
   // Never map past the end of the file: a touch there is SIGBUS.
@@ -270,12 +284,6 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
   if (created) *created = false;
   MMF_ASSERT(num_alloc_sizes);
   MMF_ASSERT(num_alloc_sizes < MMF_MAX_CLASSES);
-  if (!single_mapping) {
-    mmf_create_errno = EOPNOTSUPP;
-    return nullptr;
-  }
-  (void)region_map_bytes;
-  (void)max_mapped_regions;
   mmf *m = static_cast<mmf *>(calloc(1, sizeof(mmf)));
   if (!m) return nullptr;
   m->fd = -1;
@@ -284,22 +292,47 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
   m->page_size = static_cast<uint32_t>(getpagesize());
   m->flags = flags;
   m->name = strdup(name);
-  m->single_mapping = 1;
+  m->single_mapping = single_mapping;
   m->read_only = (flags & MMF_FLAG_READ_ONLY) != 0;
   m->shared_flag = (flags & MMF_FLAG_SHARED) ? 1 : 0;
   m->allocs_allowed = (flags & MMF_NO_ALLOC_MASK) == 0;
-  m->max_mapped_regions = 1;
   uint32_t largest = 0;
   for (uint32_t i = 0; i < num_alloc_sizes; i++) largest = alloc_sizes[i] > largest ? alloc_sizes[i] : largest;
   int64_t floor = round_up(MMF_HEADER_SIZE, m->page_size) + largest;
   if (max_bytes < floor) max_bytes = floor;
+  int64_t unit = m->page_size;
+  if (!single_mapping) {
+    MMF_ASSERT(region_map_bytes > 0);
+    MMF_ASSERT(max_bytes >= region_map_bytes);
+    MMF_ASSERT(grow_by_bytes >= region_map_bytes);
+    MMF_ASSERT((max_bytes % region_map_bytes) == 0);
+    MMF_ASSERT((grow_by_bytes % region_map_bytes) == 0);
+    // Any node (the top class included) fits in two adjacent regions.
+    MMF_ASSERT((uint64_t)region_map_bytes >= (2 * (uint64_t(largest) + 1 + mmf_node_bytes)));
+    region_map_bytes = round_up(region_map_bytes, m->page_size);
+    if ((region_map_bytes & (region_map_bytes - 1)) == 0)
+      for (uint32_t b = 0; b < 63; b++)
+        if ((int64_t(1) << b) == region_map_bytes) m->region_shift = b;
+    unit = region_map_bytes;
+  }
   MMF_ASSERT(default_bytes <= max_bytes);
   MMF_ASSERT(grow_by_bytes <= max_bytes);
-  m->max_bytes = round_up(max_bytes, m->page_size);
-  m->default_bytes = round_up(default_bytes, m->page_size);
-  m->grow_by_bytes = round_up(grow_by_bytes, m->page_size);
-  if (m->default_bytes < floor) m->default_bytes = round_up(floor, m->page_size);
+  m->max_bytes = round_up(max_bytes, unit);
+  m->default_bytes = round_up(std::max(default_bytes, floor), unit);
+  m->grow_by_bytes = round_up(grow_by_bytes, unit);
   if (m->default_bytes > m->max_bytes) m->max_bytes = m->default_bytes;
+  if (single_mapping) {
+    m->max_mapped_regions = 1;
+  } else {
+    m->region_map_bytes = region_map_bytes;
+    m->max_mapped_regions = max_mapped_regions;
+    MMF_ASSERT((region_map_bytes * (off_t)max_mapped_regions) <= m->max_bytes);
+    m->regions = static_cast<uint64_t>(m->max_bytes / region_map_bytes);
+    if (!mmf_regions_init(m)) {
+      mmf_close(m);
+      return nullptr;
+    }
+  }
 
   std::string path = real_path(name);
   size_t slash = path.rfind('/');
@@ -381,9 +414,11 @@ void mmf_close(mmf *m) {
                                  static_cast<uint32_t>(mmf_pid()) &&
            m->locker_cnt && !pthread_equal(m->locker_thread, pthread_self()))
       usleep(10000);
+    mmf_regions_free(m);
     unmap_whole(m);
     close(m->fd);
   }
+  mmf_regions_free(m);
   free(m->name);
   memset(m, 0, sizeof *m);
   free(m);

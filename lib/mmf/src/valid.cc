@@ -48,22 +48,19 @@ bool tables_sane(mmf *m) {
 
 }  // namespace
 
-void *mmf_ensure_mapped(mmf *m, off_t offset, size_t len) {
-  (void)len;
-  return reinterpret_cast<char *>(m->shared_info) + offset;
-}
-
 mmf_node_header_t *mmf_node_validate(mmf *m, off_t offset) {
   mmf_shared_info_t *si = m->shared_info;
   uint64_t off = static_cast<uint64_t>(offset);
   if (off >= si->current_bytes || off + mmf_node_bytes > si->current_bytes ||
-      static_cast<int64_t>(off + mmf_node_bytes) > m->mapped_bytes) {
+      static_cast<int64_t>(off + mmf_node_bytes) > mmf_view_bytes(m)) {
     if (m->single_mapping && static_cast<int64_t>(si->current_bytes) != m->mapped_bytes) mmf_remap(m);
     si = m->shared_info;
     if (!CHECK(offset >= 0 && off + mmf_node_bytes <= si->current_bytes)) return nullptr;
-    if (static_cast<int64_t>(off + mmf_node_bytes) > m->mapped_bytes) return nullptr;
+    if (static_cast<int64_t>(off + mmf_node_bytes) > mmf_view_bytes(m)) return nullptr;
   }
+  if (!m->single_mapping && !CHECK(off >= si->first_alloc_offset)) return nullptr;
   mmf_node_header_t *n = mmf_node_at(m, off);
+  if (!n) return nullptr;
   if (!CHECK(off == n->offset)) return nullptr;
   // Kept as the platform has it: a node in the heap proper never reaches it.
   if (n->offset < si->first_alloc_offset &&
@@ -76,6 +73,7 @@ mmf_node_header_t *mmf_node_validate(mmf *m, off_t offset) {
   uint32_t nlen = n->len;
   if (!CHECK(nlen >= mmf_node_bytes && off + nlen <= si->current_bytes)) return nullptr;
   const mmf_node_trailer_t *t = mmf_trailer_at(m, off + nlen - 8);
+  if (!t) return nullptr;
   if (!CHECK(t->pattern == MMF_TRAILER_PATTERN)) return nullptr;
   if (!CHECK(t->len == nlen)) return nullptr;
   return mmf_node_at(m, off);
@@ -90,14 +88,16 @@ bool mmf_validate_user_offset(mmf *m, off_t user_offset, bool assert_on_fail) {
   uint64_t off = static_cast<uint64_t>(user_offset) - mmf_node_header_bytes;
   if (m->single_mapping && static_cast<int64_t>(si->current_bytes) != m->mapped_bytes) mmf_remap(m);
   si = m->shared_info;
+  uint64_t view = static_cast<uint64_t>(mmf_view_bytes(m));
   // Mapping trouble is not damage: an offset that cannot be mapped passes.
-  if (off + mmf_node_bytes > static_cast<uint64_t>(m->mapped_bytes)) return true;
+  if (off + mmf_node_bytes > view || off < si->first_alloc_offset) return true;
   const mmf_node_header_t *n = mmf_node_at(m, off);
-  bool ok = n->pattern == MMF_HEADER_PATTERN && n->len >= mmf_node_bytes &&
-            off + n->len <= static_cast<uint64_t>(m->mapped_bytes);
+  if (!n) return true;
+  uint32_t nlen = n->len;
+  bool ok = n->pattern == MMF_HEADER_PATTERN && nlen >= mmf_node_bytes && off + nlen <= view;
   if (ok) {
-    const mmf_node_trailer_t *t = mmf_trailer_at(m, off + n->len - 8);
-    ok = t->pattern == MMF_TRAILER_PATTERN && t->len == n->len;
+    const mmf_node_trailer_t *t = mmf_trailer_at(m, off + nlen - 8);
+    ok = !t || (t->pattern == MMF_TRAILER_PATTERN && t->len == nlen);
   }
   if (!ok && assert_on_fail) mmf_assert_fail("user offset names a node", __FILE__, __LINE__);
   return ok;
@@ -111,7 +111,7 @@ void *mmf_user_ptr(mmf *m, off_t user_offset, size_t len) {
 
 uint32_t mmf_get_user_usable_len(mmf *m, off_t user_offset) {
   const mmf_node_header_t *n = mmf_node_at(m, static_cast<uint64_t>(user_offset) - mmf_node_header_bytes);
-  return n->len - mmf_node_bytes;
+  return n ? n->len - mmf_node_bytes : 0;
 }
 
 bool mmf_valid(mmf *m, bool assert_on_fail) {
@@ -170,10 +170,12 @@ void mmf_show_to(FILE *f, const char *title, mmf *m) {
   for (uint32_t i = 0; i < si->num_alloc_sizes; i++) {
     uint32_t count = 0;
     uint64_t bytes = 0;
-    for (uint64_t off = si->free_heads[i]; off && count <= m->mapped_bytes / mmf_node_bytes;) {
+    for (uint64_t off = si->free_heads[i]; off && count <= mmf_view_bytes(m) / mmf_node_bytes;) {
       const mmf_node_header_t *n = mmf_node_validate(m, static_cast<off_t>(off));
       if (!n) break;
-      uint64_t behind = n->offset + n->len;
+      mmf_node_header_t h;
+      memcpy(&h, n, sizeof h);  // the next mapping may drop n's
+      uint64_t behind = h.offset + h.len;
       unsigned long long nno = 0;
       bool coalesce = false;
       if (behind < si->current_bytes) {
@@ -181,13 +183,13 @@ void mmf_show_to(FILE *f, const char *title, mmf *m) {
         nno = b->next_offset;
         coalesce = (b->flags & MMF_FLAG_FREE) && b->pattern == MMF_HEADER_PATTERN;
       }
-      fprintf(f, "   f%2u p%8x o%10llu l%10d po%10llu no%10llu nno%10llu%s\n", n->flags, n->pattern,
-              static_cast<unsigned long long>(n->offset), static_cast<int>(n->len),
-              static_cast<unsigned long long>(n->prev_offset), static_cast<unsigned long long>(n->next_offset),
+      fprintf(f, "   f%2u p%8x o%10llu l%10d po%10llu no%10llu nno%10llu%s\n", h.flags, h.pattern,
+              static_cast<unsigned long long>(h.offset), static_cast<int>(h.len),
+              static_cast<unsigned long long>(h.prev_offset), static_cast<unsigned long long>(h.next_offset),
               nno, coalesce ? " should coalesce" : "");
       count++;
-      bytes += n->len;
-      off = n->next_offset;
+      bytes += h.len;
+      off = h.next_offset;
     }
     fprintf(f, " free i%2d (%5d): c%10d b%10d\n", static_cast<int>(i), static_cast<int>(si->alloc_sizes[i]),
             static_cast<int>(count), static_cast<int>(bytes));

@@ -109,8 +109,8 @@ TEST_F(Lock, ThreadsWaitThroughGrowth) {
   mmf_close(m);
 }
 
-// Processes, some with the handle inherited through fork and some with their
-// own, allocate, fill, check and free blocks while bumping a shared counter.
+// Processes, some with the handle inherited through fork, some with their
+// own, one of them in region mode, allocate, fill, check and free blocks while bumping a shared counter.
 TEST_F(Lock, ProcessesSerialiseAndTheHeapStaysWhole) {
   mmf *m = open("/mfs/var/t/heap", 4 << 20, 64 << 10, 64 << 10);
   ASSERT_NE(m, nullptr);
@@ -122,7 +122,11 @@ TEST_F(Lock, ProcessesSerialiseAndTheHeapStaysWhole) {
     pid_t p = fork();
     ASSERT_GE(p, 0);
     if (p == 0) {
-      mmf *h = k % 2 ? open("/mfs/var/t/heap", 4 << 20, 64 << 10, 64 << 10) : m;
+      // Child 3 maps by regions, so the two mapping modes share the file.
+      mmf *h = k == 3   ? mmf_create("/mfs/var/t/heap", 4 << 20, 64 << 10, 64 << 10, false, 16 << 10, 3, 3,
+                                     kSizes, 0, nullptr)
+               : k % 2 ? open("/mfs/var/t/heap", 4 << 20, 64 << 10, 64 << 10)
+                       : m;
       if (!h) _exit(2);
       std::mt19937 rng(100 + k);
       std::vector<std::pair<off_t, uint32_t>> mine;

@@ -23,8 +23,10 @@ class MmfTest : public ::testing::Test {
   // Writes n bytes at a file offset, behind every mapping's back.
   void poke(uint64_t off, const void *p, size_t n, const char *name = "/mfs/var/t/heap") const;
 
-  static const uint32_t kSizes[3];
   std::string root_;
+
+ public:
+  static const uint32_t kSizes[3];
 };
 
 // Every node of the file in order: (offset, len, flags), by the raw bytes.

@@ -170,12 +170,6 @@ TEST_F(Open, EmptyFileTakesTheNewCallersClasses) {
   mmf_close(m);
 }
 
-TEST_F(Open, RegionModeIsRefused) {
-  EXPECT_EQ(mmf_create("/mfs/var/t/r", 1 << 24, 1 << 20, 1 << 20, false, 1 << 20, 4, 3, kSizes, 0, nullptr),
-            nullptr);
-  EXPECT_EQ(mmf_create_errno, EOPNOTSUPP);
-}
-
 TEST_F(Open, UnreachableFolderFailsTheOpen) {
   ASSERT_EQ(tvx_mkdirs((root_ + "/mfs/var").c_str(), 0755), 0);
   int fd = ::open((root_ + "/mfs/var/t").c_str(), O_CREAT | O_WRONLY, 0600);  // a file where the folder goes

@@ -25,8 +25,10 @@
 // line on stderr naming the check. A file found damaged at open is rebuilt,
 // never asserted on: one bad file must not kill every process that opens it.
 //
-// Only single mapping (the whole file mapped at once) is built; region mode
-// is refused at create with EOPNOTSUPP.
+// In single mapping the whole file is mapped at once and a pointer stays good
+// while the handle is open. In region mode only max_mapped_regions regions
+// are mapped at a time: a pointer is good only until the next call that maps
+// (any call taking an offset), so hold the lock and re-derive pointers.
 #pragma once
 
 #include <cstddef>
@@ -147,6 +149,23 @@ constexpr uint32_t mmf_node_bytes = 52;
 #define MMF_DEBUG_VALIDATE_FREE 0x2u
 #define MMF_DEBUG_CHECK_FIRST_NODE 0x8u
 
+// One mapping of region mode, on the list in order of mapping.
+struct mmf_map_entry {
+  char *mapping;
+  int64_t bytes;
+  uint64_t start;                  // file offset of the mapping
+  uint64_t slot;                   // region it starts in
+  mmf_map_entry *prev, *next;
+};
+
+// One region's slot: the mapping that covers it (the tail of a double
+// mapping from the slot below holds a pointer to this region's start).
+struct mmf_region_slot {
+  char *ptr;                       // the file offset the mapping starts at, or this region's
+  int64_t bytes;
+  mmf_map_entry *entry;
+};
+
 // Per process, never shared. Fields in the order the platform keeps them;
 // region-mode fields stay zero while only single mapping exists.
 struct mmf {
@@ -177,6 +196,9 @@ struct mmf {
   uint32_t unlock_in_progress_cnt;
   pthread_t unlock_in_progress[MMF_MAX_UNLOCK_IN_PROGRESS];
   pthread_t closing_thread;
+  mmf_region_slot *region_table;   // region mode: one slot per region
+  mmf_map_entry *entries;          // max_mapped_regions of them
+  mmf_map_entry *mapped_list, *mapped_list_tail, *mapped_list_free;
   // Per-process copies of the header's statistics.
   uint64_t lock_count;
   uint64_t contended_count;
