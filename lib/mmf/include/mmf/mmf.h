@@ -161,13 +161,13 @@ struct mmf_map_entry {
 // One region's slot: the mapping that covers it (the tail of a double
 // mapping from the slot below holds a pointer to this region's start).
 struct mmf_region_slot {
-  char *ptr;                       // the file offset the mapping starts at, or this region's
+  char *ptr;                       // where the mapping's first byte (or this region's) lies
   int64_t bytes;
   mmf_map_entry *entry;
 };
 
 // Per process, never shared. Fields in the order the platform keeps them;
-// region-mode fields stay zero while only single mapping exists.
+// the region fields stay zero in single mapping.
 struct mmf {
   mmf_shared_info_t *shared_info;  // the mapping (in single mapping, of the whole file)
   uint32_t page_size;
