@@ -55,7 +55,7 @@ std::vector<walked_node> walk_nodes(mmf *m) {
   const mmf_shared_info_t *si = m->shared_info;
   for (uint64_t off = si->first_alloc_offset; off < si->current_bytes;) {
     mmf_node_header_t n;
-    memcpy(&n, reinterpret_cast<const char *>(si) + off, sizeof n);
+    memcpy(&n, mmf_ensure_mapped(m, static_cast<off_t>(off), sizeof n), sizeof n);
     v.push_back({n.offset, n.len, n.flags});
     if (n.len == 0) break;
     off += n.len;

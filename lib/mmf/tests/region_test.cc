@@ -47,7 +47,7 @@ TEST_F(Region, MappingBeyondTheBudgetEvictsTheOldest) {
   mmf *m = open_regions(2);
   ASSERT_NE(m, nullptr);
   mmf_shared_info_t *si = m->shared_info;
-  ASSERT_GE(si->current_bytes, 4u * kRegion);
+  ASSERT_GE(+si->current_bytes, 4u * kRegion);
   // Touch regions 1, 2, 3 one after the other, a node header's worth each.
   char *r1 = static_cast<char *>(mmf_ensure_mapped(m, kRegion, 52));
   char *r2 = static_cast<char *>(mmf_ensure_mapped(m, 2 * kRegion, 52));
