@@ -46,5 +46,7 @@ inline int64_t mmf_view_bytes(const mmf *m) {
 }
 // Seconds of a cross-process wait, scaled.
 double mmf_scaled(double seconds);
+// Sleeps through signals.
+void mmf_sleep_ns(int64_t ns);
 // Monotonic seconds.
 double mmf_now(void);

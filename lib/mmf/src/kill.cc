@@ -25,12 +25,7 @@ constexpr double kDumpSettleSeconds = 2;
 constexpr double kDumpLookEvery = 2;
 constexpr double kDumpLookFor = 30;
 
-void sleep_scaled(double seconds) {
-  double s = mmf_scaled(seconds);
-  timespec ts = {static_cast<time_t>(s), static_cast<long>((s - static_cast<time_t>(s)) * 1e9)};
-  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-  }
-}
+void sleep_scaled(double seconds) { mmf_sleep_ns(static_cast<int64_t>(mmf_scaled(seconds) * 1e9)); }
 
 // /bin/sh -c LINE with the signal mask emptied; the exit status, or -1.
 int run_shell(const std::string &line) {

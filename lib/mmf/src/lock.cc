@@ -42,12 +42,6 @@ int cpus() {
   return n;
 }
 
-void sleep_ns(int64_t ns) {
-  timespec ts = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
-  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-  }
-}
-
 // Sleeps for the round's back-off; returns the nanoseconds slept.
 int64_t lock_backoff(int64_t round) {
   if (cpus() > 1 && mmf_spin_limit && round >= 0 && round < mmf_spin_limit / 1000) {
@@ -63,7 +57,7 @@ int64_t lock_backoff(int64_t round) {
     ns = round * 1000;
   else
     ns = 10000000;
-  sleep_ns(ns);
+  mmf_sleep_ns(ns);
   return ns;
 }
 
@@ -95,6 +89,12 @@ bool take_from_dead(mmf *m, uint32_t *word, uint32_t dead, uint32_t me) {
   fprintf(stderr, "mmf: assertion '%s' failed at %s:%d\n", expr, file, line);
   fflush(stderr);
   abort();
+}
+
+void mmf_sleep_ns(int64_t ns) {
+  timespec ts = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  }
 }
 
 pid_t mmf_pid(void) {
