@@ -351,7 +351,11 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
       mmf_create_errno = errno;
     } else {
       made = true;
-      if (init_shared_info(m, num_alloc_sizes, alloc_sizes)) {
+      // An opener that found the file a moment after it appeared must not
+      // initialise it beside us: it waits on the same flock.
+      flock(m->fd, LOCK_EX);
+      bool ok = init_shared_info(m, num_alloc_sizes, alloc_sizes);
+      if (ok) {
         if (m->default_bytes && !m->shared_info->created_flag) {
           m->shared_info->created_flag = 1;
           if (created) *created = true;
@@ -360,6 +364,7 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
       } else {
         mmf_create_errno = errno;
       }
+      flock(m->fd, LOCK_UN);
     }
     if (sem >= 0) sem_op(sem, 1);
   } else {

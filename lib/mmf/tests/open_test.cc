@@ -1,5 +1,6 @@
 // The open rules: new and existing files, damaged files rebuilt without
 // asserting, an initialiser that died, growth cut short, a full file system.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -41,6 +42,41 @@ TEST_F(Open, ExistingFileKeepsItsBlocksAcrossReopen) {
   EXPECT_EQ(+m->shared_info->invalid_count, 0u);
   mmf_destroy(m);
   EXPECT_NE(access(real().c_str(), F_OK), 0);
+}
+
+// Processes that open a file that does not exist yet, all at once: the
+// creation semaphore lets one make it, the others find it ready.
+TEST_F(Open, ConcurrentFirstOpensMakeTheFileOnce) {
+  constexpr int kProcs = 5;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  std::vector<pid_t> kids;
+  for (int k = 0; k < kProcs; k++) {
+    pid_t p = fork();
+    if (p == 0) {
+      bool made = false;
+      mmf *m = open("/mfs/var/t/heap", 1 << 20, 64 << 10, 64 << 10, 0, &made);
+      off_t off;
+      char verdict = !m ? 'x' : !mmf_alloc(m, 100, &off) ? 'a' : made ? 'c' : 'o';
+      if (write(fds[1], &verdict, 1) != 1) _exit(2);
+      _exit(0);
+    }
+    kids.push_back(p);
+  }
+  close(fds[1]);
+  std::string verdicts;
+  char c;
+  while (read(fds[0], &c, 1) == 1) verdicts += c;
+  close(fds[0]);
+  for (pid_t p : kids) waitpid(p, nullptr, 0);
+  std::sort(verdicts.begin(), verdicts.end());
+  EXPECT_EQ(verdicts, "coooo");
+  mmf *m = open();
+  ASSERT_NE(m, nullptr);
+  EXPECT_EQ(m->shared_info->init_calls, 1u);
+  EXPECT_EQ(m->shared_info->alloc_count, uint32_t(kProcs));
+  EXPECT_TRUE(mmf_valid(m, false));
+  mmf_close(m);
 }
 
 // Each damage is found at open and the file comes back empty and valid.
