@@ -230,6 +230,7 @@ void mmf_free_offset(mmf *m, off_t user_offset) {
   si->frees_by_class[mmf_get_free_idx(si, nlen)]++;
   si->allocated_bytes -= nlen;
   n->flags = MMF_FLAG_FREE;
+  n->user_offset = noff + mmf_node_header_bytes;  // a control node named the other file's
   push_head(m, noff);
   n = nullptr;  // push_head maps other nodes
 

@@ -267,3 +267,46 @@ TEST_F(Heap, RandomRunAgainstModelInRegionMode) {
 }
 
 }  // namespace
+
+namespace {
+
+// A control file whose nodes name data in another file, and both emptied by
+// the paired free.
+TEST_F(Heap, ControlNodesNameDataInAnotherFile) {
+  mmf *c = open("/mfs/var/t/control");
+  mmf *d = open("/mfs/var/t/data");
+  ASSERT_NE(c, nullptr);
+  ASSERT_NE(d, nullptr);
+  std::vector<off_t> offs;
+  for (int i = 0; i < 30; i++) {
+    off_t off;
+    auto *p = static_cast<char *>(mmf_alloc2(c, d, 500, &off));
+    ASSERT_NE(p, nullptr);
+    snprintf(p, 500, "record %d", i);
+    offs.push_back(off);
+  }
+  EXPECT_EQ(c->shared_info->alloc_count, 30u);
+  EXPECT_EQ(d->shared_info->alloc_count, 30u);
+  for (int i = 0; i < 30; i++)
+    EXPECT_STREQ(static_cast<char *>(mmf_ensure_mapped2(c, d, offs[i], 500)), ("record " + std::to_string(i)).c_str());
+  EXPECT_TRUE(mmf_valid(c, false));
+  EXPECT_TRUE(mmf_valid(d, false));
+  // A plain offset of the control file is not a control node.
+  off_t plain;
+  ASSERT_NE(mmf_alloc(c, 8, &plain), nullptr);
+  EXPECT_DEATH(mmf_ensure_mapped2(c, d, plain, 8), "MMF_FLAG_DATA_OTHER_MMF");
+  mmf_free_offset(c, plain);
+  // Every other first: freed control nodes between live ones stay unmerged.
+  for (size_t i = 0; i < offs.size(); i += 2) mmf_free_offset2(c, d, offs[i]);
+  EXPECT_TRUE(mmf_valid(c, false));
+  for (size_t i = 1; i < offs.size(); i += 2) mmf_free_offset2(c, d, offs[i]);
+  EXPECT_EQ(+c->shared_info->allocated_bytes, 0u);
+  EXPECT_EQ(+d->shared_info->allocated_bytes, 0u);
+  EXPECT_EQ(walk_nodes(c).size(), 1u);
+  EXPECT_EQ(walk_nodes(d).size(), 1u);
+  EXPECT_TRUE(mmf_valid(c, false));
+  mmf_close(d);
+  mmf_close(c);
+}
+
+}  // namespace

@@ -243,6 +243,14 @@ void mmf_sem_remove(void);
 // Pointer to `bytes` mapped user bytes, their user offset in *out_offset; null
 // and 0 when nothing fits and the file cannot grow.
 void *mmf_alloc(mmf *m, uint32_t bytes, off_t *out_offset);
+// A control node (of the smallest class) in `control` naming `bytes` of data
+// in `data`: returns the data's pointer and stores the control node's user
+// offset. The control file's lock is taken first, always.
+void *mmf_alloc2(mmf *control, mmf *data, uint32_t bytes, off_t *out_offset);
+// Frees both nodes of a control offset, the control node first.
+void mmf_free_offset2(mmf *control, mmf *data, off_t user_offset);
+// Pointer to len bytes of the data a control offset names.
+void *mmf_ensure_mapped2(mmf *control, mmf *data, off_t user_offset, size_t len);
 // Frees the node of a user offset, merging it with free neighbours.
 void mmf_free_offset(mmf *m, off_t user_offset);
 // The named block of the file. *len in and out; 0 asks for what exists.
