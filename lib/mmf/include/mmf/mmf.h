@@ -25,8 +25,9 @@
 // line on stderr naming the check. A file found damaged at open is rebuilt,
 // never asserted on: one bad file must not kill every process that opens it.
 //
-// In single mapping the whole file is mapped at once and a pointer stays good
-// while the handle is open. In region mode only max_mapped_regions regions
+// In single mapping the whole file is mapped at once, inside a reservation of
+// max_bytes, and a pointer stays good while the handle is open (unless another
+// process grows the file past this handle's max_bytes, which maps it anew). In region mode only max_mapped_regions regions
 // are mapped at a time: a pointer is good only until the next call that maps
 // (any call taking an offset), so hold the lock and re-derive pointers.
 #pragma once
