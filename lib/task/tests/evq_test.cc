@@ -39,6 +39,7 @@ class Queues : public Kernel {
   void SetUp() override {
     Kernel::SetUp();
     task_evq.wait = task_evq_default.wait;
+    got.clear();
   }
 };
 
