@@ -25,6 +25,12 @@ int usage(FILE *f, int rc) {
   return rc;
 }
 
+// A one-line reason before the usage, so a mistyped command says what was wrong.
+int misuse(const char *why) {
+  fprintf(stderr, "tvxmm: %s\n", why);
+  return usage(stderr, 2);
+}
+
 void show_header(const mmf_shared_info_t *si) {
   printf("magic 0x%08x version %u header %u lock holder %u\n", si->magic, si->version, si->header_size,
          si->lockerpid);
@@ -72,9 +78,12 @@ int walk(mmf *m) {
 
 int main(int argc, char **argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) return usage(stdout, 0);
-  if (argc != 4 || strcmp(argv[1], "mmf") != 0) return usage(stderr, 2);
+  if (argc < 2) return misuse("a command is needed");
+  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (only mmf exists)");
+  if (argc != 4) return misuse("mmf takes a subcommand and a FILE");
   const char *cmd = argv[2], *file = argv[3];
-  if (strcmp(cmd, "show") && strcmp(cmd, "valid") && strcmp(cmd, "walk")) return usage(stderr, 2);
+  if (strcmp(cmd, "show") && strcmp(cmd, "valid") && strcmp(cmd, "walk"))
+    return misuse("unknown mmf subcommand (show, valid or walk)");
   mmf *m = mmf_open_existing(file);
   if (!m) {
     fprintf(stderr, "tvxmm: %s: %s\n", file, errno == EINVAL ? "not a mapped file of this format" : strerror(errno));

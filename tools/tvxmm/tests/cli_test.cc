@@ -79,8 +79,10 @@ TEST_F(Cli, DamageIsReportedAndLeftInPlace) {
 TEST_F(Cli, MissingFileAndUsageErrors) {
   EXPECT_EQ(tvxmm("mmf valid /mfs/var/t/none").rc, 1);
   EXPECT_EQ(tvxmm("mmf").rc, 2);
-  EXPECT_EQ(tvxmm("mmf frob /mfs/var/t/heap").rc, 2);
-  auto r = tvxmm("--help");
+  auto r = tvxmm("mmf frob /mfs/var/t/heap");
+  EXPECT_EQ(r.rc, 2);
+  EXPECT_EQ(r.out.rfind("tvxmm: unknown mmf subcommand", 0), 0u) << r.out;
+  r = tvxmm("--help");
   EXPECT_EQ(r.rc, 0);
   EXPECT_NE(r.out.find("usage: tvxmm mmf show FILE"), std::string::npos);
 }
