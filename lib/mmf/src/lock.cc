@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <ctime>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "internal.h"
@@ -148,6 +150,35 @@ bool mmf_pid_alive(pid_t pid) {
   return alive;
 }
 
+// Whether pid has this file mapped: /proc/PID/maps lists the device and
+// inode of every file mapping. A holder always maps the file it locks.
+bool maps_file(const mmf *m, pid_t pid) {
+  struct stat st;
+  if (fstat(m->fd, &st) != 0) return true;  // cannot tell: keep the holder
+  char path[64];
+  snprintf(path, sizeof path, "/proc/%d/maps", static_cast<int>(pid));
+  FILE *f = fopen(path, "re");
+  if (!f) return false;
+  char line[512];
+  bool found = false;
+  while (!found && fgets(line, sizeof line, f)) {
+    unsigned major, minor;
+    unsigned long long inode;
+    if (sscanf(line, "%*s %*s %*s %x:%x %llu", &major, &minor, &inode) == 3)
+      found = inode == st.st_ino && major == major(st.st_dev) && minor == minor(st.st_dev);
+    // A line longer than the buffer: skip its rest.
+    while (!strchr(line, '\n') && fgets(line, sizeof line, f)) {
+    }
+  }
+  fclose(f);
+  return found;
+}
+
+bool mmf_holder_alive(const mmf *m, pid_t pid) {
+  if (!mmf_pid_alive(pid)) return false;
+  return pid == mmf_pid() || maps_file(m, pid);
+}
+
 void mmf_lock(mmf *m) {
   while (m->closing && !pthread_equal(m->closing_thread, pthread_self())) usleep(10000);
   mmf_shared_info_t *si = m->shared_info;
@@ -202,7 +233,7 @@ void mmf_lock(mmf *m) {
       }
       if (now >= next_check) {
         next_check = now + mmf_scaled(kHolderCheckSeconds);
-        if (!mmf_pid_alive(static_cast<pid_t>(holder)) && take_from_dead(m, word, holder, me)) {
+        if (!mmf_holder_alive(m, static_cast<pid_t>(holder)) && take_from_dead(m, word, holder, me)) {
           // Released at once, so the next round competes fairly for it.
           m->locker_thread = pthread_self();
           m->locker_cnt = 1;

@@ -176,7 +176,7 @@ void wait_for_initialiser(mmf *m) {
     if (waited >= limit) break;
     if (waited >= next_check) {
       next_check += mmf_scaled(1);
-      if (!mmf_pid_alive(static_cast<pid_t>(si->init_pid))) {
+      if (!mmf_holder_alive(m, static_cast<pid_t>(si->init_pid))) {
         si->magic = 0;
         si->init_pid = 0;
         break;

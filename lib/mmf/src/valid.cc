@@ -1,4 +1,6 @@
 // Mapping by offset, node and whole-file validation, and the free-list print.
+#include <algorithm>
+
 #include "internal.h"
 
 namespace {
@@ -59,6 +61,10 @@ mmf_node_header_t *mmf_node_validate(mmf *m, off_t offset) {
     if (static_cast<int64_t>(off + mmf_node_bytes) > mmf_view_bytes(m)) return nullptr;
   }
   if (!m->single_mapping && !CHECK(off >= si->first_alloc_offset)) return nullptr;
+  // Nodes start on 4-byte boundaries and are whole words long (page-aligned
+  // heap, lengths of 8-byte requests plus a 52-byte overhead): anything else
+  // is damage, and reading a record there would be misaligned.
+  if (!CHECK(off % 4 == 0)) return nullptr;
   mmf_node_header_t *n = mmf_node_at(m, off);
   if (!n) return nullptr;
   if (!CHECK(off == n->offset)) return nullptr;
@@ -71,7 +77,8 @@ mmf_node_header_t *mmf_node_validate(mmf *m, off_t offset) {
   if (!CHECK(n->prev_offset < si->current_bytes)) return nullptr;
   if (!CHECK(n->next_offset < si->current_bytes)) return nullptr;
   uint32_t nlen = n->len;
-  if (!CHECK(nlen >= mmf_node_bytes && off + nlen <= si->current_bytes)) return nullptr;
+  if (!CHECK(nlen >= mmf_node_bytes && nlen % 4 == 0 && off + nlen <= si->current_bytes)) return nullptr;
+  if (m->single_mapping && static_cast<int64_t>(off + nlen) > mmf_view_bytes(m)) return nullptr;
   const mmf_node_trailer_t *t = mmf_trailer_at(m, off + nlen - 8);
   if (!t) return nullptr;
   if (!CHECK(t->pattern == MMF_TRAILER_PATTERN)) return nullptr;
@@ -91,10 +98,14 @@ bool mmf_validate_user_offset(mmf *m, off_t user_offset, bool assert_on_fail) {
   uint64_t view = static_cast<uint64_t>(mmf_view_bytes(m));
   // Mapping trouble is not damage: an offset that cannot be mapped passes.
   if (off + mmf_node_bytes > view || off < si->first_alloc_offset) return true;
+  if (off % 4 != 0) {  // no node starts there
+    if (assert_on_fail) mmf_assert_fail("user_offset % 4 == 0", __FILE__, __LINE__);
+    return false;
+  }
   const mmf_node_header_t *n = mmf_node_at(m, off);
   if (!n) return true;
   uint32_t nlen = n->len;
-  bool ok = n->pattern == MMF_HEADER_PATTERN && nlen >= mmf_node_bytes && off + nlen <= view;
+  bool ok = n->pattern == MMF_HEADER_PATTERN && nlen >= mmf_node_bytes && nlen % 4 == 0 && off + nlen <= view;
   if (ok) {
     const mmf_node_trailer_t *t = mmf_trailer_at(m, off + nlen - 8);
     ok = !t || (t->pattern == MMF_TRAILER_PATTERN && t->len == nlen);
@@ -152,6 +163,20 @@ bool mmf_valid(mmf *m, bool assert_on_fail) {
     off = prev_end;
   }
   if (ok && !CHECK(off == si->current_bytes)) ok = false;
+  // Every free list leads through free nodes only, each linked back to the
+  // one before it, and ends: the allocator follows these links.
+  for (uint32_t i = 0; ok && off == si->current_bytes && i < si->num_alloc_sizes; i++) {
+    uint64_t prev = 0, count = 0;
+    for (uint64_t f = si->free_heads[i]; f;) {
+      const mmf_node_header_t *n = mmf_node_validate(m, static_cast<off_t>(f));
+      if (!n || !CHECK(n->flags & MMF_FLAG_FREE) || !CHECK(n->prev_offset == prev) || !CHECK(++count <= iters)) {
+        ok = false;
+        break;
+      }
+      prev = f;
+      f = n->next_offset;
+    }
+  }
   m->last_valid_iters = static_cast<uint32_t>(iters);
   m->last_valid_seconds = static_cast<uint32_t>(mmf_now() - start);
   si->last_valid_iters = m->last_valid_iters;
@@ -178,7 +203,11 @@ void mmf_show_to(FILE *f, const char *title, mmf *m) {
       uint64_t behind = h.offset + h.len;
       unsigned long long nno = 0;
       bool coalesce = false;
-      if (behind < si->current_bytes) {
+      // The neighbour is read only where its whole header lies in the file
+      // and in this view: a damaged length or current_bytes points anywhere.
+      const uint64_t cur = si->current_bytes;  // packed: read by value, never bound to a reference
+      const uint64_t end = std::min(cur, static_cast<uint64_t>(mmf_view_bytes(m)));
+      if (behind >= h.offset && behind < end && end - behind >= mmf_node_bytes) {
         const mmf_node_header_t *b = mmf_node_at(m, behind);
         nno = b->next_offset;
         coalesce = (b->flags & MMF_FLAG_FREE) && b->pattern == MMF_HEADER_PATTERN;

@@ -261,6 +261,31 @@ TEST_F(Lock, HolderKilledWhileHoldingIsTakenOver) {
   }
 }
 
+// A lock word naming a live process that does not map the file (damage, or
+// a dead holder's pid reused) is no holder: it is taken over at the first
+// holder check, and that process is neither dumped nor killed.
+TEST_F(Lock, AWordNamingAProcessWithoutTheFileIsTakenOver) {
+  mmf_set_time_scale(0.01);  // holder check every 20 ms, stuck limit 0.6 s
+  mmf *m = open();
+  ASSERT_NE(m, nullptr);
+  pid_t stranger = fork();
+  if (stranger == 0) {
+    mmf_close(m);  // lives on without the file
+    pause();
+    _exit(3);
+  }
+  usleep(20000);  // the child's unmapping done
+  m->shared_info->lockerpid = static_cast<uint32_t>(stranger);
+  mmf_lock(m);
+  EXPECT_EQ(+m->shared_info->lockerpid, static_cast<uint32_t>(getpid()));
+  mmf_unlock(m);
+  EXPECT_EQ(+m->shared_info->dead_holder_takeovers, 1u);
+  EXPECT_TRUE(mmf_pid_alive(stranger));
+  kill(stranger, SIGKILL);
+  EXPECT_EQ(wait_exit(stranger), 128 + SIGKILL);
+  mmf_destroy(m);
+}
+
 // A holder stopped with SIGSTOP keeps the word past the (scaled) limit: the
 // waiter dumps both cores with gcore (a fake that records its arguments),
 // kills the holder and ends itself; this process then takes the word over.

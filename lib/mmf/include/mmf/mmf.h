@@ -311,3 +311,7 @@ void mmf_kill_holder(const char *name, pid_t pid);
 extern int mmf_fatal_line;
 // Whether a process is alive by /proc (a zombie is dead).
 bool mmf_pid_alive(pid_t pid);
+// Whether pid is alive and has this file mapped, as every holder of its lock
+// word and its initialiser do. A word naming any other process (a dead
+// holder's pid reused, or damage) is taken over instead of waited on.
+bool mmf_holder_alive(const mmf *m, pid_t pid);
