@@ -191,6 +191,7 @@ struct OursHeap {
   void release(H h) { mmf_free_offset(m, h.off); }
   static bool null(H h) { return h.p == nullptr || h.off == 0; }
   uint8_t *ptr(H h, uint32_t n) { return static_cast<uint8_t *>(mmf_user_ptr(m, h.off, n)); }
+  bool empty() const { return m->shared_info->allocated_bytes == 0; }
 };
 
 struct BoostHeap {
@@ -200,6 +201,7 @@ struct BoostHeap {
   void release(H h) { seg->deallocate(h); }
   static bool null(H h) { return h == nullptr; }
   uint8_t *ptr(H h, uint32_t) { return static_cast<uint8_t *>(h); }
+  bool empty() const { return seg->all_memory_deallocated(); }
 };
 
 uint8_t fill_byte(size_t slot, size_t step) { return static_cast<uint8_t>(slot * 31 + step * 7 + 1); }
@@ -246,6 +248,7 @@ const char *check(Heap &heap) {
     if (!err && !intact(i)) err = "a block's contents changed by the end";
     heap.release(set[i]);
   }
+  if (!err && !heap.empty()) err = "memory still allocated after every block was freed";
   return err;
 }
 
