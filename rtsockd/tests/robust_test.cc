@@ -100,7 +100,7 @@ size_t count(const std::string &s, const std::string &what) {
 }
 
 TEST(RtsockdRobust, SocketsAreOwnerOnlyWhateverTheUmask) {
-  Peer peer(SAMPLE_STATE, {.umask = 0, .nofile = 0, .sock = ""});
+  Peer peer(SAMPLE_STATE, {.umask = 0, .nofile = 0, .sock = "", .state_text = ""});
   ASSERT_TRUE(peer.ready());
   for (const std::string &path : {peer.sock(), peer.sock() + ".admin"}) {
     struct stat st;
@@ -163,7 +163,7 @@ TEST(RtsockdRobust, AStaleSocketIsReplacedALiveOneRefused) {
   strlcpy(sa.sun_path, stale.c_str(), sizeof sa.sun_path);
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
   close(fd);
-  Peer second(SAMPLE_STATE, {.umask = 022, .nofile = 0, .sock = stale});
+  Peer second(SAMPLE_STATE, {.umask = 022, .nofile = 0, .sock = stale, .state_text = ""});
   ASSERT_TRUE(second.ready()) << second.log();
   Handle on_stale;
   EXPECT_NE(on_stale.c, nullptr);
@@ -322,7 +322,7 @@ TEST(RtsockdRobust, ListenersThatNeverReadHoldBoundedMemory) {
 // The descriptor limit: a listener that cannot accept neither spins nor
 // forgets; once others leave, a waiting client is served.
 TEST(RtsockdRobust, AtTheDescriptorLimitItPausesAndComesBack) {
-  Peer peer(SAMPLE_STATE, {.umask = 022, .nofile = 24, .sock = ""});
+  Peer peer(SAMPLE_STATE, {.umask = 022, .nofile = 24, .sock = "", .state_text = ""});
   ASSERT_TRUE(peer.ready());
   EXPECT_EQ(peer.admin("clients"), "queued in all 0 bytes of 16777216\nok\n");  // the admin connection, made while there is room
   std::vector<int> idle;

@@ -1,0 +1,132 @@
+// The real rtsockd as a child process, for tests and benchmarks alike:
+// started in a temporary directory on its own socket path, ready when it
+// says it serves, its standard error kept, its admin socket one call away.
+// No test framework here: callers check what the calls return.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "platform/compat.h"
+
+class RtsockdProcess {
+ public:
+  // How the process starts: its umask and descriptor limit (0: inherited).
+  struct Options {
+    mode_t umask = 022;
+    rlim_t nofile = 0;
+    std::string sock;        // the socket path; empty: one in the temporary directory
+    std::string state_text;  // non-empty: written to a state file there, used instead of the path given
+  };
+  RtsockdProcess(const char *state, const Options &o) {
+    char tmpl[] = "/tmp/rtsockd_test.XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    sock_ = o.sock.empty() ? dir_ + "/rtsock" : o.sock;
+    std::string file = state ? state : "";
+    if (!o.state_text.empty()) {
+      file = dir_ + "/state";
+      FILE *f = fopen(file.c_str(), "w");
+      fputs(o.state_text.c_str(), f);
+      fclose(f);
+    }
+    int p[2];
+    if (pipe2(p, O_CLOEXEC) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(p[1], 2);
+      umask(o.umask);
+      if (o.nofile) {
+        rlimit rl{o.nofile, o.nofile};
+        setrlimit(RLIMIT_NOFILE, &rl);
+      }
+      execl(RTSOCKD_BIN, "rtsockd", "-f", file.c_str(), "-s", sock_.c_str(), nullptr);
+      _exit(127);
+    }
+    close(p[1]);
+    err_ = p[0];
+    ready_ = wait_log("serving ", 60000);  // a large state file under the sanitizer loads slowly
+    setenv("RTSOCK_PATH", sock_.c_str(), 1);
+  }
+  ~RtsockdProcess() {
+    if (admin_fd_ >= 0) close(admin_fd_);
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      int st;
+      waitpid(pid_, &st, 0);
+    }
+    if (err_ >= 0) close(err_);
+    unsetenv("RTSOCK_PATH");
+    std::string cmd = "rm -rf " + dir_;
+    if (system(cmd.c_str())) {
+    }
+  }
+  RtsockdProcess(const RtsockdProcess &) = delete;
+  RtsockdProcess &operator=(const RtsockdProcess &) = delete;
+
+  bool ready() const { return ready_; }
+  const std::string &sock() const { return sock_; }
+  bool alive() { return waitpid(pid_, nullptr, WNOHANG) == 0; }
+  pid_t pid() const { return pid_; }
+  const std::string &dir() const { return dir_; }
+  const std::string &log() const { return log_; }
+
+  // Reads standard error until a line holds `text` (or no line comes for a while: a hang).
+  bool wait_log(const std::string &text, int quiet_ms = 10000) {
+    for (;;) {
+      if (log_.find(text) != std::string::npos) return true;
+      pollfd pf{err_, POLLIN, 0};
+      if (poll(&pf, 1, quiet_ms) <= 0) return false;
+      char buf[4096];
+      ssize_t n = read(err_, buf, sizeof buf);
+      if (n <= 0) return false;
+      log_.append(buf, static_cast<size_t>(n));
+    }
+  }
+
+  // One admin command; the reply up to its "ok" or "error:" line ("error:
+  // connect" or "error: send" when the socket fails).
+  std::string admin(const std::string &cmd) {
+    if (admin_fd_ < 0) {
+      admin_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      timeval tv{10, 0};  // a reply that never ends fails the caller instead of hanging it
+      setsockopt(admin_fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+      sockaddr_un sa{};
+      sa.sun_family = AF_UNIX;
+      strlcpy(sa.sun_path, (sock_ + ".admin").c_str(), sizeof sa.sun_path);
+      if (connect(admin_fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
+        close(admin_fd_);
+        admin_fd_ = -1;
+        return "error: connect";
+      }
+    }
+    std::string line = cmd + "\n";
+    if (send(admin_fd_, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
+      return "error: send";
+    std::string out;
+    while (!(out.size() >= 3 && out.compare(out.size() - 3, 3, "ok\n") == 0) &&
+           out.find("error:") == std::string::npos) {
+      char buf[65536];
+      ssize_t n = recv(admin_fd_, buf, sizeof buf, 0);
+      if (n <= 0) break;
+      out.append(buf, static_cast<size_t>(n));
+    }
+    return out;
+  }
+
+ private:
+  std::string dir_, sock_, log_;
+  pid_t pid_ = -1;
+  int err_ = -1, admin_fd_ = -1;
+  bool ready_ = false;
+};
