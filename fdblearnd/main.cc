@@ -71,20 +71,25 @@ int listen_on(const std::string &path) {
     }
     unlink(path.c_str());
   }
+  // Bound and listening under a private name first, then renamed into place: whoever sees the
+  // path can connect, with no window between bind and listen that refuses.
+  std::string temp = path + "." + std::to_string(getpid());
   sockaddr_un sun{};
   sun.sun_family = AF_UNIX;
-  if (path.size() >= sizeof sun.sun_path) {
+  if (temp.size() >= sizeof sun.sun_path) {
     log("%s: path too long", path.c_str());
     return -1;
   }
-  memcpy(sun.sun_path, path.c_str(), path.size());
+  memcpy(sun.sun_path, temp.c_str(), temp.size());
+  unlink(temp.c_str());
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   // The socket is made 0600 whatever the umask: only root may ask.
   mode_t old = umask(0177);
   int rc = fd < 0 ? -1 : bind(fd, reinterpret_cast<sockaddr *>(&sun), sizeof sun);
   umask(old);
-  if (rc < 0 || listen(fd, 16) < 0) {
+  if (rc < 0 || listen(fd, 16) < 0 || rename(temp.c_str(), path.c_str()) < 0) {
     log("%s: %s", path.c_str(), strerror(errno));
+    if (rc == 0) unlink(temp.c_str());
     if (fd >= 0) close(fd);
     return -1;
   }
