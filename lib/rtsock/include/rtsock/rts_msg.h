@@ -255,30 +255,89 @@ struct rts_rtb_msg {
   uint32_t rtbm_name_len;
   uint16_t rtbm_parent;
   uint32_t rtbm_route_count;
+  uint16_t rtbm_attr;     // the table's attribute word; a change of it is a change of the table
 };
 constexpr uint16_t RTS_RTB_INDEX_BY_NAME = 65535;
 
 // Interface names in requests: at most 60 bytes with the terminator.
 constexpr uint32_t RTS_IFNAME_MAX = 60;
 
-// Interface device, type 5, version 106.
+// Interface records, types 5 to 8. The fields below are this platform's
+// choice (the kernel's own lists are not published): what a mirror of the
+// interfaces keeps and compares, each under its own tag. Nested groups are
+// written "group.field" in rtsockd's text form ("mcae.rg_id=1").
+
+// Multichassis aggregate (MC-AE) options of a device; rg_id 0: none.
+struct rts_ifd_mcae {
+  uint32_t rg_id;          // redundancy group
+  uint32_t mcae_id;
+  uint8_t mode;            // 1 active-active, 2 active-standby
+  uint8_t status;          // 1 active, 2 standby
+  uint16_t local_port_id;  // this chassis's port id inside the group
+  uint8_t chassis_id;
+};
+// Ethernet-port options of a device: LACP and link options.
+struct rts_ifd_ep {
+  uint32_t flags;          // RTS_IFD_EP_*
+  uint8_t lacp_mode;       // 0 off, 1 passive, 2 active
+  uint8_t lacp_period;     // 0 slow, 1 fast
+  uint16_t system_priority;
+};
+enum : uint32_t { RTS_IFD_EP_FLOW_CONTROL = 0x1, RTS_IFD_EP_LOOPBACK = 0x2, RTS_IFD_EP_NO_AUTONEG = 0x4 };
+// Firewall filters bound to a device, by filter index (0: none bound):
+// binding type 1 is input, 2 output.
+struct rts_ifd_fw {
+  uint32_t input;
+  uint32_t output;
+};
+enum : uint8_t { RTS_FW_BIND_INPUT = 1, RTS_FW_BIND_OUTPUT = 2 };
+
+// Interface device, type 5, version 106. An aggregate member names its
+// parent device by agg_parentidx, an interface-hierarchy child by
+// ifh_parentidx; never both.
 struct rts_ifd_msg {
   rts_msg_hdr hdr;
   uint16_t ifdm_index;
   char *ifdm_name;
   uint32_t ifdm_name_len;
   uint32_t ifdm_snmp_index;
-  uint32_t ifdm_flags;
+  uint32_t ifdm_flags;      // RTS_IFF_* below
   uint32_t ifdm_devflags;
-  uint16_t ifdm_porttype;
+  uint16_t ifdm_porttype;   // media: the port type, fixed once the device exists
   uint32_t ifdm_mtu;
   uint64_t ifdm_speed;
   uint8_t ifdm_mac[6];
   uint16_t ifdm_agg_parentidx;
+  uint16_t ifdm_ifh_parentidx;
+  uint32_t ifdm_state;      // RTS_IFD_STATE_* (why a device is down)
+  uint8_t ifdm_duplex;      // 0 auto, 1 half, 2 full
+  uint8_t ifdm_autoneg;     // 0 off, 1 on, 2 complete
+  rts_ifd_mcae ifdm_mcae;
+  rts_ifd_ep ifdm_ep;
+  rts_ifd_fw ifdm_fw;
+};
+// Flag bits of devices and logical interfaces, in the order their names are
+// printed: "Broadcast", "PointToPoint", "Simplex", "Absent", "AbsentDown",
+// "NoAge", "Localup", "OamDown", "Refresh". RTS_IFF_UP is the link state.
+enum : uint32_t {
+  RTS_IFF_BROADCAST = 0x1, RTS_IFF_POINTOPOINT = 0x2, RTS_IFF_SIMPLEX = 0x4, RTS_IFF_ABSENT = 0x8,
+  RTS_IFF_ABSENTDOWN = 0x10, RTS_IFF_NOAGE = 0x20, RTS_IFF_LOCALUP = 0x40, RTS_IFF_OAMDOWN = 0x80,
+  RTS_IFF_REFRESH = 0x100, RTS_IFF_UP = 0x8000,
+};
+// Down causes of a device: "harddown", "admindown", "linkdown".
+enum : uint32_t { RTS_IFD_STATE_HARDDOWN = 0x1, RTS_IFD_STATE_ADMINDOWN = 0x2, RTS_IFD_STATE_LINKDOWN = 0x4 };
+
+// VTEP data of a logical interface that is a VXLAN tunnel end point;
+// flags 0: not one.
+struct rts_ifl_vtep {
+  uint32_t flags;       // bit 0: a VTEP; bit 1: the source is IPv6
+  uint16_t udp_port;
+  uint8_t src[16];      // the source address, 4 or 16 bytes used
 };
 
 // Logical interface, type 6, version 107. The name is the device's; the
-// logical interface is "<name>.<unit>".
+// logical interface is "<name>.<unit>". rtb_id is the routing instance it
+// belongs to; agg_index the aggregate's logical interface (0 none).
 struct rts_ifl_msg {
   rts_msg_hdr hdr;
   uint16_t iflm_ifd_index;
@@ -292,10 +351,16 @@ struct rts_ifl_msg {
   uint16_t iflm_encaps;
   uint16_t iflm_vlan;
   uint64_t iflm_bandwidth;
+  uint32_t iflm_agg_index;
+  uint8_t iflm_df_role;       // EVPN designated forwarder: 0 none, 1 DF, 2 non-DF
+  uint16_t iflm_bw_weight;    // 0 on the wire means the default, 32768
+  rts_ifl_vtep iflm_vtep;
 };
 
 // Address family on a logical interface, type 7, version 102. The name is the
-// logical interface's ("<device>.<unit>").
+// logical interface's ("<device>.<unit>"). mtu is the configured value,
+// max_mtu what the device allows; the family's effective MTU is the smaller
+// non-zero one. features is the family's 64-bit feature word.
 struct rts_iff_msg {
   rts_msg_hdr hdr;
   uint32_t iffm_ifl_index;
@@ -304,9 +369,11 @@ struct rts_iff_msg {
   uint32_t iffm_mtu;
   char *iffm_name;
   uint32_t iffm_name_len;
+  uint32_t iffm_max_mtu;
+  uint64_t iffm_features;
 };
 
-// Interface address, type 8, version 101.
+// Interface address, type 8, version 101. flags: RTS_IFA_* below.
 struct rts_ifa_msg {
   rts_msg_hdr hdr;
   uint32_t ifam_ifl_index;
@@ -322,6 +389,7 @@ struct rts_ifa_msg {
   uint16_t ifam_bcast_plen;
   uint8_t *ifam_bcast;
 };
+enum : uint32_t { RTS_IFA_PRIMARY = 0x1, RTS_IFA_PREFERRED = 0x2, RTS_IFA_DEST = 0x10 };
 
 // Generic configuration, type 72, version 105.
 #pragma pack(push, 4)
