@@ -140,21 +140,29 @@ void rt_instance_krt_handler(task *, void *message, uint32_t length) {
 // ---- Scans -------------------------------------------------------------------------------------
 namespace {
 
+// The builder's cursor, and whether a reply moved it yet (the first get asks
+// for index 0 itself).
+struct RttCursor {
+  krt_cursor_rtb rtb;
+  uint8_t seen;
+};
+
 template <uint8_t AF>
 int rtt_reply(void *m, uint32_t len, krt_scan_state *st) {
   auto *r = static_cast<rts_rtb_msg *>(m);
   if (r->hdr.type != RTS_T_RTTABLE || !krt_scan_version_ok(r) || r->rtbm_af != AF) return 0;
-  auto *c = reinterpret_cast<krt_cursor_rtb *>(st->priv);
-  if (!st->first_request && r->rtbm_index <= c->index) return 0;
-  c->index = r->rtbm_index;
+  auto *c = reinterpret_cast<RttCursor *>(st->priv);
+  if (c->seen && r->rtbm_index <= c->rtb.index) return 0;
+  c->rtb.index = r->rtbm_index;
+  c->seen = 1;
   rt_instance_rtsock_handler(r, len);
-  return c->index != RTS_RTB_INDEX_BY_NAME;
+  return c->rtb.index != RTS_RTB_INDEX_BY_NAME;
 }
 
 const krt_scan kScans[RT_INSTANCE_SCAN_COUNT] = {
-    {RTS_T_RTTABLE, 1, sizeof(krt_cursor_rtb), 1, nullptr, nullptr, nullptr, krt_scan_req_rttable_inet,
+    {RTS_T_RTTABLE, 1, sizeof(RttCursor), 1, nullptr, nullptr, nullptr, krt_scan_req_rttable_inet,
      rtt_reply<RTS_AF_INET>, nullptr},
-    {RTS_T_RTTABLE, 1, sizeof(krt_cursor_rtb), 1, nullptr, nullptr, nullptr, krt_scan_req_rttable_inet6,
+    {RTS_T_RTTABLE, 1, sizeof(RttCursor), 1, nullptr, nullptr, nullptr, krt_scan_req_rttable_inet6,
      rtt_reply<RTS_AF_INET6>, nullptr},
 };
 
