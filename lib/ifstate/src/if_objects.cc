@@ -39,6 +39,13 @@ int if_addr_cmp(const hbt_node *a, const hbt_node *b) {
   return int(x->ifa_local_bits) - int(y->ifa_local_bits);
 }
 
+// The record of a tree node, null for none.
+#define ENTRY(node, type, member) entry_of<type, offsetof(type, member)>(node)
+template <class T, size_t Off>
+T *entry_of(hbt_node *n) {
+  return n ? reinterpret_cast<T *>(reinterpret_cast<char *>(n) - Off) : nullptr;
+}
+
 uint16_t name_key_len(const char *name) { return static_cast<uint16_t>(strnlen(name, IF_NAME_SIZE - 1) + 1); }
 
 void copy_name(char *dst, const char *src) {
@@ -106,8 +113,7 @@ const char *if_family_name(uint8_t family) {
 if_device *ifd_find_by_index(uint16_t index) {
   if_device probe;
   probe.ifd_index = index;
-  hbt_node *n = hbt_lookup(&ifd_list, &probe.ifd_hnode, ifd_cmp);
-  return n ? HBT_ENTRY(n, if_device, ifd_hnode) : nullptr;
+  return ENTRY(hbt_lookup(&ifd_list, &probe.ifd_hnode, ifd_cmp), if_device, ifd_hnode);
 }
 if_device *ifd_find_by_name(const char *name) {
   if (!pools.ready || !name) return nullptr;
@@ -115,20 +121,17 @@ if_device *ifd_find_by_name(const char *name) {
   return n ? PATRICIA_ENTRY(n, if_device, ifd_pnode) : nullptr;
 }
 if_device *ifd_first(void) {
-  hbt_node *n = hbt_iterate_next(&ifd_list, nullptr);
-  return n ? HBT_ENTRY(n, if_device, ifd_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&ifd_list, nullptr), if_device, ifd_hnode);
 }
 if_device *ifd_next(const if_device *ifd) {
-  hbt_node *n = hbt_iterate_next(&ifd_list, &ifd->ifd_hnode);
-  return n ? HBT_ENTRY(n, if_device, ifd_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&ifd_list, &ifd->ifd_hnode), if_device, ifd_hnode);
 }
 uint32_t ifd_count(void) { return n_ifd; }
 
 if_link *ifl_find_by_index(uint32_t index) {
   if_link probe;
   probe.ifl_index = index;
-  hbt_node *n = hbt_lookup(&if_link_list, &probe.ifl_hnode, ifl_cmp);
-  return n ? HBT_ENTRY(n, if_link, ifl_hnode) : nullptr;
+  return ENTRY(hbt_lookup(&if_link_list, &probe.ifl_hnode, ifl_cmp), if_link, ifl_hnode);
 }
 if_link *ifl_find_by_name(const char *name) {
   if (!pools.ready || !name) return nullptr;
@@ -136,52 +139,42 @@ if_link *ifl_find_by_name(const char *name) {
   return n ? PATRICIA_ENTRY(n, if_link, ifl_pnode) : nullptr;
 }
 if_link *ifl_first(void) {
-  hbt_node *n = hbt_iterate_next(&if_link_list, nullptr);
-  return n ? HBT_ENTRY(n, if_link, ifl_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&if_link_list, nullptr), if_link, ifl_hnode);
 }
 if_link *ifl_next(const if_link *ifl) {
-  hbt_node *n = hbt_iterate_next(&if_link_list, &ifl->ifl_hnode);
-  return n ? HBT_ENTRY(n, if_link, ifl_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&if_link_list, &ifl->ifl_hnode), if_link, ifl_hnode);
 }
 if_link *ifl_first_of(const if_device *ifd) {
-  hbt_node *n = hbt_iterate_next(&ifd->ifd_if_list, nullptr);
-  return n ? HBT_ENTRY(n, if_link, ifl_dnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&ifd->ifd_if_list, nullptr), if_link, ifl_dnode);
 }
 if_link *ifl_next_of(const if_link *ifl) {
-  hbt_node *n = hbt_iterate_next(&ifl->ifl_ifd->ifd_if_list, &ifl->ifl_dnode);
-  return n ? HBT_ENTRY(n, if_link, ifl_dnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&ifl->ifl_ifd->ifd_if_list, &ifl->ifl_dnode), if_link, ifl_dnode);
 }
 uint32_t ifl_count(void) { return n_ifl; }
 
 if_family *iff_find(const if_link *ifl, uint8_t family) {
   if_family probe;
   probe.iff_family = family;
-  hbt_node *n = hbt_lookup(&ifl->ifl_aflist, &probe.iff_hnode, if_family_cmp);
-  return n ? HBT_ENTRY(n, if_family, iff_hnode) : nullptr;
+  return ENTRY(hbt_lookup(&ifl->ifl_aflist, &probe.iff_hnode, if_family_cmp), if_family, iff_hnode);
 }
 if_family *iff_first(const if_link *ifl) {
-  hbt_node *n = hbt_iterate_next(&ifl->ifl_aflist, nullptr);
-  return n ? HBT_ENTRY(n, if_family, iff_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&ifl->ifl_aflist, nullptr), if_family, iff_hnode);
 }
 if_family *iff_next(const if_family *iff) {
-  hbt_node *n = hbt_iterate_next(&iff->iff_ifl->ifl_aflist, &iff->iff_hnode);
-  return n ? HBT_ENTRY(n, if_family, iff_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&iff->iff_ifl->ifl_aflist, &iff->iff_hnode), if_family, iff_hnode);
 }
 if_address *ifa_find(const if_family *iff, const uint8_t *local, uint16_t bits) {
   if_address probe;
   memset(probe.ifa_local, 0, IF_ADDR_BYTES);
   if (local) memcpy(probe.ifa_local, local, ifs::prefix_bytes(bits));
   probe.ifa_local_bits = bits;
-  hbt_node *n = hbt_lookup(&iff->iff_addr_list, &probe.ifa_hnode, if_addr_cmp);
-  return n ? HBT_ENTRY(n, if_address, ifa_hnode) : nullptr;
+  return ENTRY(hbt_lookup(&iff->iff_addr_list, &probe.ifa_hnode, if_addr_cmp), if_address, ifa_hnode);
 }
 if_address *ifa_first(const if_family *iff) {
-  hbt_node *n = hbt_iterate_next(&iff->iff_addr_list, nullptr);
-  return n ? HBT_ENTRY(n, if_address, ifa_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&iff->iff_addr_list, nullptr), if_address, ifa_hnode);
 }
 if_address *ifa_next(const if_address *ifa) {
-  hbt_node *n = hbt_iterate_next(&ifa->ifa_iff->iff_addr_list, &ifa->ifa_hnode);
-  return n ? HBT_ENTRY(n, if_address, ifa_hnode) : nullptr;
+  return ENTRY(hbt_iterate_next(&ifa->ifa_iff->iff_addr_list, &ifa->ifa_hnode), if_address, ifa_hnode);
 }
 
 // ---- Creation -------------------------------------------------------------------------------------
@@ -314,6 +307,5 @@ const char *if_flags_text(uint32_t flags, char *buf, size_t size) {
 if_link *ifl_find_next(uint32_t index) {
   if_link probe;
   probe.ifl_index = index;
-  hbt_node *n = hbt_getnext(&if_link_list, &probe.ifl_hnode, ifl_cmp);
-  return n ? HBT_ENTRY(n, if_link, ifl_hnode) : nullptr;
+  return ENTRY(hbt_getnext(&if_link_list, &probe.ifl_hnode, ifl_cmp), if_link, ifl_hnode);
 }
