@@ -119,6 +119,14 @@ int rt_instance_rtsock_handler(void *message, uint32_t) {
     if (!rti) return 1;
     rti->rti_flags |= RTI_DELETE;
   } else if (!rti) {
+    // Another table of the family under this name: the kernel never says so,
+    // a peer's admin can; ignored rather than a fault of the daemon.
+    char name[RT_INSTANCE_NAME_SIZE];
+    snprintf(name, sizeof name, "%s&AF=%d", m->rtbm_name ? m->rtbm_name : "", int(m->rtbm_af));
+    if (rt_instance *other = rt_instance_find_by_name(name)) {
+      IF_TRACE("rttable msg: %s is held by table %d, table %d ignored", name, int(other->rti_id), int(m->rtbm_index));
+      return 1;
+    }
     rti = create(m->rtbm_af, m->rtbm_index, m->rtbm_name);
     rti->rti_flags = RTI_NEW;
     rti->rti_attr = m->rtbm_attr;

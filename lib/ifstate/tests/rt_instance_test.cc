@@ -63,6 +63,15 @@ TEST_F(RtInstance, FlagsSayNewChangedOrDeletedAndAnUnknownDeleteSaysNothing) {
   EXPECT_EQ(rt_instance_count(), 0u);
 }
 
+TEST_F(RtInstance, ANameHeldByAnotherTableOfTheFamilyIsIgnored) {
+  rtt(RTS_AF_INET, 1, "blue");
+  EXPECT_EQ(rtt(RTS_AF_INET, 2, "blue"), 1);
+  rtt(RTS_AF_INET6, 2, "blue");  // another family: another key
+  EXPECT_EQ(rt_instance_find(RTS_AF_INET, 2), nullptr);
+  EXPECT_EQ(rt_instance_find_by_name("blue&AF=2")->rti_id, 1);
+  EXPECT_EQ(rt_instance_count(), 2u);
+}
+
 TEST_F(RtInstance, AFilterTakesMessagesAsHandled) {
   rt_instance_filter_set([](const void *m) { return static_cast<const rts_rtb_msg *>(m)->rtbm_index > 100; });
   EXPECT_EQ(rtt(RTS_AF_INET, 101, "big"), 1);
