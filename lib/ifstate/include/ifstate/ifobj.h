@@ -14,8 +14,9 @@
 //
 // Handlers return 1 when a message was applied or safely ignored (an
 // unknown parent is traced and ignored: the kernel's order may differ, and a
-// later scan catches up), 0 when it is refused: a wrong version, or a name
-// that another index holds. Deleting a device first deletes, and announces,
+// later scan catches up), 0 when it is refused: a wrong version, a name that
+// another index holds, or a device changing its port type. A logical
+// interface is named "<device>.<unit>", the device's name cut to 48 bytes. Deleting a device first deletes, and announces,
 // its addresses, then its families, then its logical interfaces.
 //
 // Objects come from the blocks "if_device", "if_link", "if_family",
