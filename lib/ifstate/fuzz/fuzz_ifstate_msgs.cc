@@ -41,7 +41,6 @@ void apply(const uint8_t *c) {
   uint32_t value;
   memcpy(&value, c + 6, 4);
   bool bad_version = c[10] == 0xff;
-  static uint8_t addr[16];
   switch (kind) {
     case 0: {
       rts_ifd_msg m{};
@@ -91,13 +90,21 @@ void apply(const uint8_t *c) {
       m.hdr.operation = op;
       m.ifam_ifl_index = c[2] % 8;
       m.ifam_af = kAfs[c[4] % 4];
-      memset(addr, 0, sizeof addr);
-      addr[0] = 10;
-      addr[3] = c[5] % 4;
-      m.ifam_local = c[11] == 0x55 ? nullptr : addr;
+      // Exactly the bytes the record says it has: a read past them shows.
+      uint16_t plen = static_cast<uint16_t>(c[10] % 17);
+      uint8_t *local = new uint8_t[plen];
+      memset(local, 0, plen);
+      if (plen > 0) local[0] = 10;
+      if (plen > 3) local[3] = c[5] % 4;
+      m.ifam_local = c[11] == 0x55 ? nullptr : local;
+      m.ifam_local_plen = plen;
       m.ifam_local_bits = static_cast<uint16_t>(c[3] % 140);
+      m.ifam_dest = local;
+      m.ifam_dest_plen = plen;
+      m.ifam_dest_bits = static_cast<uint16_t>(c[11] % 140);
       m.ifam_flags = value;
       if_rtsock_decode_ifam(&m, 0);
+      delete[] local;
       break;
     }
     default: {

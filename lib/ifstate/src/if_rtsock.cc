@@ -96,9 +96,9 @@ int if_rtsock_decode_iffamily(void *message, uint32_t) {
 bool ifs::addr_fill(if_address *ifa, const rts_ifa_msg *m) {
   if_address before = *ifa;
   ifa->ifa_flags = m->ifam_flags;
-  prefix_copy(ifa->ifa_local, &ifa->ifa_local_bits, m->ifam_local, m->ifam_local_bits);
-  prefix_copy(ifa->ifa_dest, &ifa->ifa_dest_bits, m->ifam_dest, m->ifam_dest_bits);
-  prefix_copy(ifa->ifa_bcast, &ifa->ifa_bcast_bits, m->ifam_bcast, m->ifam_bcast_bits);
+  prefix_copy(ifa->ifa_local, &ifa->ifa_local_bits, m->ifam_local, m->ifam_local_bits, m->ifam_local_plen);
+  prefix_copy(ifa->ifa_dest, &ifa->ifa_dest_bits, m->ifam_dest, m->ifam_dest_bits, m->ifam_dest_plen);
+  prefix_copy(ifa->ifa_bcast, &ifa->ifa_bcast_bits, m->ifam_bcast, m->ifam_bcast_bits, m->ifam_bcast_plen);
   return before.ifa_flags != ifa->ifa_flags || memcmp(before.ifa_dest, ifa->ifa_dest, IF_ADDR_BYTES) ||
          before.ifa_dest_bits != ifa->ifa_dest_bits || memcmp(before.ifa_bcast, ifa->ifa_bcast, IF_ADDR_BYTES) ||
          before.ifa_bcast_bits != ifa->ifa_bcast_bits;
@@ -126,8 +126,10 @@ int if_rtsock_decode_ifam(void *message, uint32_t) {
     IF_TRACE("%s msg: unknown family on interface %d", "ifaddr", int(m->ifam_ifl_index));
     return 1;
   }
-  uint16_t bits = m->ifam_local ? m->ifam_local_bits : 0;
-  if_address *ifa = ifa_find(iff, m->ifam_local, bits);
+  uint8_t local[IF_ADDR_BYTES];
+  uint16_t bits;
+  ifs::prefix_copy(local, &bits, m->ifam_local, m->ifam_local_bits, m->ifam_local_plen);
+  if_address *ifa = ifa_find(iff, local, bits);
   if (ifa) ifa->ifa_change = 0;
   if (m->hdr.operation == RTS_OP_DELETE) {
     if (!ifa) {

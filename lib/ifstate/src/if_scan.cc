@@ -59,7 +59,7 @@ int ifa_reply(void *m, uint32_t len, krt_scan_state *st) {
   auto *c = cursor<krt_cursor_ifa>(st);
   uint8_t local[IF_ADDR_BYTES];
   uint16_t bits;
-  ifs::prefix_copy(local, &bits, r->ifam_local, r->ifam_local_bits);
+  ifs::prefix_copy(local, &bits, r->ifam_local, r->ifam_local_bits, r->ifam_local_plen);
   if (!ifa_after(r, local, bits, c)) return 0;
   c->ifl_index = r->ifam_ifl_index;
   c->af = r->ifam_af;

@@ -18,12 +18,16 @@ inline uint32_t prefix_bytes(uint32_t bits) {
   return n > IF_ADDR_BYTES ? IF_ADDR_BYTES : n;
 }
 
-// Copies a prefix of a record into a fixed field, zero beyond its bits.
-inline void prefix_copy(uint8_t *dst, uint16_t *dst_bits, const uint8_t *src, uint16_t bits) {
+// Copies a prefix of a record (bits, and plen bytes behind src) into a
+// fixed field, zero beyond its bits; a length beyond the bytes that came is
+// cut to them.
+inline void prefix_copy(uint8_t *dst, uint16_t *dst_bits, const uint8_t *src, uint16_t bits, uint16_t plen) {
   memset(dst, 0, IF_ADDR_BYTES);
+  if (!src) plen = 0;
   if (bits > 8 * IF_ADDR_BYTES) bits = 8 * IF_ADDR_BYTES;
+  if (bits > 8 * plen) bits = static_cast<uint16_t>(8 * plen);
   if (src) memcpy(dst, src, prefix_bytes(bits));
-  *dst_bits = src ? bits : 0;
+  *dst_bits = bits;
 }
 
 // "device.unit", the device's name cut to leave room for any unit.

@@ -84,6 +84,24 @@ TEST_F(IfObj, ARepeatedMessageIsAChangeOnlyWhenAFieldDiffers) {
   EXPECT_EQ(iff_find(ifl_find_by_index(70), IF_FAM_INET6)->iff_mtu16, 9000);
 }
 
+TEST_F(IfObj, AnAddressLongerThanItsBytesIsCutToThem) {
+  ifd(1, "ge-0/0/0");
+  ifl(70, 1, 0);
+  iff(70, RTS_AF_INET);
+  auto r = record<rts_ifa_msg>(RTS_T_IFADDR, RTS_OP_ADD);
+  static uint8_t four[4] = {10, 0, 0, 1};
+  r.ifam_ifl_index = 70;
+  r.ifam_af = RTS_AF_INET;
+  r.ifam_local = four;
+  r.ifam_local_plen = 4;
+  r.ifam_local_bits = 64;
+  ASSERT_EQ(if_rtsock_decode_ifam(&r, 0), 1);
+  if_address *a = ifa_first(iff_find(ifl_find_by_index(70), IF_FAM_INET));
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ(a->ifa_local_bits, 32);
+  EXPECT_EQ(ifa_find(a->ifa_iff, four, 32), a);
+}
+
 TEST_F(IfObj, AReusedDeviceIndexGivesOneDeleteAndOneAdd) {
   ifd(5, "ge-0/0/5");
   ifl(75, 5, 0);
