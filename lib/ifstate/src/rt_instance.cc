@@ -23,6 +23,13 @@ int rt_instance_cmp(const hbt_node *a, const hbt_node *b) {
   return int(x->rti_id) - int(y->rti_id);
 }
 
+// A direct-mapped cache of lookups in front of the tree: a daemon asks for
+// the same few tables again and again, and a hit costs one compare instead
+// of a walk of the tree. An entry never points at a freed instance.
+constexpr uint32_t kCacheSize = 4096;
+rt_instance *cache[kCacheSize];
+uint32_t cache_slot(uint8_t af, uint16_t id) { return (id * 2654435761u + af * 40503u) >> 20 & (kCacheSize - 1); }
+
 rt_instance *entry(hbt_node *n) { return n ? HBT_ENTRY(n, rt_instance, rti_hnode) : nullptr; }
 
 rt_instance *create(uint8_t af, uint16_t id, const char *name) {
@@ -61,10 +68,14 @@ rt_instance *rt_instance_next(const rt_instance *rti) {
 uint32_t rt_instance_count(void) { return rti_count; }
 
 rt_instance *rt_instance_find(uint8_t af, uint16_t id) {
+  rt_instance *&c = cache[cache_slot(af, id)];
+  if (c && c->rti_af == af && c->rti_id == id) return c;
   rt_instance probe;
   probe.rti_af = af;
   probe.rti_id = id;
-  return entry(hbt_lookup(&rt_instance_list, &probe.rti_hnode, rt_instance_cmp));
+  rt_instance *r = entry(hbt_lookup(&rt_instance_list, &probe.rti_hnode, rt_instance_cmp));
+  if (r) c = r;
+  return r;
 }
 
 rt_instance *rt_instance_find_by_id(uint16_t id) {
@@ -104,6 +115,8 @@ void rt_instance_slot_set(rt_instance *rti, uint32_t slot, uintptr_t word) {
 void rt_instance_filter_set(bool (*fn)(const void *)) { rti_filter = fn; }
 
 void rt_instance_delete(rt_instance *rti) {
+  rt_instance *&c = cache[cache_slot(rti->rti_af, rti->rti_id)];
+  if (c == rti) c = nullptr;
   hbt_delete(&rt_instance_list, &rti->rti_hnode);
   patricia_delete(&rt_instance_name_tree, &rti->rti_pnode);
   rti_count--;
