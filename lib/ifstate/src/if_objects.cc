@@ -9,7 +9,7 @@
 namespace {
 
 struct Pools {
-  task_block *ifd, *ifl, *iff, *ifa, *vtep;
+  task_block *ifd, *ifl, *iff, *ifa, *vtep, *mac;
   uint32_t ifd_slots, ifl_slots;
   bool ready;
 };
@@ -69,6 +69,7 @@ void if_init(void) {
   pools.iff = task_block_init(sizeof(if_family), "if_family");
   pools.ifa = task_block_init(sizeof(if_address), "if_address");
   pools.vtep = task_block_init(sizeof(if_link_vtep_data_t), "if_link_vtep_data_t");
+  pools.mac = task_block_init(sizeof(ifl_mac_filter_block), "ifl_mac_filter_block");
   patricia_root_init(&ifd_name_tree, false, 0, PATRICIA_KEY_OFFSET(if_device, ifd_pnode, ifd_name));
   patricia_root_init(&ifl_name_tree, false, 0, PATRICIA_KEY_OFFSET(if_link, ifl_pnode, ifl_name));
   pools.ready = true;
@@ -271,6 +272,10 @@ void ifl_free(if_link *ifl) {
   patricia_delete(&ifl_name_tree, &ifl->ifl_pnode);
   ifl->ifl_ifd->ifd_ifl_count--;
   if (ifl->ifl_vtep) ifs::vtep_free(ifl->ifl_vtep);
+  while (ifl_mac_filter_block *b = ifl->ifl_mac_filters) {
+    ifl->ifl_mac_filters = b->mfb_next;
+    task_block_free(pools.mac, b);
+  }
   n_ifl--;
   task_block_free(pools.ifl, ifl);
 }
@@ -308,4 +313,55 @@ if_link *ifl_find_next(uint32_t index) {
   if_link probe;
   probe.ifl_index = index;
   return ENTRY(hbt_getnext(&if_link_list, &probe.ifl_hnode, ifl_cmp), if_link, ifl_hnode);
+}
+
+// ---- MAC filters -------------------------------------------------------------------------------------
+namespace {
+// The slot holding mac, or null; *block gets its block.
+uint8_t *mac_slot(const if_link *ifl, const uint8_t mac[6], ifl_mac_filter_block **block) {
+  for (ifl_mac_filter_block *b = ifl->ifl_mac_filters; b; b = b->mfb_next)
+    for (uint32_t i = 0; i < b->mfb_count; i++)
+      if (!memcmp(b->mfb_mac[i], mac, 6)) {
+        *block = b;
+        return b->mfb_mac[i];
+      }
+  return nullptr;
+}
+}  // namespace
+
+bool ifl_mac_filter_has(const if_link *ifl, const uint8_t mac[6]) {
+  ifl_mac_filter_block *b;
+  return mac_slot(ifl, mac, &b) != nullptr;
+}
+
+bool ifl_mac_filter_add(if_link *ifl, const uint8_t mac[6]) {
+  if (ifl_mac_filter_has(ifl, mac)) return false;
+  ifl_mac_filter_block *b = ifl->ifl_mac_filters;
+  if (!b || b->mfb_count == IFL_MAC_FILTER_BLOCK) {
+    b = static_cast<ifl_mac_filter_block *>(task_block_alloc(pools.mac));
+    b->mfb_next = ifl->ifl_mac_filters;
+    ifl->ifl_mac_filters = b;
+  }
+  memcpy(b->mfb_mac[b->mfb_count++], mac, 6);
+  return true;
+}
+
+bool ifl_mac_filter_delete(if_link *ifl, const uint8_t mac[6]) {
+  ifl_mac_filter_block *b;
+  uint8_t *slot = mac_slot(ifl, mac, &b);
+  if (!slot) return false;
+  // The head block is the only one not full: its last MAC fills the hole.
+  ifl_mac_filter_block *head = ifl->ifl_mac_filters;
+  memcpy(slot, head->mfb_mac[--head->mfb_count], 6);
+  if (!head->mfb_count) {
+    ifl->ifl_mac_filters = head->mfb_next;
+    task_block_free(pools.mac, head);
+  }
+  return true;
+}
+
+uint32_t ifl_mac_filter_count(const if_link *ifl) {
+  uint32_t n = 0;
+  for (const ifl_mac_filter_block *b = ifl->ifl_mac_filters; b; b = b->mfb_next) n += b->mfb_count;
+  return n;
 }

@@ -2,6 +2,7 @@
 // ignored until later, identity, deletion and its order, aggregates, the
 // rarer attributes and extension slots.
 #include "fixture.h"
+#include "mem/block.h"
 #include "msgs.h"
 
 namespace {
@@ -303,6 +304,29 @@ TEST_F(IfObj, AnAggregateIndexChangeIsToldOnItsOwn) {
   if_rtsock_decode_iflogical(&l, 0);
   if_rtsock_decode_iflogical(&l, 0);
   EXPECT_EQ(agg_moves, (std::vector<uint32_t>{0, 500}));
+}
+
+TEST_F(IfObj, MacFiltersFillBlocksAndStayPackedAsTheyGo) {
+  ifd(1, "ge-0/0/0");
+  ifl(70, 1, 0);
+  if_link *l = ifl_find_by_index(70);
+  auto mac = [](uint8_t i) { return std::vector<uint8_t>{0, 0x11, 0x22, 0, 0, i}; };
+  for (uint8_t i = 0; i < 20; i++) EXPECT_TRUE(ifl_mac_filter_add(l, mac(i).data()));
+  EXPECT_FALSE(ifl_mac_filter_add(l, mac(3).data()));
+  EXPECT_EQ(ifl_mac_filter_count(l), 20u);
+  // Removing from a full block takes the head's last MAC into the hole.
+  for (uint8_t i = 0; i < 20; i += 2) EXPECT_TRUE(ifl_mac_filter_delete(l, mac(i).data()));
+  EXPECT_FALSE(ifl_mac_filter_delete(l, mac(0).data()));
+  EXPECT_EQ(ifl_mac_filter_count(l), 10u);
+  for (uint8_t i = 0; i < 20; i++) EXPECT_EQ(ifl_mac_filter_has(l, mac(i).data()), i % 2 == 1) << int(i);
+  int blocks = 0;
+  for (ifl_mac_filter_block *b = l->ifl_mac_filters; b; b = b->mfb_next) blocks++;
+  EXPECT_EQ(blocks, 2);
+  // They go with the logical interface.
+  ifl(70, 1, 0, RTS_OP_DELETE);
+  size_t bytes, objects;
+  task_block_get_allocated(task_block_init(sizeof(ifl_mac_filter_block), "ifl_mac_filter_block"), &bytes, &objects);
+  EXPECT_EQ(objects, 0u);
 }
 
 TEST_F(IfObj, ExtensionSlotsIgnoreIndexesPastTheCount) {

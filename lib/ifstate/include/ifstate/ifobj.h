@@ -93,6 +93,15 @@ struct if_link_vtep_data_t {
   uint8_t vtep_src[IF_ADDR_BYTES];
 };
 
+// A daemon's MAC filters on a logical interface, IFL_MAC_FILTER_BLOCK to a
+// block from the block "ifl_mac_filter_block", blocks in a list.
+enum : uint32_t { IFL_MAC_FILTER_BLOCK = 8 };
+struct ifl_mac_filter_block {
+  ifl_mac_filter_block *mfb_next;
+  uint32_t mfb_count;
+  uint8_t mfb_mac[IFL_MAC_FILTER_BLOCK][6];
+};
+
 struct if_link {
   hbt_node ifl_hnode;          // if_link_list, by index
   hbt_node ifl_dnode;          // its device's ifd_if_list, by unit
@@ -114,6 +123,7 @@ struct if_link {
   hbt_root ifl_aflist;         // its families
   uint32_t ifl_family_count;
   if_link_vtep_data_t *ifl_vtep;  // null when it is no VTEP
+  ifl_mac_filter_block *ifl_mac_filters;  // MAC addresses the daemon filters on it
   uintptr_t ifl_slots[];
 };
 
@@ -231,6 +241,14 @@ void if_family_features_hook_set(void (*fn)(if_family *iff, uint64_t old_feature
 void if_link_no_family_hook_set(void (*fn)(if_link *ifl));
 // Sets the handlers of types 5 to 8 in a krt handler table.
 void if_rtsock_install(void (**handlers)(task *, void *, uint32_t));
+
+// ---- MAC filters -------------------------------------------------------------------------------
+// Add is idempotent (false when the MAC was there); delete keeps the blocks
+// packed and frees an emptied one. They go with the logical interface.
+bool ifl_mac_filter_add(if_link *ifl, const uint8_t mac[6]);
+bool ifl_mac_filter_delete(if_link *ifl, const uint8_t mac[6]);
+bool ifl_mac_filter_has(const if_link *ifl, const uint8_t mac[6]);
+uint32_t ifl_mac_filter_count(const if_link *ifl);
 
 // ---- Replay ----------------------------------------------------------------------------------
 // The whole mirror again, devices first, as broadcasts marked replay (only
