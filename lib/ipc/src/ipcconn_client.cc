@@ -132,7 +132,9 @@ int try_connect(ipcconn_client *c) {
   return 0;
 }
 
-int map_event_to_errno(int event) {
+}  // namespace
+
+int ipcconn_map_event_to_errno(int event) {
   switch (event) {
     case IPCCONN_EVENT_BACKPRESSURE:
       return IPCCONN_ERR_BACKPRESSURE;
@@ -145,6 +147,8 @@ int map_event_to_errno(int event) {
       return -1;
   }
 }
+
+namespace {
 
 void api_enter(ipcconn_client *c) {
   IPCCONN_INSIST(!(c->pclient_flags & IPCCONN_FLAG_PROCESSING_API));
@@ -161,7 +165,7 @@ void api_exit(ipcconn_client *c) {
 }  // namespace
 
 int ipcconn_give_event(ipcconn_client *c, int event) {
-  if (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) return map_event_to_errno(event);
+  if (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) return ipcconn_map_event_to_errno(event);
   if (!c->event_cb) return 0;
   api_enter(c);
   c->event_cb(c, event, c->cookie);
@@ -203,10 +207,6 @@ int send_identification(ipcconn_client *c) {
   // The rest of a partial write goes out on write-ready: it counts as sent.
   if (rc == IPC_PIPE_PARTIAL) return ipcconn_client_func(c)->set_client_write_ready(c);
   return rc;
-}
-
-bool terminal_read_error(int err) {
-  return err == ECONNRESET || err == ENOTCONN || err == EBADF || err == ENOTSOCK || err == EFAULT;
 }
 
 }  // namespace
@@ -312,7 +312,10 @@ void ipcconn_client_dispatch(ipcconn_client *c) {
   if (is_dead(c) || !c->pclient_pipe) return;
   bool check_type = !(c->pclient_flags & 0xA4000000u);
   uint16_t want_type = (c->pclient_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? c->interop_type : uint16_t{IPCCONN_MSG_TYPE};
+  uint64_t start = ipcconn_clock_us();
   for (uint32_t round = 0; round < c->read_budget; round++) {
+    // What is left stays readable: the next pass comes back for it.
+    if (round > 0 && ipcconn_clock_us() - start >= IPCCONN_LOOP_BOUND_US) return;
     if (ipc_x_pipe_read(c->pclient_pipe) < 0) {
       int err = errno;
       if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) return;
@@ -321,7 +324,7 @@ void ipcconn_client_dispatch(ipcconn_client *c) {
         ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] pid (%d), app-id (%d), ipcconn_client (%p), failed with null errorcode",
                     __func__, __LINE__, c->pid, c->app_id, static_cast<void *>(c));
         status = 1;
-      } else if (terminal_read_error(err)) {
+      } else if (ipcconn_terminal_read_error(err)) {
         ipcconn_log(IPCCONN_LOG_DEBUG, "DEBUG: %s [%d] pid (%d), app-id (%d-%d), error (%d), connection terminated",
                     __func__, __LINE__, c->pid, c->app_id, c->instance_id, err);
         status = 0;

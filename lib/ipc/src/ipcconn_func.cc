@@ -212,15 +212,27 @@ bool write_active(const ipcconn_client *c) { return c->pclient_write_active; }
 
 extern "C" {
 
-const ipcconn_func ipcconn_func_ev = {any_socket,    ev_connect_start, ev_set_read,    ev_clear_read,
-                                      ev_set_write,  ev_clear_write,   retry_active,   write_active,
-                                      ev_timer_start, ev_timer_stop,   ev_delayed_free, ev_release};
-const ipcconn_func ipcconn_func_task = {any_socket,    t_connect_start, t_set_read,     t_clear_read,
-                                        t_set_write,   t_clear_write,   retry_active,   write_active,
-                                        t_timer_start, t_timer_stop,    t_delayed_free, t_release};
+const ipcconn_func ipcconn_func_ev = {
+    any_socket,    ev_connect_start, ev_set_read,     ev_clear_read,   ev_set_write, ev_clear_write,
+    retry_active,  write_active,     ev_timer_start,  ev_timer_stop,   ev_delayed_free, ev_release,
+    ipcconn_srv_ev::listen, ipcconn_srv_ev::server_release, ipcconn_srv_ev::session_attach,
+    ipcconn_srv_ev::set_read, ipcconn_srv_ev::clear_read, ipcconn_srv_ev::set_write, ipcconn_srv_ev::clear_write,
+    ipcconn_session_write_active, ipcconn_srv_ev::timer_start, ipcconn_srv_ev::delayed_free,
+    ipcconn_srv_ev::session_release};
+const ipcconn_func ipcconn_func_task = {
+    any_socket,    t_connect_start, t_set_read,     t_clear_read,  t_set_write,    t_clear_write,
+    retry_active,  write_active,    t_timer_start,  t_timer_stop,  t_delayed_free, t_release,
+    ipcconn_srv_task::listen, ipcconn_srv_task::server_release, ipcconn_srv_task::session_attach,
+    ipcconn_srv_task::set_read, ipcconn_srv_task::clear_read, ipcconn_srv_task::set_write,
+    ipcconn_srv_task::clear_write, ipcconn_session_write_active, ipcconn_srv_task::timer_start,
+    ipcconn_srv_task::delayed_free, ipcconn_srv_task::session_release};
 
 const ipcconn_func *ipcconn_client_func(const ipcconn_client *clnt) {
   return clnt->pclient_ev_context.opaque ? &ipcconn_func_ev : &ipcconn_func_task;
+}
+
+const ipcconn_func *ipcconn_server_func(const ipcconn_server *server) {
+  return server->ev_context.opaque ? &ipcconn_func_ev : &ipcconn_func_task;
 }
 
 }  // extern "C"

@@ -74,6 +74,8 @@ enum { IPCCONN_RETRY_FOREVER = 1000, IPCCONN_RETRY_INTERVAL_SEC = 2 };
 enum { IPCCONN_BUFSIZE_DEFAULT = 0xFFFF, IPCCONN_READ_BUDGET_DEFAULT = 1000 };
 
 struct ipcconn_client;
+struct ipcconn_server;
+struct ipcconn_session;
 typedef void (*ipcconn_client_event_fn)(ipcconn_client *clnt, int event, void *cookie);
 typedef int (*ipcconn_client_msg_fn)(ipcconn_client *clnt, uint8_t *space, uint32_t overhead, ipc_msg *msg,
                                      void *cookie);
@@ -176,11 +178,29 @@ struct ipcconn_func {
   int (*schedule_delayed_free)(ipcconn_client *clnt);
   // Drops what the event system holds for the client (at close).
   void (*release)(ipcconn_client *clnt);
+
+  // The server's side: listen() and watch the socket for connections
+  // (accepted ones reach ipcconn_server_accept), or for a datagram server
+  // its session's reads; and what the event system holds for the server.
+  int (*listen)(ipcconn_server *server, int backlog);
+  void (*server_release)(ipcconn_server *server);
+  // A session's registration with the event system, before any of the rest.
+  int (*session_attach)(ipcconn_session *session);
+  int (*set_session_read_ready)(ipcconn_session *session);
+  int (*clear_session_read_ready)(ipcconn_session *session);
+  int (*set_session_write_ready)(ipcconn_session *session);
+  int (*clear_session_write_ready)(ipcconn_session *session);
+  bool (*server_is_write_ready_active)(const ipcconn_session *session);
+  // The keep-alive tick, every seconds until the session goes.
+  int (*session_timer_start)(ipcconn_session *session, uint32_t seconds);
+  int (*session_schedule_delayed_free)(ipcconn_session *session);
+  void (*session_release)(ipcconn_session *session);
 };
 extern const ipcconn_func ipcconn_func_ev;
 extern const ipcconn_func ipcconn_func_task;
 // The table the client runs on.
 const ipcconn_func *ipcconn_client_func(const ipcconn_client *clnt);
+const ipcconn_func *ipcconn_server_func(const ipcconn_server *server);
 
 // An asynchronous Unix-domain client (non-blocking stream socket). Null,
 // after an error line, for a wrong choice of event system, a missing or too
