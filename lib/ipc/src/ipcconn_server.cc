@@ -106,10 +106,11 @@ void api_enter(ipcconn_session *s) {
   IPCCONN_INSIST(!(s->psession_flags & IPCCONN_FLAG_PROCESSING_API));
   s->psession_flags |= IPCCONN_FLAG_PROCESSING_API;
 }
-void api_exit(ipcconn_session *s) {
+// was_dead: the session's last event (1) is given to a session already dead.
+void api_exit(ipcconn_session *s, bool was_dead = false) {
   IPCCONN_INSIST(s->psession_flags & IPCCONN_FLAG_PROCESSING_API);
   s->psession_flags &= ~IPCCONN_FLAG_PROCESSING_API;
-  if (is_dead(s))
+  if (is_dead(s) && !was_dead)
     ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), is DEAD now", __func__, __LINE__,
                 s->own_app_id, vp(s));
 }
@@ -209,9 +210,10 @@ int unix_server_addr(ipcconn_server *srv, const char *logical) {
 int ipcconn_session_give_event(ipcconn_session *s, int event) {
   if (s->psession_flags & IPCCONN_FLAG_PROCESSING_API) return ipcconn_map_event_to_errno(event);
   ipcconn_server *srv = s->server;
+  bool was_dead = is_dead(s);
   api_enter(s);
   srv->event_cb(s, s->peer_app_id, s->peer_pid, event, s->cookie);
-  api_exit(s);
+  api_exit(s, was_dead);
   return 0;
 }
 
@@ -336,6 +338,25 @@ ipcconn_server *uds_create(ipcconn_server_params *p, bool stream) {
   return server_listen(srv);
 }
 
+// A table other than the default instance is a VRF device's: the socket is
+// bound to that device.
+bool bind_to_table(int sock, uint32_t table) {
+  struct if_nameindex *all = if_nameindex();
+  bool ok = false;
+  for (struct if_nameindex *i = all; i && i->if_index != 0 && !ok; i++) {
+    char path[96];
+    snprintf(path, sizeof path, "/sys/class/net/%s/vrf/table", i->if_name);
+    FILE *fp = fopen(path, "r");
+    if (!fp) continue;
+    unsigned t = 0;
+    if (fscanf(fp, "%u", &t) == 1 && t == table)
+      ok = setsockopt(sock, SOL_SOCKET, SO_BINDTODEVICE, i->if_name, strlen(i->if_name) + 1) == 0;
+    fclose(fp);
+  }
+  if (all) if_freenameindex(all);
+  return ok;
+}
+
 }  // namespace
 
 extern "C" {
@@ -363,25 +384,7 @@ ipcconn_server *ipcconn_tcp_server_create(ipcconn_server_params *p) {
   int on = 1;
   bool ok = srv->server_socket >= 0 && socket_setup(srv->server_socket, true) == 0 &&
             setsockopt(srv->server_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0;
-  if (ok && p->rtb_index != 0) {
-    // A table other than the default instance is a VRF device's.
-    char dev[IF_NAMESIZE] = {0};
-    ok = false;
-    for (unsigned idx = 1; idx < 4096 && !ok; idx++) {
-      char name[IF_NAMESIZE];
-      if (!if_indextoname(idx, name)) continue;
-      char path[96];
-      snprintf(path, sizeof path, "/sys/class/net/%s/vrf/table", name);
-      if (FILE *fp = fopen(path, "r")) {
-        unsigned t = 0;
-        if (fscanf(fp, "%u", &t) == 1 && t == p->rtb_index) {
-          memcpy(dev, name, sizeof dev);
-          ok = setsockopt(srv->server_socket, SOL_SOCKET, SO_BINDTODEVICE, dev, strlen(dev) + 1) == 0;
-        }
-        fclose(fp);
-      }
-    }
-  }
+  if (ok && p->rtb_index != 0) ok = bind_to_table(srv->server_socket, p->rtb_index);
   if (!ok) {
     ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_server (%p), failed to setup TCP socket options",
                 __func__, __LINE__, srv->app_id, vp(srv));

@@ -177,6 +177,7 @@ TEST_P(Server, ASessionIsReadyOnlyOnceIdentified) {
   real_passes(2);
   EXPECT_EQ(seen.events, (std::vector<std::string>{"0:7:4242", "1:7:4242"}));
   EXPECT_TRUE(logged("terminating status (0)"));
+  EXPECT_FALSE(logged("is DEAD now"));  // an ordinary end, not a close from inside a callback
   EXPECT_EQ(srv->sessions, nullptr);
   unlink(name.c_str());
   ipcconn_server_shutdown(srv);
