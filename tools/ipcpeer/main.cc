@@ -104,10 +104,11 @@ void later(uint32_t us) {
   pump_due = true;
   if (opt.use_ev) {
     __evTimerID id;
-    __evSetTimer(ev, ev_fire, nullptr, __evAddTime(__evNowTime(), __evConsTime(0, us * 1000L)), __evConsTime(0, 0),
-                 &id);
+    __evSetTimer(ev, ev_fire, nullptr, __evAddTime(__evNowTime(), __evConsTime(us / 1000000, (us % 1000000) * 1000L)),
+                 __evConsTime(0, 0), &id);
   } else {
-    task_utime off{0, us ? us : 1};  // an offset of 0 would start nothing
+    task_utime off{us / 1000000, us % 1000000};
+    if (us == 0) off.ut_usec = 1;  // an offset of 0 would start nothing
     task_timer_ucreate(app, "pump", 0, nullptr, &off, 0, t_fire, nullptr);
   }
 }
@@ -158,6 +159,7 @@ void pump() {
     if (rc > 0) return later(kWaitUs);
     next_seq++;
     if (paused) return;
+    if (opt.interval_ms) return later(opt.interval_ms * 1000);
   }
   later(0);
 }

@@ -39,6 +39,8 @@ const char ipcpeer_help_text[] =
     "                           drain and exit (default 0: without end)\n"
     "  -l, --size N             source: payload bytes, at least 8 (default 64)\n"
     "  -p, --priority N         source: 0 low (default), 1 medium, 2 high\n"
+    "  -t, --interval MS        source: one message every MS milliseconds\n"
+    "                           (default 0: as fast as the connection takes them)\n"
     "  -v, --verbose            a line for every message, and the library's debug\n"
     "                           lines on standard error (its errors are always there)\n"
     "  -h, --help               this text\n"
@@ -80,13 +82,14 @@ ipcpeer_parse_result ipcpeer_parse(int argc, char **argv, ipcpeer_options *o, st
       {"keepalive", required_argument, nullptr, 'k'}, {"app-id", required_argument, nullptr, 'a'},
       {"instance", required_argument, nullptr, 'i'}, {"count", required_argument, nullptr, 'n'},
       {"size", required_argument, nullptr, 'l'},     {"priority", required_argument, nullptr, 'p'},
+      {"interval", required_argument, nullptr, 't'},
       {"verbose", no_argument, nullptr, 'v'},        {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0}};
   bool where = false;
   optind = 1;
   opterr = 0;
   int ch;
-  while ((ch = getopt_long(argc, argv, ":s:c:e:r:b:k:a:i:n:l:p:vh", longs, nullptr)) != -1) {
+  while ((ch = getopt_long(argc, argv, ":s:c:e:r:b:k:a:i:n:l:p:t:vh", longs, nullptr)) != -1) {
     uint64_t v = 0;
     auto num = [&](uint64_t max, const char *what) {
       if (number(optarg, max, &v)) return true;
@@ -171,6 +174,10 @@ ipcpeer_parse_result ipcpeer_parse(int argc, char **argv, ipcpeer_options *o, st
       case 'p':
         if (!num(2, "priority")) return IPCPEER_USAGE_ERROR;
         o->priority = static_cast<int>(v);
+        break;
+      case 't':
+        if (!num(3600000, "interval")) return IPCPEER_USAGE_ERROR;
+        o->interval_ms = static_cast<uint32_t>(v);
         break;
       case 'v':
         o->verbose = true;

@@ -20,6 +20,7 @@ struct ipcpeer_options {
   uint32_t app_id = 1, instance_id = 0;
   uint64_t count = 0;     // source: messages to send, 0 without end
   uint32_t size = 64;     // source: payload bytes, at least 8 (the sequence number)
+  uint32_t interval_ms = 0;  // source: one message every interval_ms, 0 as fast as it goes
   int priority = 0;
   bool verbose = false;   // a line per message
 };

@@ -20,7 +20,7 @@ TEST(IpcpeerOptions, TakesAWholeCommandLine) {
   ipcpeer_options o;
   std::string err;
   ASSERT_EQ(parse({"--client", "/var/run/x", "-e", "ev", "-r", "10", "-b", "4096", "--backpressure", "100",
-                   "--threshold-low", "0", "-n", "500", "-l", "128", "-p", "2", "source"},
+                   "--threshold-low", "0", "-n", "500", "-l", "128", "-p", "2", "-t", "20", "source"},
                   &o, &err),
             IPCPEER_RUN)
       << err;
@@ -34,6 +34,7 @@ TEST(IpcpeerOptions, TakesAWholeCommandLine) {
   EXPECT_EQ(o.count, 500u);
   EXPECT_EQ(o.size, 128u);
   EXPECT_EQ(o.priority, 2);
+  EXPECT_EQ(o.interval_ms, 20u);
   EXPECT_EQ(o.mode, IPCPEER_SOURCE);
   ipcpeer_options d;
   EXPECT_EQ(parse({"-s", "/p", "echo"}, &d, &err), IPCPEER_RUN);
