@@ -27,6 +27,21 @@ int ipcconn_map_event_to_errno(int event);
 void ipcconn_client_queue_free(ipcconn_client *clnt);
 void ipcconn_session_queue_free(ipcconn_session *session);
 
+// ---- The client's connect, shared by its asynchronous and synchronous forms --------
+// A record from the parameters (no socket yet), or null; flags are the
+// client's own bits besides the caller's interoperate mode.
+ipcconn_client *ipcconn_client_new(const ipcconn_client_params *p, uint32_t flags, uint8_t addr_kind);
+// A socket of the client's address kind with its options and pipe: 0, or
+// -107 with everything undone.
+int ipcconn_client_socket_open(ipcconn_client *clnt);
+// Back to "created": no socket, no pipe, no registration, no local file.
+void ipcconn_client_clear_state(ipcconn_client *clnt);
+// The identification into the pipe and out: 0, or -1 with errno.
+int ipcconn_client_send_identification(ipcconn_client *clnt);
+// The peer's address and its length, by address kind.
+const sockaddr *ipcconn_client_peer(const ipcconn_client *clnt);
+socklen_t ipcconn_client_peer_len(const ipcconn_client *clnt);
+
 // ---- The pending queue both ends keep ----------------------------------------------
 // A record for the message; the payload is copied unless external or partly
 // written (the pipe holds its rest). Null when memory fails.

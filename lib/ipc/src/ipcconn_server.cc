@@ -17,9 +17,13 @@
 #include "internal.h"
 #include "platform/path.h"
 #include "platform/sys.h"
+#include "task/job.h"
+#include "task/sched.h"
 #include "task/task.h"
 
 namespace {
+
+void redispatch(task_job *jp);
 
 void *pipe_malloc(void *ctx, size_t n) { return static_cast<ipcconn_server *>(ctx)->malloc_fn(n); }
 void pipe_free(void *ctx, void *p) { static_cast<ipcconn_server *>(ctx)->free_fn(p); }
@@ -128,6 +132,8 @@ void session_close_internal(ipcconn_session *s) {
   unlink_session(srv, s);
   ipcconn_session_queue_free(s);
   f->session_release(s);
+  if (s->psession_redispatch) task_job_delete(s->psession_redispatch);
+  s->psession_redispatch = nullptr;
   if (s->psession_pipe) {
     ipc_pipe_detach_socket(s->psession_pipe);
     ipc_pipe_destroy(s->psession_pipe);
@@ -464,14 +470,74 @@ void ipcconn_server_accept(ipcconn_server *srv, int fd, const sockaddr *peer, so
   }
 }
 
-void ipcconn_server_dispatch(ipcconn_session *s) {
-  if (is_dead(s) || !s->psession_pipe) return;
+}  // extern "C"
+
+namespace {
+
+// The whole messages the read buffer holds, to the application: false when
+// the dispatch must end (closed, reading turned off).
+bool deliver(ipcconn_session *s) {
   ipcconn_server *srv = s->server;
   bool check_type = !(s->psession_flags & 0xA4000000u);
   uint16_t want_type =
       (s->psession_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? srv->interop_type : uint16_t{IPCCONN_MSG_TYPE};
+  while (ipc_msg *m = ipc_msg_read(s->psession_pipe)) {
+    if (check_type && m->type != want_type) {
+      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), Unexpected message type %d",
+                  __func__, __LINE__, srv->app_id, vp(s), m->type);
+      ipc_pipe_read_clean(s->psession_pipe);
+      break;
+    }
+    if (m->opcode & IPC_MSG_OP_ERROR)
+      ipcconn_log(IPCCONN_LOG_ERROR,
+                  "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), error code %d type %d subtype %d opcode %d",
+                  __func__, __LINE__, srv->app_id, vp(s), m->error, m->type, m->subtype, m->opcode);
+    if ((m->opcode & 0x0F) == 3)
+      ipcconn_log(IPCCONN_LOG_ERROR,
+                  "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), both reply and cmd set in ipc message", __func__,
+                  __LINE__, srv->app_id, vp(s));
+    s->counters.received_msgs++;
+    if (m->subtype == IPCCONN_SUBTYPE_IDENT) {
+      identify(s, m);
+      if (is_dead(s) || !s->read_active) return false;
+      continue;
+    }
+    uint32_t headroom = 0;
+    uint8_t *space = ipc_x_pipe_get_read_buffer(s->psession_pipe, &headroom);
+    api_enter(s);
+    int rc = srv->msg_cb(s, space, headroom, m, s->cookie);
+    api_exit(s);
+    if (is_dead(s) || !s->read_active) return false;
+    if (rc != 0) {
+      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), error on connection %p",
+                  __func__, __LINE__, srv->app_id, vp(s), vp(s));
+      session_close_internal(s);
+      return false;
+    }
+  }
+  // A datagram carries whole messages: a cut one goes with it.
+  if (is_dgram(s)) ipc_pipe_read_clean(s->psession_pipe);
+  return true;
+}
+
+void redispatch(task_job *jp) {
+  auto *s = static_cast<ipcconn_session *>(task_job_get_data(jp));
+  task_job_delete(jp);
+  s->psession_redispatch = nullptr;
+  ipcconn_server_dispatch(s);
+}
+
+}  // namespace
+
+extern "C" {
+
+void ipcconn_server_dispatch(ipcconn_session *s) {
+  if (is_dead(s) || !s->psession_pipe || !s->read_active) return;
+  ipcconn_server *srv = s->server;
   bool dgram = is_dgram(s);
   s->counters.read_events++;
+  // Messages read before reading was turned off come first.
+  if (!deliver(s)) return;
   uint64_t start = ipcconn_clock_us();
   for (uint32_t round = 0; round < srv->read_budget; round++) {
     if (round > 0 && ipcconn_clock_us() - start >= IPCCONN_LOOP_BOUND_US) return;
@@ -479,49 +545,14 @@ void ipcconn_server_dispatch(ipcconn_session *s) {
       int err = errno;
       // A datagram server's socket is the server's: an empty datagram is no end.
       if (dgram && err == ECONNRESET) continue;
-      if (dgram && (err == EMSGSIZE)) {
+      if (dgram && err == EMSGSIZE) {
         ipc_pipe_read_clean(s->psession_pipe);
         continue;
       }
       read_failed(s, err);
       return;
     }
-    while (ipc_msg *m = ipc_msg_read(s->psession_pipe)) {
-      if (check_type && m->type != want_type) {
-        ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), Unexpected message type %d",
-                    __func__, __LINE__, srv->app_id, vp(s), m->type);
-        ipc_pipe_read_clean(s->psession_pipe);
-        break;
-      }
-      if (m->opcode & IPC_MSG_OP_ERROR)
-        ipcconn_log(IPCCONN_LOG_ERROR,
-                    "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), error code %d type %d subtype %d opcode %d",
-                    __func__, __LINE__, srv->app_id, vp(s), m->error, m->type, m->subtype, m->opcode);
-      if ((m->opcode & 0x0F) == 3)
-        ipcconn_log(IPCCONN_LOG_ERROR,
-                    "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), both reply and cmd set in ipc message", __func__,
-                    __LINE__, srv->app_id, vp(s));
-      s->counters.received_msgs++;
-      if (m->subtype == IPCCONN_SUBTYPE_IDENT) {
-        identify(s, m);
-        if (is_dead(s)) return;
-        continue;
-      }
-      uint32_t headroom = 0;
-      uint8_t *space = ipc_x_pipe_get_read_buffer(s->psession_pipe, &headroom);
-      api_enter(s);
-      int rc = srv->msg_cb(s, space, headroom, m, s->cookie);
-      api_exit(s);
-      if (is_dead(s) || !s->read_active) return;
-      if (rc != 0) {
-        ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), error on connection %p",
-                    __func__, __LINE__, srv->app_id, vp(s), vp(s));
-        session_close_internal(s);
-        return;
-      }
-    }
-    // A datagram carries whole messages: a cut one goes with it.
-    if (dgram) ipc_pipe_read_clean(s->psession_pipe);
+    if (!deliver(s)) return;
   }
 }
 
@@ -569,10 +600,16 @@ void ipcconn_server_shutdown(ipcconn_server *srv) {
 int ipcconn_session_enable_msg_callbacks(ipcconn_session *s) {
   if (!s || is_dead(s)) return -1;
   int rc = ipcconn_server_func(s->server)->set_session_read_ready(s);
-  if (rc < 0)
+  if (rc < 0) {
     ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), failed to set read ready handler (%d)",
                 __func__, __LINE__, s->server->app_id, vp(s), errno);
-  return rc < 0 ? -1 : 0;
+    return -1;
+  }
+  // Messages already read wait for no new bytes: a pass of their own. Never
+  // at once, since the application may be inside one of our callbacks.
+  if (ipc_pipe_read_pending(s->psession_pipe) && !s->psession_redispatch)
+    s->psession_redispatch = task_job_create_foreground(task_scheduler_task(), "ipcconn read", redispatch, s);
+  return 0;
 }
 
 int ipcconn_session_disable_msg_callbacks(ipcconn_session *s) {

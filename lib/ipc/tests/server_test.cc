@@ -4,6 +4,7 @@
 // closing and shutting down from inside callbacks, the keep-alive, the
 // datagram session, the 10 ms bound of the read and drain loops, and a
 // thousand sessions at once.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -285,6 +286,9 @@ TEST_P(Server, ReadingStopsAndResumes) {
   EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
   seen.stop_reading = false;
   ASSERT_EQ(ipcconn_session_enable_msg_callbacks(seen.ready.at(0)), 0);
+  // What was read with the first waits in the pipe: it comes without new bytes.
+  real_passes(2);
+  EXPECT_EQ(seen.msgs, (std::vector<std::string>{"1:a", "2:b"}));
   put(p, frame(0x417, 3, "c"));
   real_passes(2);
   EXPECT_EQ(seen.msgs, (std::vector<std::string>{"1:a", "2:b", "3:c"}));
@@ -475,6 +479,94 @@ TEST_P(Server, AnIpcconnClientIdentifiesAndTalks) {
   real_passes(2);
   EXPECT_EQ(seen.events, (std::vector<std::string>{"0:21:2121", "1:21:2121"}));
   ipcconn_server_shutdown(srv);
+}
+
+TEST_P(Server, OverTcp) {
+  params.tcp_addr = htonl(INADDR_LOOPBACK);
+  params.tcp_port = 0;  // any free port, read back from the server
+  ipcconn_server *srv = ipcconn_tcp_server_create(&params);
+  ASSERT_NE(srv, nullptr);
+  uint16_t port = ntohs(reinterpret_cast<sockaddr_in *>(&srv->addr)->sin_port);
+  ASSERT_NE(port, 0);
+  struct Back {
+    std::vector<std::string> msgs;
+  } back;
+  ipcconn_client_params cp{};
+  cp.ev_context = params.ev_context;
+  cp.ptask = params.ptask;
+  cp.tcp_addr = htonl(INADDR_LOOPBACK);
+  cp.tcp_port = port;
+  cp.msg_cb = [](ipcconn_client *, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
+    static_cast<Back *>(cookie)->msgs.push_back(std::string(reinterpret_cast<char *>(ipc_msg_payload(m)), m->length));
+    return 0;
+  };
+  cp.cookie = &back;
+  cp.app_id = 31;
+  cp.pid = 3131;
+  ipcconn_client *c = ipcconn_tcp_client_create(&cp);
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(ipcconn_client_send(c, 1, "over tcp", 8, IPCCONN_MSG_PRIORITY_LOW), 0);
+  real_passes(6);
+  ASSERT_EQ(seen.events, std::vector<std::string>{"0:31:3131"});
+  EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:over tcp"});
+  ipcconn_session *s = seen.ready.at(0);
+  ipcconn_peer_info info{};
+  ASSERT_EQ(ipcconn_session_get_peer_info(s, &info), 0);
+  EXPECT_EQ(info.kind, IPCCONN_PEER_LOCAL_ENGINE);
+  char buf[64];
+  EXPECT_EQ(ipcconn_uds_session_get_peer_file_path(s, buf, sizeof buf), -1);
+  EXPECT_TRUE(logged("invalid peer socket address family (2)"));
+  EXPECT_EQ(ipcconn_server_send(s, 2, "back", 4, IPCCONN_MSG_PRIORITY_LOW), 0);
+  real_passes(3);
+  EXPECT_EQ(back.msgs, std::vector<std::string>{"back"});
+
+  // The synchronous form.
+  ipcconn_client_params sp = cp;
+  sp.ev_context.opaque = nullptr;
+  sp.ptask = nullptr;
+  sp.app_id = 32;
+  ipcconn_client *sc = ipcconn_tcp_client_connect(&sp);
+  ASSERT_NE(sc, nullptr);
+  EXPECT_EQ(ipcconn_client_send_sync(sc, 3, "sync", 4), 0);
+  real_passes(4);
+  EXPECT_EQ(seen.events.back(), "0:32:3131");
+  EXPECT_EQ(seen.msgs.back(), "3:sync");
+  EXPECT_EQ(ipcconn_server_send(seen.ready.back(), 4, "to sync", 7, IPCCONN_MSG_PRIORITY_LOW), 0);
+  ipc_msg *m = nullptr;
+  ASSERT_EQ(ipcconn_client_recv_sync(sc, &m), 7);
+  EXPECT_EQ(m->subtype, 4);
+  ipcconn_client_close(sc);
+  ipcconn_client_close(c);
+  ipcconn_server_shutdown(srv);
+
+  // A refused TCP connect reports in a later pass, as a connect that failed.
+  int probe = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in pa{};
+  pa.sin_family = AF_INET;
+  pa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t plen = sizeof pa;
+  ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr *>(&pa), sizeof pa), 0);
+  ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr *>(&pa), &plen), 0);
+  close(probe);  // nobody listens there now
+  struct Events {
+    std::vector<int> got;
+  } refused;
+  ipcconn_client_params rp = cp;
+  rp.tcp_port = ntohs(pa.sin_port);
+  rp.max_retries = 0;
+  rp.cookie = &refused;
+  rp.event_cb = [](ipcconn_client *, int event, void *cookie) { static_cast<Events *>(cookie)->got.push_back(event); };
+  ipcconn_client *rc = ipcconn_tcp_client_create(&rp);
+  if (rc) {  // refused at once (no client) or in a later pass
+    real_passes(4);
+    EXPECT_EQ(refused.got, std::vector<int>{IPCCONN_EVENT_FAILED});
+  }
+  EXPECT_TRUE(logged("failed to connect after max retries (0)"));
+
+  // A table with no VRF device here cannot be listened in.
+  params.rtb_index = 77;
+  EXPECT_EQ(ipcconn_tcp_server_create(&params), nullptr);
+  EXPECT_TRUE(logged("failed to setup TCP socket options"));
 }
 
 TEST_P(Server, AThousandSessions) {

@@ -116,6 +116,7 @@ struct ipcconn_session {
   uint8_t stalls;  // keep-alive ticks with a queue that did not move
   uint64_t stall_mark;  // sent_from_queue at the last tick
   task_job *psession_job;  // the delayed free
+  task_job *psession_redispatch;  // messages already read, after reading is turned on again
   // What the record needs after its server may be gone (a delayed free).
   uint32_t own_app_id;
   ipcconn_free_fn psession_free;
