@@ -99,8 +99,13 @@ void ipcconn_client_clear_state(ipcconn_client *c) {
   ipcconn_client_queue_free(c);
   if (c->pclient_pipe) {
     ipc_pipe_detach_socket(c->pclient_pipe);
-    ipc_pipe_destroy(c->pclient_pipe);
-    c->pclient_pipe = nullptr;
+    // A message callback's message lives in the pipe: inside one, a closed
+    // client keeps it until the record goes.
+    bool keep = (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) && (c->pclient_flags & IPCCONN_FLAG_DEAD);
+    if (!keep) {
+      ipc_pipe_destroy(c->pclient_pipe);
+      c->pclient_pipe = nullptr;
+    }
   }
   if (c->pclient_socket >= 0) close(c->pclient_socket);
   c->pclient_socket = -1;
@@ -469,8 +474,8 @@ void ipcconn_client_dispatch(ipcconn_client *c) {
 
 void ipcconn_client_close(ipcconn_client *c) {
   if (!c || is_dead(c)) return;
-  clear_state(c);
   c->pclient_flags |= IPCCONN_FLAG_DEAD;
+  clear_state(c);
   if (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) {
     // Inside one of our callbacks: the record must outlive it.
     if (ipcconn_client_func(c)->schedule_delayed_free(c) < 0)
@@ -483,6 +488,7 @@ void ipcconn_client_close(ipcconn_client *c) {
 
 void ipcconn_client_destroy(ipcconn_client *c) {
   if (!IPCCONN_INSIST(c != 0) || !IPCCONN_INSIST(c->pclient_flags & IPCCONN_FLAG_DEAD)) return;
+  if (c->pclient_pipe) ipc_pipe_destroy(c->pclient_pipe);
   if (c->pclient_io_task) {
     task_set_data(c->pclient_io_task, nullptr);
     task_delete(c->pclient_io_task);

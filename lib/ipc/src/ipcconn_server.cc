@@ -25,8 +25,10 @@ namespace {
 
 void redispatch(task_job *jp);
 
-void *pipe_malloc(void *ctx, size_t n) { return static_cast<ipcconn_server *>(ctx)->malloc_fn(n); }
-void pipe_free(void *ctx, void *p) { static_cast<ipcconn_server *>(ctx)->free_fn(p); }
+// A session's pipe may outlive the server (a close inside a callback, then a
+// shutdown): it frees through the session.
+void *pipe_malloc(void *ctx, size_t n) { return static_cast<ipcconn_session *>(ctx)->server->malloc_fn(n); }
+void pipe_free(void *ctx, void *p) { static_cast<ipcconn_session *>(ctx)->psession_free(p); }
 
 bool is_dead(const ipcconn_session *s) { return s->psession_flags & IPCCONN_FLAG_DEAD; }
 void *vp(const void *p) { return const_cast<void *>(p); }
@@ -78,7 +80,7 @@ ipcconn_session *session_new(ipcconn_server *srv, int fd) {
 int session_setup(ipcconn_session *s, bool nonblocking) {
   ipcconn_server *srv = s->server;
   if (socket_setup(s->psession_socket, nonblocking) < 0) return -1;
-  ipc_pipe_cb cb{sizeof cb, srv, pipe_malloc, pipe_free};
+  ipc_pipe_cb cb{sizeof cb, s, pipe_malloc, pipe_free};
   s->psession_pipe = ipc_pipe_create_with_params(srv->bufsize, srv->overhead, &cb);
   if (!s->psession_pipe) return -1;
   ipc_pipe_attach_socket(s->psession_pipe, s->psession_socket);
@@ -134,10 +136,15 @@ void session_close_internal(ipcconn_session *s) {
   f->session_release(s);
   if (s->psession_redispatch) task_job_delete(s->psession_redispatch);
   s->psession_redispatch = nullptr;
+  // A message callback's message lives in the pipe: inside one, it stays
+  // until the record goes.
+  bool inside = s->psession_flags & IPCCONN_FLAG_PROCESSING_API;
   if (s->psession_pipe) {
     ipc_pipe_detach_socket(s->psession_pipe);
-    ipc_pipe_destroy(s->psession_pipe);
-    s->psession_pipe = nullptr;
+    if (!inside) {
+      ipc_pipe_destroy(s->psession_pipe);
+      s->psession_pipe = nullptr;
+    }
   }
   int sock = s->psession_socket;
   bool dgram = is_dgram(s);
@@ -270,7 +277,6 @@ void server_free(ipcconn_server *srv) {
   if (srv->dgram_session) {
     ipcconn_session *d = srv->dgram_session;
     srv->dgram_session = nullptr;
-    if (d->psession_pipe) ipc_pipe_destroy(d->psession_pipe);
     ipcconn_server_func(srv)->session_release(d);
     d->psession_flags |= IPCCONN_FLAG_DEAD;
     ipcconn_session_destroy(d);
@@ -580,6 +586,7 @@ void ipcconn_session_close(ipcconn_session *s) {
 
 void ipcconn_session_destroy(ipcconn_session *s) {
   if (!IPCCONN_INSIST(s != 0) || !IPCCONN_INSIST(s->psession_flags & IPCCONN_FLAG_DEAD)) return;
+  if (s->psession_pipe) ipc_pipe_destroy(s->psession_pipe);
   if (s->psession_task) {
     task_set_data(s->psession_task, nullptr);
     task_delete(s->psession_task);

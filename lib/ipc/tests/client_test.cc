@@ -52,7 +52,8 @@ int on_msg(ipcconn_client *c, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
   if (s->advance_per_msg) advance(s->advance_per_msg);
   if (s->close_on_msg) ipcconn_client_close(c);
   if (s->stop_reading) ipcconn_client_disable_msg_callbacks(c);
-  return 0;
+  // The message stays readable until the callback returns, a close inside it too.
+  return m->length > 4096 ? -1 : 0;
 }
 
 std::string frame(uint16_t type, uint16_t subtype, const std::string &payload, uint8_t opcode = 1) {
