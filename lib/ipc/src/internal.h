@@ -27,6 +27,18 @@ int ipcconn_map_event_to_errno(int event);
 void ipcconn_client_queue_free(ipcconn_client *clnt);
 void ipcconn_session_queue_free(ipcconn_session *session);
 
+// ---- Shared by both ends ---------------------------------------------------------
+// SO_SNDBUF and SO_RCVBUF of 64 KB, O_NONBLOCK, SO_RCVTIMEO when non-zero:
+// 0, or -107 after the line naming the option.
+int ipcconn_common_socket_setup(int s, bool nonblocking, uint32_t rcv_timeout);
+// A logical path as a Unix address under the root; false when missing or too long.
+bool ipcconn_unix_addr(const char *logical, sockaddr_un *out);
+// What a reader does with a message: 0 deliver it; 1 skip it (an error
+// report, logged); -1 drop the rest of the read buffer (another type,
+// logged). kind names the record in the line ("ipcconn_client").
+int ipcconn_screen_message(const ipc_msg *m, bool check_type, uint16_t want_type, uint32_t app_id, const void *who,
+                           const char *kind);
+
 // ---- The client's connect, shared by its asynchronous and synchronous forms --------
 // A record from the parameters (no socket yet), or null; flags are the
 // client's own bits besides the caller's interoperate mode.

@@ -33,46 +33,10 @@ void pipe_free(void *ctx, void *p) {
     free(p);
 }
 
-bool unix_addr(const char *logical, sockaddr_un *out) {
-  char real[sizeof out->sun_path + 1];
-  if (!logical || !*logical || !tvx_path(logical, real, sizeof real) || strlen(real) > sizeof out->sun_path - 1)
-    return false;
-  memset(out, 0, sizeof *out);
-  out->sun_family = AF_UNIX;
-  memcpy(out->sun_path, real, strlen(real));
-  return true;
-}
+bool unix_addr(const char *logical, sockaddr_un *out) { return ipcconn_unix_addr(logical, out); }
 
-// Linux has no SO_SNDLOWAT to set (it refuses the option): the stream bit
-// asks for nothing here.
 int common_socket_setup(ipcconn_client *c) {
-  int s = c->pclient_socket, size = 65536;
-  if (setsockopt(s, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) < 0) {
-    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_SNDBUF for socket (%d)", __func__,
-                __LINE__, s);
-    return IPCCONN_ERR_SOCKET;
-  }
-  if (setsockopt(s, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) < 0) {
-    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_RCVBUF for socket (%d)", __func__,
-                __LINE__, s);
-    return IPCCONN_ERR_SOCKET;
-  }
-  if (c->pclient_flags & IPCCONN_FLAG_NONBLOCKING) {
-    int fl = fcntl(s, F_GETFL);
-    if (fl < 0 || fcntl(s, F_SETFL, fl | O_NONBLOCK) < 0) {
-      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set non-blocking mode", __func__, __LINE__);
-      return IPCCONN_ERR_SOCKET;
-    }
-  }
-  if (c->rcv_timeout) {
-    timeval tv{static_cast<time_t>(c->rcv_timeout), 0};
-    if (setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) < 0) {
-      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_RCVTIMEO for socket (%d)", __func__,
-                  __LINE__, s);
-      return IPCCONN_ERR_SOCKET;
-    }
-  }
-  return 0;
+  return ipcconn_common_socket_setup(c->pclient_socket, c->pclient_flags & IPCCONN_FLAG_NONBLOCKING, c->rcv_timeout);
 }
 
 // A local name: the old file goes, the new one is open to every local user.
@@ -398,19 +362,12 @@ bool deliver(ipcconn_client *c) {
   bool check_type = !(c->pclient_flags & 0xA4000000u);
   uint16_t want_type = (c->pclient_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? c->interop_type : uint16_t{IPCCONN_MSG_TYPE};
   while (ipc_msg *m = ipc_msg_read(c->pclient_pipe)) {
-    if (check_type && m->type != want_type) {
-      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), Unexpected message type %d",
-                  __func__, __LINE__, c->app_id, static_cast<void *>(c), m->type);
+    int verdict = ipcconn_screen_message(m, check_type, want_type, c->app_id, c, "ipcconn_client");
+    if (verdict < 0) {
       ipc_pipe_read_clean(c->pclient_pipe);
       break;
     }
-    if (m->opcode & IPC_MSG_OP_ERROR) {
-      ipcconn_log(IPCCONN_LOG_ERROR,
-                  "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), error code %d type %d subtype %d opcode %d",
-                  __func__, __LINE__, c->app_id, static_cast<void *>(c), m->error, m->type, m->subtype, m->opcode);
-      continue;
-    }
-    if (!c->msg_cb) continue;
+    if (verdict > 0 || !c->msg_cb) continue;
     uint32_t headroom = 0;
     uint8_t *space = ipc_x_pipe_get_read_buffer(c->pclient_pipe, &headroom);
     api_enter(c);

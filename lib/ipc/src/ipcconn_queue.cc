@@ -1,12 +1,73 @@
-// The pieces of the send path the client and the session share: the queue
-// records, the framed send, the errno classes and the loop clock.
+// What the client and the session share: socket options and Unix addresses,
+// the queue records, the framed send, the errno classes and the loop clock.
+#include <fcntl.h>
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "htimer/utime.h"
 #include "internal.h"
+#include "platform/path.h"
 #include "task/sched.h"
+
+// Linux has no SO_SNDLOWAT to set (it refuses the option): the stream bit
+// asks for nothing here.
+int ipcconn_common_socket_setup(int s, bool nonblocking, uint32_t rcv_timeout) {
+  int size = 65536;
+  if (setsockopt(s, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) < 0) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_SNDBUF for socket (%d)", __func__,
+                __LINE__, s);
+    return IPCCONN_ERR_SOCKET;
+  }
+  if (setsockopt(s, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) < 0) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_RCVBUF for socket (%d)", __func__,
+                __LINE__, s);
+    return IPCCONN_ERR_SOCKET;
+  }
+  if (nonblocking) {
+    int fl = fcntl(s, F_GETFL);
+    if (fl < 0 || fcntl(s, F_SETFL, fl | O_NONBLOCK) < 0) {
+      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set non-blocking mode", __func__, __LINE__);
+      return IPCCONN_ERR_SOCKET;
+    }
+  }
+  if (rcv_timeout) {
+    timeval tv{static_cast<time_t>(rcv_timeout), 0};
+    if (setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) < 0) {
+      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_RCVTIMEO for socket (%d)", __func__,
+                  __LINE__, s);
+      return IPCCONN_ERR_SOCKET;
+    }
+  }
+  return 0;
+}
+
+bool ipcconn_unix_addr(const char *logical, sockaddr_un *out) {
+  char real[sizeof out->sun_path + 1];
+  if (!logical || !*logical || !tvx_path(logical, real, sizeof real) || strlen(real) > sizeof out->sun_path - 1)
+    return false;
+  memset(out, 0, sizeof *out);
+  out->sun_family = AF_UNIX;
+  memcpy(out->sun_path, real, strlen(real));
+  return true;
+}
+
+int ipcconn_screen_message(const ipc_msg *m, bool check_type, uint16_t want_type, uint32_t app_id, const void *who,
+                           const char *kind) {
+  if (check_type && m->type != want_type) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), %s (%p), Unexpected message type %d", __func__,
+                __LINE__, app_id, kind, const_cast<void *>(who), m->type);
+    return -1;
+  }
+  if (m->opcode & IPC_MSG_OP_ERROR) {
+    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), %s (%p), error code %d type %d subtype %d opcode %d",
+                __func__, __LINE__, app_id, kind, const_cast<void *>(who), m->error, m->type, m->subtype, m->opcode);
+    return 1;
+  }
+  return 0;
+}
 
 namespace {
 uint8_t *payload_of(ipcconn_pending *r) { return reinterpret_cast<uint8_t *>(r + 1); }

@@ -33,29 +33,8 @@ void pipe_free(void *ctx, void *p) { static_cast<ipcconn_session *>(ctx)->psessi
 bool is_dead(const ipcconn_session *s) { return s->psession_flags & IPCCONN_FLAG_DEAD; }
 void *vp(const void *p) { return const_cast<void *>(p); }
 
-// The server's socket options: buffers of 64 KB, and non-blocking where it
-// is asked for (sessions always: a full socket must queue, not block).
-int socket_setup(int s, bool nonblocking) {
-  int size = 65536;
-  if (setsockopt(s, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) < 0) {
-    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_SNDBUF for socket (%d)", __func__,
-                __LINE__, s);
-    return IPCCONN_ERR_SOCKET;
-  }
-  if (setsockopt(s, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) < 0) {
-    ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set SO_RCVBUF for socket (%d)", __func__,
-                __LINE__, s);
-    return IPCCONN_ERR_SOCKET;
-  }
-  if (nonblocking) {
-    int fl = fcntl(s, F_GETFL);
-    if (fl < 0 || fcntl(s, F_SETFL, fl | O_NONBLOCK) < 0) {
-      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] ERR: ipc: failed to set non-blocking mode", __func__, __LINE__);
-      return IPCCONN_ERR_SOCKET;
-    }
-  }
-  return 0;
-}
+// Sessions are always non-blocking: a full socket must queue, not block.
+int socket_setup(int s, bool nonblocking) { return ipcconn_common_socket_setup(s, nonblocking, 0); }
 
 const char *own_unix_path(const ipcconn_server *srv) {
   if (srv->addr_kind != IPCCONN_ADDR_UNIX) return nullptr;
@@ -207,12 +186,7 @@ bool read_failed(ipcconn_session *s, int err) {
 }
 
 int unix_server_addr(ipcconn_server *srv, const char *logical) {
-  auto *a = reinterpret_cast<sockaddr_un *>(&srv->addr);
-  char real[sizeof a->sun_path + 1];
-  if (!logical || !*logical || !tvx_path(logical, real, sizeof real) || strlen(real) > sizeof a->sun_path - 1)
-    return -1;
-  a->sun_family = AF_UNIX;
-  memcpy(a->sun_path, real, strlen(real) + 1);
+  if (!ipcconn_unix_addr(logical, reinterpret_cast<sockaddr_un *>(&srv->addr))) return -1;
   srv->addr_len = sizeof(sockaddr_un);
   srv->addr_kind = IPCCONN_ADDR_UNIX;
   return 0;
@@ -488,16 +462,11 @@ bool deliver(ipcconn_session *s) {
   uint16_t want_type =
       (s->psession_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? srv->interop_type : uint16_t{IPCCONN_MSG_TYPE};
   while (ipc_msg *m = ipc_msg_read(s->psession_pipe)) {
-    if (check_type && m->type != want_type) {
-      ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), Unexpected message type %d",
-                  __func__, __LINE__, srv->app_id, vp(s), m->type);
+    // Unlike the client's, an error report is still the application's.
+    if (ipcconn_screen_message(m, check_type, want_type, srv->app_id, s, "ipcconn_session") < 0) {
       ipc_pipe_read_clean(s->psession_pipe);
       break;
     }
-    if (m->opcode & IPC_MSG_OP_ERROR)
-      ipcconn_log(IPCCONN_LOG_ERROR,
-                  "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), error code %d type %d subtype %d opcode %d",
-                  __func__, __LINE__, srv->app_id, vp(s), m->error, m->type, m->subtype, m->opcode);
     if ((m->opcode & 0x0F) == 3)
       ipcconn_log(IPCCONN_LOG_ERROR,
                   "ERROR: %s [%d] app-id (%d), ipcconn_session (%p), both reply and cmd set in ipc message", __func__,

@@ -103,18 +103,12 @@ int ipcconn_client_recv_sync(ipcconn_client *c, ipc_msg **out) {
       (c->pclient_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? c->interop_type : uint16_t{IPCCONN_MSG_TYPE};
   for (;;) {
     while (ipc_msg *m = ipc_msg_read(c->pclient_pipe)) {
-      if (check_type && m->type != want_type) {
-        ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), Unexpected message type %d",
-                    __func__, __LINE__, c->app_id, static_cast<void *>(c), m->type);
+      int verdict = ipcconn_screen_message(m, check_type, want_type, c->app_id, c, "ipcconn_client");
+      if (verdict < 0) {
         ipc_pipe_read_clean(c->pclient_pipe);
         break;
       }
-      if (m->opcode & IPC_MSG_OP_ERROR) {
-        ipcconn_log(IPCCONN_LOG_ERROR,
-                    "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), error code %d type %d subtype %d opcode %d",
-                    __func__, __LINE__, c->app_id, static_cast<void *>(c), m->error, m->type, m->subtype, m->opcode);
-        continue;
-      }
+      if (verdict > 0) continue;
       *out = m;
       return m->length;
     }

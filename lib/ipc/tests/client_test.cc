@@ -15,22 +15,14 @@
 #include <vector>
 
 #include "io_fixture.h"
+#include "ipc_test_util.h"
 #include "ipc/ipcconn.h"
 #include "platform/sys.h"
 
 using namespace tt;
+using namespace ipct;
 
 namespace {
-
-std::vector<std::string> lines;
-void keep_line(int level, const char *line) {
-  lines.push_back(std::string(level == IPCCONN_LOG_ERROR ? "E " : "D ") + line);
-}
-bool logged(const std::string &part) {
-  for (auto &l : lines)
-    if (l.find(part) != std::string::npos) return true;
-  return false;
-}
 
 struct Seen {
   std::vector<int> events;
@@ -56,15 +48,6 @@ int on_msg(ipcconn_client *c, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
   return m->length > 4096 ? -1 : 0;
 }
 
-std::string frame(uint16_t type, uint16_t subtype, const std::string &payload, uint8_t opcode = 1) {
-  ipc_msg h{type, subtype, static_cast<uint16_t>(payload.size()), opcode, 0};
-  return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
-}
-
-std::string ident_bytes(uint32_t app, uint32_t pid, uint32_t inst) {
-  uint32_t v[3] = {app, pid, inst};
-  return frame(0x417, 0xFFFE, std::string(reinterpret_cast<char *>(v), sizeof v));
-}
 
 class Client : public Io, public ::testing::WithParamInterface<bool> {
  protected:

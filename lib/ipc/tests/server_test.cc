@@ -16,32 +16,16 @@
 #include <vector>
 
 #include "io_fixture.h"
+#include "ipc_test_util.h"
 #include "ipc/ipcconn.h"
 #include "ipc/ipcconn_server.h"
 #include "platform/sys.h"
 
 using namespace tt;
+using namespace ipct;
 
 namespace {
 
-std::vector<std::string> lines;
-void keep_line(int level, const char *line) {
-  lines.push_back(std::string(level == IPCCONN_LOG_ERROR ? "E " : "D ") + line);
-}
-bool logged(const std::string &part) {
-  for (auto &l : lines)
-    if (l.find(part) != std::string::npos) return true;
-  return false;
-}
-
-std::string frame(uint16_t type, uint16_t subtype, const std::string &payload, uint8_t opcode = 1) {
-  ipc_msg h{type, subtype, static_cast<uint16_t>(payload.size()), opcode, 0};
-  return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
-}
-std::string ident(uint32_t app, uint32_t pid, uint32_t inst) {
-  uint32_t v[3] = {app, pid, inst};
-  return frame(0x417, 0xFFFE, std::string(reinterpret_cast<char *>(v), sizeof v));
-}
 
 struct Seen {
   std::vector<std::string> events;  // "event:app:pid"
@@ -158,7 +142,7 @@ TEST_P(Server, ASessionIsReadyOnlyOnceIdentified) {
   ASSERT_NE(srv->sessions, nullptr);
   EXPECT_TRUE(seen.events.empty());
   // Nothing holds back a message before the identification.
-  put(p, frame(0x417, 5, "early") + ident(7, 4242, 3) + frame(0x417, 6, "after"));
+  put(p, frame(0x417, 5, "early") + ident_bytes(7, 4242, 3) + frame(0x417, 6, "after"));
   real_passes(2);
   EXPECT_EQ(seen.msgs, (std::vector<std::string>{"5:early", "6:after"}));
   EXPECT_EQ(seen.events, std::vector<std::string>{"0:7:4242"});
@@ -197,7 +181,7 @@ TEST_P(Server, APeerThatGoesUnidentifiedIsNeverHeardOf) {
   EXPECT_TRUE(seen.events.empty());
   // A second identification is a fault, reported and survived.
   p = peer();
-  put(p, ident(1, 2, 3) + ident(1, 2, 3));
+  put(p, ident_bytes(1, 2, 3) + ident_bytes(1, 2, 3));
   real_passes(2);
   EXPECT_TRUE(logged("IPCCONN_FLAG_INITIALIZING' failed"));
   EXPECT_EQ(seen.events.size(), 2u);  // the second gives event 0 again
@@ -231,7 +215,7 @@ TEST_P(Server, ErrorReportsAndFaultyOpcodesAreStillProcessed) {
   ipcconn_server *srv = create();
   ASSERT_NE(srv, nullptr);
   int p = peer();
-  put(p, ident(7, 1, 0) + frame(0x417, 2, "err", IPC_MSG_OP_SEND | IPC_MSG_OP_ERROR) + frame(0x417, 3, "both", 3) +
+  put(p, ident_bytes(7, 1, 0) + frame(0x417, 2, "err", IPC_MSG_OP_SEND | IPC_MSG_OP_ERROR) + frame(0x417, 3, "both", 3) +
              frame(0x417, 99, "refused") + frame(0x417, 4, "lost"));
   real_passes(3);
   EXPECT_EQ(seen.msgs, (std::vector<std::string>{"2:err", "3:both", "99:refused"}));
@@ -248,7 +232,7 @@ TEST_P(Server, ClosingOrShuttingDownFromInsideACallback) {
   ASSERT_NE(srv, nullptr);
   seen.close_on_msg = true;
   int p = peer();
-  put(p, ident(7, 1, 0) + frame(0x417, 1, "a") + frame(0x417, 2, "b"));
+  put(p, ident_bytes(7, 1, 0) + frame(0x417, 1, "a") + frame(0x417, 2, "b"));
   real_passes(3);
   EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
   // Event 1 cannot be given while the application is inside our callback.
@@ -262,8 +246,8 @@ TEST_P(Server, ClosingOrShuttingDownFromInsideACallback) {
   seen.srv = srv;
   seen.shutdown_on_msg = true;
   int q = peer(), r = peer();
-  put(r, ident(8, 2, 0));
-  put(q, ident(7, 1, 0));
+  put(r, ident_bytes(8, 2, 0));
+  put(q, ident_bytes(7, 1, 0));
   real_passes(3);
   ASSERT_EQ(seen.events.size(), 2u);
   put(q, frame(0x417, 1, "bye"));
@@ -281,7 +265,7 @@ TEST_P(Server, ReadingStopsAndResumes) {
   ASSERT_NE(srv, nullptr);
   seen.stop_reading = true;
   int p = peer();
-  put(p, ident(7, 1, 0) + frame(0x417, 1, "a") + frame(0x417, 2, "b"));
+  put(p, ident_bytes(7, 1, 0) + frame(0x417, 1, "a") + frame(0x417, 2, "b"));
   real_passes(3);
   EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
   seen.stop_reading = false;
@@ -301,7 +285,7 @@ TEST_P(Server, ThresholdsAndBackPressureAreTheServers) {
   ipcconn_server *srv = create();
   ASSERT_NE(srv, nullptr);
   int p = peer();
-  put(p, ident(7, 1, 0));
+  put(p, ident_bytes(7, 1, 0));
   real_passes(2);
   ipcconn_session *s = seen.ready.at(0);
   EXPECT_EQ(ipcconn_server_send(s, 1, "l", 1, IPCCONN_MSG_PRIORITY_LOW), 0);  // went straight
@@ -329,7 +313,7 @@ TEST_P(Server, ReadAndDrainLoopsEndAfterTenMilliseconds) {
   ipcconn_server *srv = create();
   ASSERT_NE(srv, nullptr);
   int p = peer();
-  put(p, ident(7, 1, 0));
+  put(p, ident_bytes(7, 1, 0));
   real_passes(2);
   std::string all;
   for (int i = 0; i < 40; i++) all += frame(0x417, 1, "m");
@@ -365,7 +349,7 @@ TEST_P(Server, AStuckPeerIsClosedAfterThreeKeepAliveIntervals) {
   ipcconn_server *srv = create();
   ASSERT_NE(srv, nullptr);
   int p = peer();
-  put(p, ident(7, 1, 0));
+  put(p, ident_bytes(7, 1, 0));
   real_passes(2);
   ipcconn_session *s = seen.ready.at(0);
   // Idle is no fault.
@@ -578,7 +562,7 @@ TEST_P(Server, AThousandSessions) {
     // The backlog is 128: let the server take them in batches.
     if (i % 100 == 99) real_passes(3);
     int p = peer();
-    put(p, ident(static_cast<uint32_t>(i), 5000 + static_cast<uint32_t>(i), 0) + frame(0x417, 1, std::to_string(i)));
+    put(p, ident_bytes(static_cast<uint32_t>(i), 5000 + static_cast<uint32_t>(i), 0) + frame(0x417, 1, std::to_string(i)));
     ps.push_back(p);
   }
   real_passes(40);
