@@ -23,6 +23,9 @@ void ipcconn_session_destroy(ipcconn_session *session);
 int ipcconn_give_event(ipcconn_client *clnt, int event);
 int ipcconn_session_give_event(ipcconn_session *session, int event);
 int ipcconn_map_event_to_errno(int event);
+// Whether a message fits the client's buffer (with the pipe's 16 bytes);
+// false after the line saying it does not.
+bool ipcconn_client_length_ok(const ipcconn_client *clnt, const void *buf, uint32_t length);
 // Drops every queued message (external buffers go back to the application).
 void ipcconn_client_queue_free(ipcconn_client *clnt);
 void ipcconn_session_queue_free(ipcconn_session *session);

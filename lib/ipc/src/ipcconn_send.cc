@@ -99,13 +99,7 @@ int send_common(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t l
                 __func__, __LINE__, c->app_id, static_cast<void *>(c), static_cast<void *>(c));
     return IPCCONN_ERR_INVALID;
   }
-  if (length + IPC_PIPE_OVERHEAD > c->bufsize || (!buf && length)) {
-    ipcconn_log(IPCCONN_LOG_ERROR,
-                "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), message length (%d) plus overhead (%d) is greater "
-                "than the configured buffer size (%d)",
-                __func__, __LINE__, c->app_id, static_cast<void *>(c), length, IPC_PIPE_OVERHEAD, c->bufsize);
-    return IPCCONN_ERR_INVALID;
-  }
+  if (!ipcconn_client_length_ok(c, buf, length)) return IPCCONN_ERR_INVALID;
   const ipcconn_func *f = ipcconn_client_func(c);
   if (c->pclient_flags & IPCCONN_FLAG_CONNECT_PENDING)
     return queue_store(c, subtype, buf, length, priority, external, false);
@@ -136,6 +130,16 @@ int send_common(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t l
 }
 
 }  // namespace
+
+bool ipcconn_client_length_ok(const ipcconn_client *c, const void *buf, uint32_t length) {
+  if (length + IPC_PIPE_OVERHEAD <= c->bufsize && (buf || !length)) return true;
+  ipcconn_log(IPCCONN_LOG_ERROR,
+              "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), message length (%d) plus overhead (%d) is greater "
+              "than the configured buffer size (%d)",
+              __func__, __LINE__, c->app_id, const_cast<void *>(static_cast<const void *>(c)), length,
+              IPC_PIPE_OVERHEAD, c->bufsize);
+  return false;
+}
 
 void ipcconn_client_queue_free(ipcconn_client *c) {
   while (ipcconn_pending *r = c->pending_head) {

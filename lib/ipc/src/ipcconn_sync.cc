@@ -77,13 +77,7 @@ ipcconn_client *ipcconn_tcp_client_connect(const ipcconn_client_params *p) { ret
 
 int ipcconn_client_send_sync(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t length) {
   if (!c || !c->sync || is_dead(c) || c->pclient_socket < 0) return IPCCONN_ERR_INVALID;
-  if (length + IPC_PIPE_OVERHEAD > c->bufsize || (!buf && length)) {
-    ipcconn_log(IPCCONN_LOG_ERROR,
-                "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), message length (%d) plus overhead (%d) is greater "
-                "than the configured buffer size (%d)",
-                __func__, __LINE__, c->app_id, static_cast<void *>(c), length, IPC_PIPE_OVERHEAD, c->bufsize);
-    return IPCCONN_ERR_INVALID;
-  }
+  if (!ipcconn_client_length_ok(c, buf, length)) return IPCCONN_ERR_INVALID;
   uint16_t type = (c->pclient_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? c->interop_type : uint16_t{IPCCONN_MSG_TYPE};
   int rc = ipcconn_msg_send(c->pclient_pipe, type, subtype, buf, length, false);
   // A blocking socket cut short (a signal) goes on where it stopped.
