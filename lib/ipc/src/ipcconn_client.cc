@@ -63,13 +63,15 @@ void ipcconn_client_clear_state(ipcconn_client *c) {
   ipcconn_client_queue_free(c);
   if (c->pclient_pipe) {
     ipc_pipe_detach_socket(c->pclient_pipe);
-    // A message callback's message lives in the pipe: inside one, a closed
-    // client keeps it until the record goes.
-    bool keep = (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) && (c->pclient_flags & IPCCONN_FLAG_DEAD);
-    if (!keep) {
+    // A message callback's message lives in the pipe: inside a callback
+    // (a close or restart from it) the pipe stays until the callback returns.
+    if (c->pclient_flags & IPCCONN_FLAG_PROCESSING_API) {
+      if (c->pclient_retired_pipe) ipc_pipe_destroy(c->pclient_retired_pipe);
+      c->pclient_retired_pipe = c->pclient_pipe;
+    } else {
       ipc_pipe_destroy(c->pclient_pipe);
-      c->pclient_pipe = nullptr;
     }
+    c->pclient_pipe = nullptr;
   }
   if (c->pclient_socket >= 0) close(c->pclient_socket);
   c->pclient_socket = -1;
@@ -156,6 +158,10 @@ void api_enter(ipcconn_client *c) {
 void api_exit(ipcconn_client *c) {
   IPCCONN_INSIST(c->pclient_flags & IPCCONN_FLAG_PROCESSING_API);
   c->pclient_flags &= ~IPCCONN_FLAG_PROCESSING_API;
+  if (c->pclient_retired_pipe && !(c->pclient_flags & IPCCONN_FLAG_DEAD)) {
+    ipc_pipe_destroy(c->pclient_retired_pipe);
+    c->pclient_retired_pipe = nullptr;
+  }
   if (c->pclient_flags & IPCCONN_FLAG_DEAD)
     ipcconn_log(IPCCONN_LOG_ERROR, "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), is DEAD now", __func__, __LINE__,
                 c->app_id, static_cast<void *>(c));
@@ -445,7 +451,7 @@ void ipcconn_client_close(ipcconn_client *c) {
 
 void ipcconn_client_destroy(ipcconn_client *c) {
   if (!IPCCONN_INSIST(c != 0) || !IPCCONN_INSIST(c->pclient_flags & IPCCONN_FLAG_DEAD)) return;
-  if (c->pclient_pipe) ipc_pipe_destroy(c->pclient_pipe);
+  if (c->pclient_retired_pipe) ipc_pipe_destroy(c->pclient_retired_pipe);
   if (c->pclient_io_task) {
     task_set_data(c->pclient_io_task, nullptr);
     task_delete(c->pclient_io_task);

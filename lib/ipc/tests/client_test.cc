@@ -30,6 +30,7 @@ struct Seen {
   bool close_on_connect = false;
   bool close_on_msg = false;
   bool stop_reading = false;
+  bool restart_on_msg = false;
   double advance_per_msg = 0;  // seconds of the kernel's clock each message costs
 };
 void on_event(ipcconn_client *c, int event, void *cookie) {
@@ -43,6 +44,7 @@ int on_msg(ipcconn_client *c, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
                     std::string(reinterpret_cast<char *>(ipc_msg_payload(m)), m->length));
   if (s->advance_per_msg) advance(s->advance_per_msg);
   if (s->close_on_msg) ipcconn_client_close(c);
+  if (s->restart_on_msg) ipcconn_client_restart(c);
   if (s->stop_reading) ipcconn_client_disable_msg_callbacks(c);
   // The message stays readable until the callback returns, a close inside it too.
   return m->length > 4096 ? -1 : 0;
@@ -252,6 +254,30 @@ TEST_P(Client, ClosingFromInsideACallbackFreesAfterItReturns) {
   real_passes(3);
   EXPECT_EQ(second.msgs, std::vector<std::string>{"1:a"});
   EXPECT_EQ(second.events, std::vector<int>{IPCCONN_EVENT_CONNECTED});
+  close(s);
+}
+
+TEST_P(Client, RestartingFromInsideAMessageCallback) {
+  listen_now();
+  seen.restart_on_msg = true;
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  std::string two = frame(0x417, 1, "a") + frame(0x417, 2, "b");
+  ASSERT_EQ(write(s, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+  real_passes(2);
+  // Event 1 cannot be given from inside the callback; the rest of the read went with the connection.
+  EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
+  EXPECT_EQ(c->pclient_retired_pipe, nullptr);
+  seen.restart_on_msg = false;
+  next_retry();
+  real_passes(1);
+  EXPECT_EQ(seen.events.back(), IPCCONN_EVENT_CONNECTED);
+  close(s);
+  s = accept_one();
+  EXPECT_EQ(take(s), ident_bytes(7, 4242, 3));
+  ipcconn_client_close(c);
   close(s);
 }
 

@@ -149,6 +149,7 @@ struct ipcconn_client {
   uint16_t interop_type;
   int32_t pclient_socket;
   ipc_pipe *pclient_pipe;
+  ipc_pipe *pclient_retired_pipe;  // dropped inside a callback: freed once it returns
   sockaddr_un local_addr, peer_addr;
   sockaddr_in tcp_peer;  // the peer of a TCP client
   uint8_t has_local;
