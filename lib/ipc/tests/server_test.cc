@@ -308,6 +308,43 @@ TEST_P(Server, ThresholdsAndBackPressureAreTheServers) {
   ipcconn_server_shutdown(srv);
 }
 
+int freed_external;
+void counting_free(void *p) {
+  if (p && static_cast<char *>(p)[0] == 'X') freed_external++;
+  free(p);
+}
+
+TEST_P(Server, PartialWritesFinishOnWriteReadyInOrder) {
+  params.free_fn = counting_free;
+  params.threshold_low = 10;
+  freed_external = 0;
+  ipcconn_server *srv = create();
+  ASSERT_NE(srv, nullptr);
+  int p = peer();
+  put(p, ident_bytes(7, 1, 0));
+  real_passes(2);
+  ipcconn_session *s = seen.ready.at(0);
+  char *ext = static_cast<char *>(malloc(9));
+  memcpy(ext, "XDDDDDDDD", 9);
+  tvx_fault_short(TVX_SYS_SENDMSG, 5);  // 5 bytes of the first go, the rest is kept
+  EXPECT_EQ(ipcconn_server_send_external(s, 1, ext, 9, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(s->counters.current_depth, 1u);
+  EXPECT_TRUE(s->pending_head->partially_written);
+  EXPECT_EQ(ipcconn_server_send(s, 2, "next", 4, IPCCONN_MSG_PRIORITY_LOW), 0);  // behind it
+  EXPECT_EQ(freed_external, 0);
+  real_passes(2);
+  EXPECT_EQ(take(p), frame(0x417, 1, "XDDDDDDDD") + frame(0x417, 2, "next"));
+  EXPECT_EQ(freed_external, 1);
+  EXPECT_EQ(s->counters.sent_from_queue, 2u);
+  EXPECT_FALSE(ipcconn_server_func(srv)->server_is_write_ready_active(s));
+  // A terminal error ends the session.
+  tvx_fault_errno(TVX_SYS_SENDMSG, EPIPE);
+  EXPECT_EQ(ipcconn_server_send(s, 3, "x", 1, IPCCONN_MSG_PRIORITY_LOW), IPCCONN_ERR_PIPE);
+  EXPECT_TRUE(logged("failed with terminal error (32)"));
+  EXPECT_EQ(seen.events, (std::vector<std::string>{"0:7:1", "1:7:1"}));
+  ipcconn_server_shutdown(srv);
+}
+
 TEST_P(Server, ReadAndDrainLoopsEndAfterTenMilliseconds) {
   params.bufsize = 64;  // a read takes at most four of these messages
   ipcconn_server *srv = create();
