@@ -1,6 +1,7 @@
 // ipcpeer: one end of an IPC message connection (echo, sink or source;
 // client or server; on the task kernel or the event library), for system
 // tests and measurements. Events go to standard output a line each.
+#include <arpa/inet.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -285,7 +286,9 @@ int main(int argc, char **argv) {
     p.threshold_medium = opt.threshold_medium;
     p.threshold_low = opt.threshold_low;
     p.threshold_backpressure = opt.threshold_backpressure;
-    client = ipcconn_uds_client_connect(&p);
+    p.tcp_addr = opt.tcp_addr;
+    p.tcp_port = opt.tcp_port;
+    client = opt.tcp ? ipcconn_tcp_client_create(&p) : ipcconn_uds_client_connect(&p);
     if (!client) {
       fprintf(stderr, "ipcpeer: cannot connect to %s\n", opt.path.c_str());
       return 1;
@@ -311,12 +314,21 @@ int main(int argc, char **argv) {
     // here that takes an explicit --threshold-low 0.
     p.threshold_low = opt.threshold_low_set ? opt.threshold_low : UINT32_MAX;
     p.threshold_backpressure = opt.threshold_backpressure;
-    server = ipcconn_uds_server_create(&p);
+    p.tcp_addr = opt.tcp_addr;
+    p.tcp_port = opt.tcp_port;
+    server = opt.tcp ? ipcconn_tcp_server_create(&p) : ipcconn_uds_server_create(&p);
     if (!server) {
       fprintf(stderr, "ipcpeer: cannot listen on %s: %s\n", opt.path.c_str(), strerror(errno));
       return 1;
     }
-    say("listening %s", opt.path.c_str());
+    if (opt.tcp) {
+      char text[INET_ADDRSTRLEN];
+      auto *a = reinterpret_cast<const sockaddr_in *>(&server->addr);
+      inet_ntop(AF_INET, &a->sin_addr, text, sizeof text);
+      say("listening %s:%u", text, ntohs(a->sin_port));
+    } else {
+      say("listening %s", opt.path.c_str());
+    }
   }
   running = true;
   task_scheduler();

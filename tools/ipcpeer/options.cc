@@ -1,6 +1,7 @@
 // ipcpeer's command line and --help.
 #include "options.h"
 
+#include <arpa/inet.h>
 #include <getopt.h>
 
 #include <cerrno>
@@ -20,6 +21,8 @@ const char ipcpeer_help_text[] =
     "Where:\n"
     "  -s, --server PATH        listen on the Unix socket PATH (under TAVOX_ROOT)\n"
     "  -c, --client PATH        connect to the server on PATH, retrying every 2 s\n"
+    "  -T, --tcp                PATH is an IPv4 ADDRESS:PORT (a server given port 0\n"
+    "                           says the port it got in its listening line)\n"
     "\n"
     "Options:\n"
     "  -e, --events SYSTEM      task (the task kernel, default) or ev (the event library)\n"
@@ -83,13 +86,14 @@ ipcpeer_parse_result ipcpeer_parse(int argc, char **argv, ipcpeer_options *o, st
       {"instance", required_argument, nullptr, 'i'}, {"count", required_argument, nullptr, 'n'},
       {"size", required_argument, nullptr, 'l'},     {"priority", required_argument, nullptr, 'p'},
       {"interval", required_argument, nullptr, 't'},
+      {"tcp", no_argument, nullptr, 'T'},
       {"verbose", no_argument, nullptr, 'v'},        {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0}};
   bool where = false;
   optind = 1;
   opterr = 0;
   int ch;
-  while ((ch = getopt_long(argc, argv, ":s:c:e:r:b:k:a:i:n:l:p:t:vh", longs, nullptr)) != -1) {
+  while ((ch = getopt_long(argc, argv, ":s:c:e:r:b:k:a:i:n:l:p:t:Tvh", longs, nullptr)) != -1) {
     uint64_t v = 0;
     auto num = [&](uint64_t max, const char *what) {
       if (number(optarg, max, &v)) return true;
@@ -179,6 +183,9 @@ ipcpeer_parse_result ipcpeer_parse(int argc, char **argv, ipcpeer_options *o, st
         if (!num(3600000, "interval")) return IPCPEER_USAGE_ERROR;
         o->interval_ms = static_cast<uint32_t>(v);
         break;
+      case 'T':
+        o->tcp = true;
+        break;
       case 'v':
         o->verbose = true;
         break;
@@ -210,6 +217,18 @@ ipcpeer_parse_result ipcpeer_parse(int argc, char **argv, ipcpeer_options *o, st
   if (!where) {
     *error = "give --server PATH or --client PATH";
     return IPCPEER_USAGE_ERROR;
+  }
+  if (o->tcp) {
+    size_t colon = o->path.rfind(':');
+    uint64_t port = 0;
+    in_addr a{};
+    if (colon == std::string::npos || inet_pton(AF_INET, o->path.substr(0, colon).c_str(), &a) != 1 ||
+        !number(o->path.c_str() + colon + 1, 65535, &port) || (port == 0 && o->role == IPCPEER_CLIENT)) {
+      *error = "invalid TCP address '" + o->path + "' (ADDRESS:PORT)";
+      return IPCPEER_USAGE_ERROR;
+    }
+    o->tcp_addr = a.s_addr;
+    o->tcp_port = static_cast<uint16_t>(port);
   }
   if (o->bufsize && o->size + 16 > o->bufsize) {
     *error = "--size plus 16 is larger than --bufsize";

@@ -10,7 +10,10 @@ enum ipcpeer_role { IPCPEER_CLIENT, IPCPEER_SERVER };
 struct ipcpeer_options {
   ipcpeer_mode mode = IPCPEER_SINK;
   ipcpeer_role role = IPCPEER_CLIENT;
-  std::string path;       // the Unix socket (logical, under the root)
+  std::string path;       // the Unix socket (logical, under the root), or with tcp ADDRESS:PORT
+  bool tcp = false;
+  uint32_t tcp_addr = 0;  // network order
+  uint16_t tcp_port = 0;
   bool use_ev = false;    // the event library instead of the task kernel
   uint16_t retries = 1000;
   uint32_t bufsize = 0;   // 0: the library's default

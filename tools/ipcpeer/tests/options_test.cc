@@ -1,4 +1,5 @@
 // ipcpeer's command line: what is taken, and the one line for what is not.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -42,6 +43,11 @@ TEST(IpcpeerOptions, TakesAWholeCommandLine) {
   EXPECT_FALSE(d.use_ev);
   EXPECT_FALSE(d.threshold_low_set);
   EXPECT_EQ(parse({"--help"}, &d, &err), IPCPEER_HELP);
+  ipcpeer_options t;
+  ASSERT_EQ(parse({"-T", "-c", "127.0.0.1:4000", "sink"}, &t, &err), IPCPEER_RUN) << err;
+  EXPECT_TRUE(t.tcp);
+  EXPECT_EQ(t.tcp_port, 4000);
+  EXPECT_EQ(t.tcp_addr, htonl(INADDR_LOOPBACK));
 }
 
 TEST(IpcpeerOptions, RefusesWithOneLine) {
@@ -63,6 +69,8 @@ TEST(IpcpeerOptions, RefusesWithOneLine) {
       {{"-s", "/p", "--count", "-1", "sink"}, "invalid count '-1'"},
       {{"-s", "/p", "--bogus", "sink"}, "unknown option '--bogus'"},
       {{"-s", "/p", "sink", "-n"}, "option '-n' needs a value"},
+      {{"--tcp", "-c", "127.0.0.1:0", "sink"}, "invalid TCP address '127.0.0.1:0' (ADDRESS:PORT)"},
+      {{"--tcp", "-s", "localhost:80", "sink"}, "invalid TCP address 'localhost:80' (ADDRESS:PORT)"},
   };
   for (auto &c : cases) {
     ipcpeer_options o;
