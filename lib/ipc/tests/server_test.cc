@@ -345,6 +345,30 @@ TEST_P(Server, PartialWritesFinishOnWriteReadyInOrder) {
   ipcconn_server_shutdown(srv);
 }
 
+bool refuse_alloc;
+void *maybe_malloc(size_t n) { return refuse_alloc ? nullptr : malloc(n); }
+
+TEST_P(Server, NoMemoryToQueueIsMinus102AndTheSessionGoesOn) {
+  params.malloc_fn = maybe_malloc;
+  params.threshold_low = 10;
+  refuse_alloc = false;
+  ipcconn_server *srv = create();
+  ASSERT_NE(srv, nullptr);
+  int p = peer();
+  put(p, ident_bytes(7, 1, 0));
+  real_passes(2);
+  ipcconn_session *s = seen.ready.at(0);
+  refuse_alloc = true;
+  EXPECT_EQ(ipcconn_server_send(s, 1, "straight", 8, IPCCONN_MSG_PRIORITY_LOW), 0);  // needs no memory
+  tvx_fault_errno(TVX_SYS_SENDMSG, EAGAIN);
+  EXPECT_EQ(ipcconn_server_send(s, 2, "queued", 6, IPCCONN_MSG_PRIORITY_LOW), IPCCONN_ERR_NOMEM);
+  EXPECT_EQ(s->counters.queue_failed, 1u);
+  refuse_alloc = false;
+  EXPECT_EQ(ipcconn_server_send(s, 3, "later", 5, IPCCONN_MSG_PRIORITY_LOW), 0);
+  EXPECT_EQ(take(p), frame(0x417, 1, "straight") + frame(0x417, 3, "later"));
+  ipcconn_server_shutdown(srv);
+}
+
 TEST_P(Server, ReadAndDrainLoopsEndAfterTenMilliseconds) {
   params.bufsize = 64;  // a read takes at most four of these messages
   ipcconn_server *srv = create();
