@@ -1,8 +1,9 @@
 // IPC connections: a message connection between two daemons on a stream
-// socket, over a message pipe (ipc/ipc_pipe.h). This header has the client's
-// creation and connect: an asynchronous Unix-domain connect on either event
-// system (the event library of ipc/ev.h or the task kernel, exactly one
-// given), retried every 2 seconds up to a limit, and the identification
+// socket, over a message pipe (ipc/ipc_pipe.h). This header has the client
+// (the server is ipc/ipcconn_server.h): an asynchronous Unix-domain or TCP
+// connect on either event system (the event library of ipc/ev.h or the task
+// kernel, exactly one given), retried every 2 seconds up to a limit, or a
+// synchronous one on a blocking socket with no event system; the identification
 // message the client sends first (type 0x417, subtype 0xFFFE, 12 bytes:
 // app-id, pid, instance-id as 32-bit numbers in host order); sending with a
 // queue behind a full socket, thresholds by priority and back-pressure
