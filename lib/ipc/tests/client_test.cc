@@ -530,7 +530,7 @@ void on_pressure_advance(ipcconn_client *c, int event, void *cookie) {
 
 TEST_P(Client, ReadAndDrainLoopsEndAfterTenMilliseconds) {
   listen_now();
-  params.bufsize = 64;  // a read takes at most four of these messages
+  params.bufsize = 64;  // a read takes seven of these 9-byte messages
   ipcconn_client *c = ipcconn_uds_client_connect(&params);
   ASSERT_NE(c, nullptr);
   real_passes(2);

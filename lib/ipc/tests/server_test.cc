@@ -370,7 +370,7 @@ TEST_P(Server, NoMemoryToQueueIsMinus102AndTheSessionGoesOn) {
 }
 
 TEST_P(Server, ReadAndDrainLoopsEndAfterTenMilliseconds) {
-  params.bufsize = 64;  // a read takes at most four of these messages
+  params.bufsize = 64;  // a read takes seven of these 9-byte messages
   ipcconn_server *srv = create();
   ASSERT_NE(srv, nullptr);
   int p = peer();
@@ -402,6 +402,24 @@ TEST_P(Server, ReadAndDrainLoopsEndAfterTenMilliseconds) {
   real_passes(2);
   EXPECT_EQ(s->counters.current_depth, 0u);
   EXPECT_EQ(take(p).size(), 120u * 9);
+  ipcconn_server_shutdown(srv);
+}
+
+TEST_P(Server, TheReadBudgetBoundsTheReadsOfAPass) {
+  params.bufsize = 64;  // a read takes seven of these 9-byte messages
+  params.read_budget = 2;
+  ipcconn_server *srv = create();
+  ASSERT_NE(srv, nullptr);
+  int p = peer();
+  put(p, ident_bytes(7, 1, 0));
+  real_passes(2);
+  std::string all;
+  for (int i = 0; i < 40; i++) all += frame(0x417, 1, "m");
+  put(p, all);
+  real_passes(1);
+  EXPECT_EQ(seen.msgs.size(), 14u);  // two reads of 64 bytes, seven whole messages each
+  real_passes(10);
+  EXPECT_EQ(seen.msgs.size(), 40u);
   ipcconn_server_shutdown(srv);
 }
 
