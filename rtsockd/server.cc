@@ -20,6 +20,7 @@
 #include <ctime>
 
 #include "platform/compat.h"
+#include "rtsock/rts_filter.h"
 #include "rtsock/rts_lower.h"
 
 namespace rtsockd {
@@ -529,11 +530,37 @@ int Server::setopt(Client &c, int name, const uint8_t *v, uint32_t len) {
       c.options[name].assign(v, v + len);
       return 0;
     case RTS_OPT_FILTER:
-      c.options[name].assign(v, v + len);
-      return 0;
+      return set_filter(c, v, len);
     default:
       return ENOPROTOOPT;
   }
+}
+
+// The filter record: the listen mask, a flag, a pointer (zero), the program.
+// A record with a compiled program installs it, and its mask; one whose
+// program area is all zeros removes the filter; anything else there (the
+// filter's text, as older clients send it) is kept but not applied.
+int Server::set_filter(Client &c, const uint8_t *v, uint32_t len) {
+  if (len < RTS_FILTER_PROGRAM_OFF + RTS_FILTER_HEADER) return EINVAL;
+  const uint8_t *prog = v + RTS_FILTER_PROGRAM_OFF;
+  size_t room = len - RTS_FILTER_PROGRAM_OFF;
+  uint32_t magic;
+  memcpy(&magic, prog, 4);
+  if (magic == RTS_FILTER_MAGIC) {
+    int n = rts_filter_check(prog, room);
+    if (n < 0) {
+      log("client %d (sender %u): malformed filter program: refused", c.id, c.sender);
+      return EINVAL;
+    }
+    c.filter.assign(prog, prog + n);
+    memcpy(c.listen, v, 8);
+  } else if (std::all_of(prog, prog + room, [](uint8_t b) { return b == 0; })) {
+    c.filter.clear();
+  } else {
+    log("client %d (sender %u): filter record without a compiled program: kept, not applied", c.id, c.sender);
+  }
+  c.options[RTS_OPT_FILTER].assign(v, v + len);
+  return 0;
 }
 
 int Server::getopt(Client &c, int name, std::vector<uint8_t> *v) {
@@ -679,6 +706,7 @@ void Server::notify(uint32_t type, uint8_t op, void *record, uint32_t sender, co
   Bytes bytes;
   for (auto &[id, c] : clients_) {
     if (c.dead || !c.hello || &c == origin || !(c.listen[w] & bit)) continue;
+    if (!c.filter.empty() && rts_filter_eval(c.filter.data(), type, record) == 0) continue;
     if (!bytes) bytes = std::make_shared<const std::vector<uint8_t>>(encode(type, record, true));
     send_data(c, bytes, true);
   }

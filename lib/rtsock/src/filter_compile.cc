@@ -120,7 +120,11 @@ class Compiler {
       std::string tn = rts_type_table[t].name;
       for (char &c : tn)
         if (c == '-' || c == ' ') c = '_';
-      for (const std::string &n : {std::string(s->rs_name), tn})
+      // "rts_bd_msg", its short form "bd", and the type's name.
+      std::string full = s->rs_name, brief = full;
+      if (brief.rfind("rts_", 0) == 0) brief.erase(0, 4);
+      if (brief.size() > 4 && brief.compare(brief.size() - 4, 4, "_msg") == 0) brief.resize(brief.size() - 4);
+      for (const std::string &n : {full, brief, tn})
         if (name == n || name == n + "_t") {
           *type = t;
           return s;

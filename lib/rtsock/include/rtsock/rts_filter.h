@@ -18,8 +18,9 @@
 //   string  := "..." with \" and \\ as escapes
 //
 // `struct` names a structure of the shared layout table (rts_codec.h): its
-// name ("rts_gencfg_msg"), or the name of its message type with '-' written
-// '_' ("gencfg", "bridge_domain"), either with "_t" behind ("gencfg_t").
+// name ("rts_bd_msg"), that name without "rts_" and "_msg" ("bd"), or the
+// name of its message type with '-' written '_' ("bridge_domain"), any of
+// them with "_t" behind ("gencfg_t").
 // `name` is a field of it as the table names it ("major", "vnid"); a nested
 // field is reached with '.', and the common header's fields may be named
 // without "hdr." ("gencfg->operation"). Integer fields take numbers and all
