@@ -10,6 +10,7 @@
 
 #include "fake_peer.h"
 #include "io_fixture.h"
+#include "rtsock/rts_filter.h"
 #include "rtsock/rtslib_async.h"
 #include "rtsock/rtslib_gencfg.h"
 
@@ -183,6 +184,30 @@ TEST_F(Async, ExternalModeWithoutADispatchTableFails) {
   EXPECT_EQ(rtslib_rtm_async_register(c, &seen, on_msg), -1);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(ai()->handlers[RTS_T_ROUTE], nullptr);
+}
+
+TEST_F(Async, FiltersGoWithTheStoredMaskAndTheirBit) {
+  ASSERT_EQ(rtslib_bd_async_register(c, &seen, on_msg), 0);
+  uint8_t prog[RTS_FILTER_MAX];
+  const char text[] = "bd->vnid >= 200";
+  ASSERT_EQ(rts_filter_compile(text, sizeof text - 1, prog, sizeof prog, nullptr), 0);
+  EXPECT_EQ(rtslib_async_register_filters(c, nullptr), EINVAL);
+  ASSERT_EQ(rtslib_async_register_filters(c, prog), 0);
+  const Msg &rec = peer.options[RTS_OPT_FILTER];
+  ASSERT_EQ(rec.size(), RTS_FILTER_RECORD);
+  uint32_t w[3];
+  memcpy(w, rec.data(), 12);
+  EXPECT_EQ(w[0], 0u);
+  EXPECT_EQ(w[1], 0x1000u | RTS_FILTER_LISTEN_BIT);
+  EXPECT_EQ(w[2], 1u);
+  EXPECT_EQ(memcmp(rec.data() + RTS_FILTER_PROGRAM_OFF, prog, 24 + 15), 0);
+  EXPECT_EQ(ai()->listen_mask[1], 0x1000u | RTS_FILTER_LISTEN_BIT);
+  prog[0] ^= 1;  // not a program
+  EXPECT_EQ(rtslib_async_register_filters(c, prog), EINVAL);
+  prog[0] ^= 1;
+  peer.option_errno[RTS_OPT_FILTER] = EPERM;
+  EXPECT_EQ(rtslib_async_register_filters(c, prog), EPERM);
+  EXPECT_TRUE(log.has(RTSLIB_LOG_ERROR, "failed to set the filter"));
 }
 
 // ---- Reading and dispatching ---------------------------------------------------------------------
