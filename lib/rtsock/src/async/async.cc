@@ -303,13 +303,14 @@ int rtslib_async_event_process(rtslib_cookie *c) {
       uint64_t len = left < 12 ? 0
                      : magic == RTS_MAGIC_TLV || magic == RTS_MAGIC_IDR ? uint64_t{word(p, 1)} + 12
                                                                         : word(p, 2);
-      if (len < 1 || len > left) {
+      // A raw message is at least its header: its type and sequence are read from it.
+      if (len < 1 || len > left || (magic == 0 && len < kPeek)) {
         rtslib_log(c, RTSLIB_LOG_FATAL, "corrupted msg_len (%d) (%d bytes left)", static_cast<int>(len),
                    static_cast<int>(left));
         errno = EINVAL;
         return -1;
       }
-      if (magic == 0 && len >= 16) check_raw_seq(c, word(p, 3));
+      if (magic == 0) check_raw_seq(c, word(p, 3));
       if (dispatch(c, p, static_cast<uint32_t>(len)) == 0) msgs++;
       if (!bulk && len != static_cast<size_t>(n)) {
         rtslib_log(c, RTSLIB_LOG_FATAL, "Incorrect message length. %d != %d", static_cast<int>(len),

@@ -283,6 +283,16 @@ TEST_F(Async, AMessageClaimingMoreThanWasReadStopsTheWalk) {
 }
 
 TEST_F(Async, ShortRecordsAndBrokenReads) {
+  ASSERT_EQ(rtslib_set_async_mode(c, RTSLIB_ASYNC_ON | RTSLIB_ASYNC_EXTERNAL | RTSLIB_ASYNC_BULK), 0);
+  ASSERT_EQ(rtslib_ifstate_eochain_register(c, &seen, on_msg), 0);
+  // A raw message shorter than its header, inside a record long enough.
+  Msg shorty = raw(47, 1, 30);
+  uint32_t eight = 8;
+  memcpy(&shorty[8], &eight, 4);
+  peer.push(shorty);
+  EXPECT_EQ(rtslib_async_event_process(c), -1);
+  EXPECT_TRUE(log.has(RTSLIB_LOG_FATAL, "corrupted msg_len (8) (30 bytes left)"));
+  EXPECT_TRUE(seen.calls.empty());
   peer.push(Msg(20, 0));
   errno = 0;
   EXPECT_EQ(rtslib_async_event_process(c), -1);
