@@ -11,6 +11,8 @@
 //   ... the event loop calls rtslib_async_event_process(c) when readable
 //   rtslib_close(c);                            // deselects and frees the handlers
 //
+// Close the handle before destroying its event context: closing deselects.
+//
 // Handlers own the message they are given and free it with
 // rtslib_msg_idl_release. A decoded message is a record (rts_msg.h); a raw
 // one (first word 0) is a copy of its bytes.
