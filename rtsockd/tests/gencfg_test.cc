@@ -39,6 +39,10 @@ TEST(RtsockdGencfg, StoredServedInOrderAndNotified) {
   Blob a(3, 1, "alpha", big), b(3, 1, "beta", "small"), c(2, 9, "gamma", "first by id");
   for (Blob *x : {&a, &b, &c}) ASSERT_EQ(rtslib_gencfg_add(h, &x->req), 0) << x->key;
   EXPECT_EQ(rtslib_gencfg_add(h, &a.req), EEXIST);
+  // Blobs have no text form: a show lists the other stores only.
+  std::string shown = peer.admin("show");
+  EXPECT_EQ(shown.find("\n\n"), std::string::npos) << shown;
+  EXPECT_EQ(shown.compare(shown.size() - 3, 3, "ok\n"), 0);
 
   // The listener is told of each, with the blob as stored (compressed).
   void *m;
