@@ -97,8 +97,9 @@ class Compiler {
   }
   void unary() {
     skip();
-    if ((at("!") && !at("!=")) || eat_word("not")) {
-      if (at("!")) i_++;
+    bool bang = at("!") && !at("!=");
+    if (bang) i_++;
+    if (bang || eat_word("not")) {
       enter();
       unary();
       depth_--;
