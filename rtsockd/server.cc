@@ -817,6 +817,24 @@ int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint
       if (!err) notify(type, op, pair.record, c.sender, &c);
       return err;
     }
+    case RTS_OP_ADD_GET:
+    case RTS_OP_CHANGE_GET: {
+      // The change, told as an add or a change, then the object as stored.
+      uint8_t change = op == RTS_OP_ADD_GET ? RTS_OP_ADD : RTS_OP_CHANGE;
+      if (type == RTS_T_RTMATCH) return EOPNOTSUPP;
+      int err = store_.apply(change, type, pair.record);
+      if (err) return err;
+      notify(type, change, pair.record, c.sender, &c);
+      auto *obj = const_cast<Object *>(store_.find_exact(type, Store::key_of(type, pair.record)));
+      if (!obj) return ENOENT;
+      rts_msg_hdr saved = obj->hdr();
+      obj->hdr().operation = op;
+      obj->hdr().seq = h->seq;
+      obj->hdr().sender = h->sender;
+      encode_into(type, obj->rec(), tlv, replies);
+      obj->hdr() = saved;
+      return 0;
+    }
     case RTS_OP_DELETE: {
       const Object *old = store_.find_exact(type, Store::key_of(type, pair.record));
       if (!old) return ENOENT;

@@ -78,6 +78,26 @@ TEST(RtsockdGencfg, StoredServedInOrderAndNotified) {
   }
   EXPECT_EQ(keys, (std::vector<std::string>{"gamma", "alpha", "beta"}));
 
+  // Add-get and change-get answer with the object as stored.
+  Blob d(4, 0, "delta", "stored");
+  d.req.gencfg_flags = GENCFG_FLAG_ID | GENCFG_FLAG_KEY;
+  ASSERT_EQ(rtslib_gencfg_request(h, &d.req, RTS_OP_ADD_GET, &out, nullptr), 0);
+  EXPECT_EQ(out->hdr.operation, RTS_OP_ADD_GET);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(out->blob), out->blob_len), "stored");
+  rtslib_msg_idl_release(h, out);
+  Blob d2(4, 0, "delta", "changed");
+  d2.req.gencfg_flags = GENCFG_FLAG_ID | GENCFG_FLAG_KEY;
+  ASSERT_EQ(rtslib_gencfg_request(h, &d2.req, RTS_OP_CHANGE_GET, &out, nullptr), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(out->blob), out->blob_len), "changed");
+  rtslib_msg_idl_release(h, out);
+  Blob e(4, 0, "epsilon", "x");
+  e.req.gencfg_flags = GENCFG_FLAG_ID | GENCFG_FLAG_KEY;
+  EXPECT_EQ(rtslib_gencfg_request(h, &e.req, RTS_OP_CHANGE_GET, &out, nullptr), ENOENT);
+  for (const char *op : {"add", "change"}) {
+    ASSERT_EQ(rtslib_msg_read_idl(listener, &m), 0) << op;
+    rtslib_msg_idl_release(nullptr, m);
+  }
+
   ASSERT_EQ(rtslib_gencfg_delete(h, &b.req), 0);
   EXPECT_EQ(rtslib_gencfg_get(h, &b.req, RTS_OP_GET, &out), ENOENT);
   ASSERT_EQ(rtslib_msg_read_idl(listener, &m), 0);
