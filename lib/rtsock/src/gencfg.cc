@@ -40,14 +40,15 @@ int check(rtslib_cookie *c, const rts_gencfg_msg *req, uint8_t op, rts_gencfg_ms
 }
 
 // The blob compressed into a new block: its length before, then the bytes.
-int compress_blob(rtslib_cookie *c, const rts_gencfg_msg *req, uint8_t **out, uint32_t *out_len) {
+int compress_blob(rtslib_cookie *c, const rtslib_gencfg_ops &use, const rts_gencfg_msg *req, uint8_t **out,
+                  uint32_t *out_len) {
   if (!c->compress_fn || !c->decompress_fn) {
     rtslib_log(c, RTSLIB_LOG_ERROR, "Compression was not initialized for rtslib");
     return EINVAL;
   }
   // Room for what deflate may add to data that does not compress.
   unsigned long room = req->blob_len + req->blob_len / 1000 + 64;
-  auto *block = static_cast<uint8_t *>(alloc(RTSLIB_MEM_MSG, room + 4));
+  auto *block = static_cast<uint8_t *>(use.alloc(use.ctx, room + 4));
   if (!block) {
     rtslib_log(c, RTSLIB_LOG_ERROR, "Failed to allocate memory for compressed blob");
     return ENOMEM;
@@ -58,7 +59,7 @@ int compress_blob(rtslib_cookie *c, const rts_gencfg_msg *req, uint8_t **out, ui
   if (rc != 0) {
     rtslib_log(c, RTSLIB_LOG_ERROR, "Failed to compress gencfg blob of %d bytes (rc %d)", static_cast<int>(before),
                rc);
-    release(RTSLIB_MEM_MSG, block);
+    use.free(use.ctx, block);
     return EIO;
   }
   rtslib_log(c, RTSLIB_LOG_DEBUG, "Gencfg blob was compressed from %ld to %ld bytes (rc %d)",
@@ -81,20 +82,21 @@ int rtslib_gencfg_request(rtslib_cookie *c, rts_gencfg_msg *req, uint8_t op, rts
   if (result) *result = nullptr;
   if (!c) return EINVAL;
   if (int err = check(c, req, op, result)) return err;
-  rtslib_gencfg_ops use{lib_alloc, lib_free, lib_send, lib_recv, nullptr};
+  rtslib_gencfg_ops use{lib_alloc, lib_free, lib_send, lib_recv, nullptr, &c->seq};
   if (ops) {
     if (ops->alloc) use.alloc = ops->alloc;
     if (ops->free) use.free = ops->free;
     if (ops->send) use.send = ops->send;
     if (ops->recv) use.recv = ops->recv;
     use.ctx = ops->ctx;
+    if (ops->seq) use.seq = ops->seq;
   }
   // The record sent is a copy: the caller's stays as it was, whatever happens.
   rts_gencfg_msg m = *req;
   uint8_t *packed = nullptr;
   if ((req->gencfg_flags & GENCFG_FLAG_COMPRESS) && (op == RTS_OP_ADD || op == RTS_OP_CHANGE) && req->blob_len) {
     uint32_t len;
-    if (int err = compress_blob(c, req, &packed, &len)) return err;
+    if (int err = compress_blob(c, use, req, &packed, &len)) return err;
     m.blob = packed;
     m.blob_len = len;
     m.gencfg_flags |= GENCFG_FLAG_COMPRESSED;
@@ -117,12 +119,12 @@ int rtslib_gencfg_request(rtslib_cookie *c, rts_gencfg_msg *req, uint8_t op, rts
     m.hdr.operation = op;
     m.hdr.size = rts_type_table[RTS_T_GENCFG].size;
     m.hdr.length = m.hdr.size;
-    m.hdr.seq = c->seq++;
+    m.hdr.seq = (*use.seq)++;
     m.hdr.sender = c->sender_id;
     err = use.send(use.ctx, c, &m);
   }
   // The compressed copy goes whatever happened; the caller's pointer was never changed.
-  release(RTSLIB_MEM_MSG, packed);
+  if (packed) use.free(use.ctx, packed);
   if (err || !wants_reply(op)) return err;
   void *msg = nullptr;
   if ((err = use.recv(use.ctx, c, &m.hdr, &msg)) != 0) return err;

@@ -221,15 +221,27 @@ TEST_F(Gencfg, GetDecompressesAndCopiesTheReplyBack) {
 
 struct Channel {
   std::vector<rts_gencfg_msg> sent;
+  int allocs = 0, frees = 0;
+  bool refuse = false;
   static int send(void *ctx, rtslib_cookie *, const rts_gencfg_msg *m) {
     static_cast<Channel *>(ctx)->sent.push_back(*m);
     return 0;
+  }
+  static void *alloc(void *ctx, size_t n) {
+    auto *ch = static_cast<Channel *>(ctx);
+    if (ch->refuse) return nullptr;
+    ch->allocs++;
+    return malloc(n);
+  }
+  static void free_(void *ctx, void *p) {
+    static_cast<Channel *>(ctx)->frees++;
+    free(p);
   }
 };
 
 TEST_F(Gencfg, ARequestGoesByItsOwnChannel) {
   Channel ch;
-  rtslib_gencfg_ops ops{nullptr, nullptr, Channel::send, nullptr, &ch};
+  rtslib_gencfg_ops ops{nullptr, nullptr, Channel::send, nullptr, &ch, nullptr};
   uint32_t seq = c->seq;
   ASSERT_EQ(rtslib_gencfg_request(c, &req, RTS_OP_CHANGE, nullptr, &ops), 0);
   EXPECT_TRUE(peer.written.empty());
@@ -239,6 +251,25 @@ TEST_F(Gencfg, ARequestGoesByItsOwnChannel) {
   EXPECT_EQ(ch.sent[0].hdr.type, RTS_T_GENCFG);
   EXPECT_EQ(ch.sent[0].hdr.size, 108);
   EXPECT_EQ(ch.sent[0].hdr.sender, 131u);
+  // With a counter of its own the channel numbers its requests.
+  uint32_t own = 500;
+  ops.seq = &own;
+  ASSERT_EQ(rtslib_gencfg_request(c, &req, RTS_OP_ADD, nullptr, &ops), 0);
+  EXPECT_EQ(ch.sent[1].hdr.seq, 500u);
+  EXPECT_EQ(own, 501u);
+  EXPECT_EQ(c->seq, seq + 1);
+  // Its allocator serves the compressed copy of the blob.
+  rtslib_init_blob_compression(c, z_compress, z_uncompress);
+  ops.alloc = Channel::alloc;
+  ops.free = Channel::free_;
+  req.gencfg_flags |= GENCFG_FLAG_COMPRESS;
+  ASSERT_EQ(rtslib_gencfg_request(c, &req, RTS_OP_ADD, nullptr, &ops), 0);
+  EXPECT_EQ(ch.allocs, 1);
+  EXPECT_EQ(ch.frees, 1);
+  EXPECT_TRUE(ch.sent[2].gencfg_flags & GENCFG_FLAG_COMPRESSED);
+  ch.refuse = true;
+  EXPECT_EQ(rtslib_gencfg_request(c, &req, RTS_OP_ADD, nullptr, &ops), ENOMEM);
+  EXPECT_TRUE(log.has(RTSLIB_LOG_ERROR, "Failed to allocate memory for compressed blob"));
 }
 
 // ---- Peers and dependencies ---------------------------------------------------------------------

@@ -46,14 +46,18 @@ void rtslib_init_blob_compression(rtslib_cookie *cookie, rtslib_compress_fn comp
                                   rtslib_compress_fn decompress);
 
 // A request's own way out, for sending it by another channel: any null
-// member uses the library's. send returns 0 or an errno value; recv reads the
-// answer to the request header it is given into *message.
+// member uses the library's. alloc and free serve the compressed copy of the
+// blob; send returns 0 or an errno value; recv reads the
+// answer to the request header it is given into *message; seq, when given,
+// is the channel's own sequence counter (taken and moved on), else the
+// handle's is used.
 struct rtslib_gencfg_ops {
   void *(*alloc)(void *ctx, size_t size);
   void (*free)(void *ctx, void *block);
   int (*send)(void *ctx, rtslib_cookie *cookie, const rts_gencfg_msg *msg);
   int (*recv)(void *ctx, rtslib_cookie *cookie, const rts_msg_hdr *request, void **message);
   void *ctx;
+  uint32_t *seq;
 };
 
 // The worker of the calls below: op 1 add, 2 change, 3 delete, 4 get, 5
