@@ -117,10 +117,16 @@ TEST_F(Async, ModeBitsAreCheckedAndToldToThePeer) {
 }
 
 TEST_F(Async, BulkModeRefusesSmallBuffers) {
-  ASSERT_EQ(rtslib_set_async_mode(c, RTSLIB_ASYNC_ON | RTSLIB_ASYNC_BULK), 0);
+  ASSERT_EQ(rtslib_set_async_mode(c, RTSLIB_ASYNC_ON | RTSLIB_ASYNC_BULK | RTSLIB_ASYNC_EXTERNAL), 0);
   EXPECT_EQ(rtslib_set_buffers(c, 0x80000, 0x7FFFF), EINVAL);
   EXPECT_TRUE(log.has(RTSLIB_LOG_ERROR, "Attempted to set an invalid buffer size(send size: 524288, recv size: 524287)"));
   EXPECT_EQ(rtslib_set_buffers(c, 0x80000, 0x100000), 0);
+  // Once the async path has its read buffer, it follows the receive size.
+  ASSERT_EQ(rtslib_bd_async_register(c, &seen, on_msg), 0);
+  EXPECT_EQ(rtslib_async_event_process(c), -1);
+  EXPECT_EQ(c->rbuf_size, 0x100000u);  // the socket's, as the peer reports it
+  EXPECT_EQ(rtslib_set_buffers(c, 0x80000, 0x200000), 0);
+  EXPECT_EQ(c->rbuf_size, 0x200000u);
 }
 
 TEST_F(Async, RegistrationsSelectOnceAndSetTheMaskOnlyForNewBits) {
