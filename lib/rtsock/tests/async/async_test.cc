@@ -120,6 +120,7 @@ TEST_F(Async, BulkModeRefusesSmallBuffers) {
   ASSERT_EQ(rtslib_set_async_mode(c, RTSLIB_ASYNC_ON | RTSLIB_ASYNC_BULK | RTSLIB_ASYNC_EXTERNAL), 0);
   EXPECT_EQ(rtslib_set_buffers(c, 0x80000, 0x7FFFF), EINVAL);
   EXPECT_TRUE(log.has(RTSLIB_LOG_ERROR, "Attempted to set an invalid buffer size(send size: 524288, recv size: 524287)"));
+  EXPECT_EQ(peer.socket_options[SO_RCVBUF], 0x80000);  // refused before anything was set
   EXPECT_EQ(rtslib_set_buffers(c, 0x80000, 0x100000), 0);
   // Once the async path has its read buffer, it follows the receive size.
   ASSERT_EQ(rtslib_bd_async_register(c, &seen, on_msg), 0);
