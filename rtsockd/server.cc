@@ -767,6 +767,19 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t>
   return err;
 }
 
+// A stored object as the answer to a request: its operation, sequence number
+// and sender, in the request's encoding.
+void Server::reply_with(uint32_t type, const Object *found, const rts_msg_hdr &request, bool tlv,
+                        std::vector<uint8_t> *replies) {
+  auto *obj = const_cast<Object *>(found);
+  rts_msg_hdr saved = obj->hdr();
+  obj->hdr().operation = request.operation;
+  obj->hdr().seq = request.seq;
+  obj->hdr().sender = request.sender;
+  encode_into(type, obj->rec(), tlv, replies);
+  obj->hdr() = saved;
+}
+
 int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies) {
   bool tlv = word(buf, 0) == RTS_MAGIC_TLV;
   size_t room = 4 * n + 65536;
@@ -801,13 +814,7 @@ int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint
         q->rtmm_flags = rt->rtm_flags;
         encode_into(type, q, tlv, replies);
       } else {
-        auto *obj = const_cast<Object *>(found);
-        rts_msg_hdr saved = obj->hdr();
-        obj->hdr().operation = op;
-        obj->hdr().seq = h->seq;
-        obj->hdr().sender = h->sender;
-        encode_into(type, obj->rec(), tlv, replies);
-        obj->hdr() = saved;
+        reply_with(type, found, *h, tlv, replies);
       }
       return 0;
     }
@@ -825,14 +832,9 @@ int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint
       int err = store_.apply(change, type, pair.record);
       if (err) return err;
       notify(type, change, pair.record, c.sender, &c);
-      auto *obj = const_cast<Object *>(store_.find_exact(type, Store::key_of(type, pair.record)));
+      const Object *obj = store_.find_exact(type, Store::key_of(type, pair.record));
       if (!obj) return ENOENT;
-      rts_msg_hdr saved = obj->hdr();
-      obj->hdr().operation = op;
-      obj->hdr().seq = h->seq;
-      obj->hdr().sender = h->sender;
-      encode_into(type, obj->rec(), tlv, replies);
-      obj->hdr() = saved;
+      reply_with(type, obj, *h, tlv, replies);
       return 0;
     }
     case RTS_OP_DELETE: {

@@ -129,6 +129,8 @@ class Server {
   void answer(Client &c, int verdict, std::vector<uint8_t> &replies);
   int handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies);
   int handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies);
+  void reply_with(uint32_t type, const Object *found, const rts_msg_hdr &request, bool tlv,
+                  std::vector<uint8_t> *replies);
   int setopt(Client &c, int name, const uint8_t *value, uint32_t len);
   int getopt(Client &c, int name, std::vector<uint8_t> *value);
   int set_filter(Client &c, const uint8_t *value, uint32_t len);
