@@ -149,7 +149,9 @@ bool Server::show_more(AdminConn &a, size_t budget) {
         a.show_started = true;
         return false;
       }
-      a.out += print_object(a.show_type, it->second->rec()) + "\n";
+      // Generic configuration (opaque, maybe compressed blobs) has no text form.
+      std::string line = print_object(a.show_type, it->second->rec());
+      if (!line.empty()) a.out += line + "\n";
       a.show_key = it->first;
       a.show_started = true;
     }
