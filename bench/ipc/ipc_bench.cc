@@ -12,6 +12,11 @@
 // while it takes messages, queued behind it when full; at the back-pressure
 // threshold (256) the sender runs the loop until back-pressure ends, as an
 // application would. Floor: one blocking write() of the framed message each.
+//
+// ZeroMQ, for information: a PAIR socket over ipc:// for the ping-pong, a PUSH
+// socket into a PULL reader for the stream. ZeroMQ hands messages to its own
+// I/O thread and batches them on the wire, which ipcconn does not; its stream
+// figure is the CPU of the whole process, that thread included.
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -25,6 +30,7 @@
 
 #include <benchmark/benchmark.h>
 #include <sched.h>
+#include <zmq.h>
 #include "ipc/ipcconn.h"
 #include "ipc/ipcconn_server.h"
 #include "task/sched.h"
@@ -98,6 +104,8 @@ void exec_child(const char *role, int ready) {
 void exec_ours_echo(int ready) { exec_child("--ours-echo", ready); }
 void exec_floor_echo(int ready) { exec_child("--floor-echo", ready); }
 void exec_drop_reader(int ready) { exec_child("--drop-reader", ready); }
+void exec_zmq_echo(int ready) { exec_child("--zmq-echo", ready); }
+void exec_zmq_drain(int ready) { exec_child("--zmq-drain", ready); }
 void reap(pid_t pid) {
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
@@ -159,6 +167,22 @@ void drop_reader(int ready) {
   while (read(s, buf, sizeof buf) > 0) {
   }
   _exit(0);
+}
+
+std::string zmq_endpoint() { return "ipc://" + sock_path + ".zmq"; }
+
+// A PAIR socket that sends back every message, or a PULL socket that drops them.
+void zmq_peer(int ready, int type) {
+  void *ctx = zmq_ctx_new();
+  void *s = zmq_socket(ctx, type);
+  if (zmq_bind(s, zmq_endpoint().c_str()) != 0) _exit(3);
+  if (write(ready, "r", 1) != 1) _exit(3);
+  char buf[kFrame];
+  for (;;) {
+    int n = zmq_recv(s, buf, sizeof buf, 0);
+    if (n < 0) _exit(0);
+    if (type == ZMQ_PAIR && zmq_send(s, buf, static_cast<size_t>(n), 0) < 0) _exit(0);
+  }
 }
 
 // ---- IpcPingPong -------------------------------------------------------------------------
@@ -233,6 +257,23 @@ void IpcPingPong_floor(benchmark::State &st) {
   reap(child);
 }
 
+void IpcPingPong_zeromq(benchmark::State &st) {
+  pid_t child = spawn(exec_zmq_echo);
+  void *ctx = zmq_ctx_new();
+  void *s = zmq_socket(ctx, ZMQ_PAIR);
+  if (zmq_connect(s, zmq_endpoint().c_str()) != 0) abort();
+  char in[kPayload];
+  for (auto _ : st) {
+    if (zmq_send(s, payload, kPayload, 0) != static_cast<int>(kPayload)) abort();
+    if (zmq_recv(s, in, sizeof in, 0) != static_cast<int>(kPayload)) abort();
+  }
+  int zero = 0;
+  zmq_setsockopt(s, ZMQ_LINGER, &zero, sizeof zero);
+  zmq_close(s);
+  zmq_ctx_term(ctx);
+  reap(child);
+}
+
 // ---- IpcStream -------------------------------------------------------------------------
 bool pressure;
 void stream_event(ipcconn_client *c, int event, void *) {
@@ -269,12 +310,26 @@ void IpcStream_floor(benchmark::State &st) {
   reap(child);
 }
 
+void IpcStream_zeromq(benchmark::State &st) {
+  pid_t child = spawn(exec_zmq_drain);
+  void *ctx = zmq_ctx_new();
+  void *s = zmq_socket(ctx, ZMQ_PUSH);
+  if (zmq_connect(s, zmq_endpoint().c_str()) != 0) abort();
+  for (auto _ : st)
+    if (zmq_send(s, payload, kPayload, 0) != static_cast<int>(kPayload)) abort();
+  zmq_close(s);  // lingers until the reader has every message
+  zmq_ctx_term(ctx);
+  reap(child);
+}
+
 }  // namespace
 
 BENCHMARK(IpcPingPong_ours)->Name("IpcPingPong/ours")->UseRealTime();
 BENCHMARK(IpcPingPong_floor)->Name("IpcPingPong/floor")->UseRealTime();
 BENCHMARK(IpcStream_ours)->Name("IpcStream/ours");
 BENCHMARK(IpcStream_floor)->Name("IpcStream/floor");
+BENCHMARK(IpcPingPong_zeromq)->Name("IpcPingPong/zeromq")->UseRealTime();
+BENCHMARK(IpcStream_zeromq)->Name("IpcStream/zeromq")->MeasureProcessCPUTime();
 
 int main(int argc, char **argv) {
   if (argc == 4) {
@@ -283,6 +338,8 @@ int main(int argc, char **argv) {
     if (strcmp(argv[1], "--ours-echo") == 0) ours_echo_server(ready);
     if (strcmp(argv[1], "--floor-echo") == 0) floor_echo_server(ready);
     if (strcmp(argv[1], "--drop-reader") == 0) drop_reader(ready);
+    if (strcmp(argv[1], "--zmq-echo") == 0) zmq_peer(ready, ZMQ_PAIR);
+    if (strcmp(argv[1], "--zmq-drain") == 0) zmq_peer(ready, ZMQ_PULL);
     return 3;
   }
   if (!mkdtemp(root)) return 1;
