@@ -289,6 +289,7 @@ bool mmf_grow(mmf *m) {
   si->grown_bytes += target - cur;
   mmf_add_free_space(m, cur, target);
   mmf_unlock(m);
+  meminfo_mmf_update(m);
   return true;
 }
 

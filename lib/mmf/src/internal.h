@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "mmf/meminfo.h"
 #include "mmf/mmf.h"
 
 // A broken invariant: one line naming the check, then the process ends.
@@ -50,3 +51,5 @@ double mmf_scaled(double seconds);
 void mmf_sleep_ns(int64_t ns);
 // Monotonic seconds.
 double mmf_now(void);
+// Whether this file's record in the memory report asks to be kept current.
+bool mmf_meminfo_wanted(const mmf *m);

@@ -250,6 +250,9 @@ void mmf_lock(mmf *m) {
   if (rounds) note_contention(m, rounds, waited);
   si->lock_count++;
   m->lock_count++;
+  if (si->lock_count % 1000 == 0 && m->meminfo_offset >= 0 &&
+      (si->lock_count % 1000000 == 0 || mmf_meminfo_wanted(m)))
+    meminfo_mmf_update(m);
   if (mmf_debug() & MMF_DEBUG_CHECK_FIRST_NODE && si->magic == MMF_MAGIC_READY) {
     const mmf_node_header_t *n = mmf_node_at(m, si->first_alloc_offset);
     MMF_ASSERT(n->len);

@@ -377,6 +377,12 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
     if (made) unlink(path.c_str());
     return nullptr;
   }
+  // Every open file has its record in the memory report; the report is
+  // opened here, with no lock held, and never reports itself.
+  if (strcmp(name, MEMINFO_NAME) == 0)
+    m->meminfo_offset = -1;
+  else if (meminfo_handle(true))
+    meminfo_mmf_update(m);
   return m;
 }
 
@@ -396,6 +402,7 @@ mmf *mmf_open_existing(const char *name) {
   mmf *m = static_cast<mmf *>(calloc(1, sizeof(mmf)));
   m->fd = fd;
   m->fatal = 0;  // a tool reports damage, it does not die of it
+  m->meminfo_offset = -1;  // nor does a tool report
   m->mmap_flags = MAP_SHARED;
   m->page_size = static_cast<uint32_t>(getpagesize());
   m->name = strdup(name);

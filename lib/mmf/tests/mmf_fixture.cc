@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <unistd.h>
 
+#include "mmf/meminfo.h"
 #include "platform/path.h"
 
 const uint32_t MmfTest::kSizes[3] = {64, 256, 1024};
@@ -22,6 +23,7 @@ void MmfTest::SetUp() {
 }
 
 void MmfTest::TearDown() {
+  meminfo_close();
   mmf_sem_remove();
   std::error_code ec;
   std::filesystem::remove_all(root_, ec);

@@ -206,6 +206,7 @@ struct mmf {
   uint64_t wait_ns;
   uint32_t last_valid_iters;
   uint32_t last_valid_seconds;
+  int64_t meminfo_offset;          // this file's record in the memory report; -1 never reported
   bool allocs_allowed;
   int64_t reserved_bytes;          // address space kept for the file to grow into in place
 };
