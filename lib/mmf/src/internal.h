@@ -34,6 +34,8 @@ void mmf_set_allocation_info(mmf_shared_info_t *si, uint32_t n, const uint32_t *
 // Maps the whole object anew at current_bytes (single mapping); false leaves
 // the handle dead.
 bool mmf_remap(mmf *m);
+// The same to a given size, for a growth before current_bytes is stored.
+bool mmf_remap_to(mmf *m, int64_t bytes);
 // Extends the file to `bytes` with real blocks behind it: a full file
 // system fails here (errno set) rather than with SIGBUS at first touch.
 bool mmf_extend(int fd, uint64_t bytes);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "internal.h"
+#include "mmf/crashpoint.h"
 #include "platform/sysctl.h"
 
 uint32_t mmf_spin_limit;
@@ -234,6 +235,7 @@ void mmf_lock(mmf *m) {
       if (now >= next_check) {
         next_check = now + mmf_scaled(kHolderCheckSeconds);
         if (!mmf_holder_alive(m, static_cast<pid_t>(holder)) && take_from_dead(m, word, holder, me)) {
+          TVX_CRASHPOINT("mmf_lock_takeover");
           // Released at once, so the next round competes fairly for it.
           m->locker_thread = pthread_self();
           m->locker_cnt = 1;
@@ -244,6 +246,7 @@ void mmf_lock(mmf *m) {
     waited += lock_backoff(rounds);
     rounds++;
   }
+  TVX_CRASHPOINT("mmf_lock_taken");
   MMF_ASSERT(m->locker_cnt == 0);
   m->locker_thread = pthread_self();
   m->locker_cnt++;
@@ -276,6 +279,7 @@ void mmf_unlock(mmf *m) {
   m->unlock_in_progress[slot] = pthread_self();
   m->locker_thread = pthread_t();
   MMF_ASSERT(m->unlock_in_progress_cnt);
+  TVX_CRASHPOINT("mmf_unlock_release");
   uint32_t expect = me;
   if (!__atomic_compare_exchange_n(word, &expect, 0, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
     si->release_misses++;

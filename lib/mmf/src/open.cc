@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "internal.h"
+#include "mmf/crashpoint.h"
 #include "platform/path.h"
 
 int mmf_open_errno;
@@ -191,6 +192,7 @@ void initialise(mmf *m, uint32_t n, const uint32_t *sizes) {
   memset(si->reserved, 0, sizeof si->reserved);
   si->init_pid = static_cast<uint32_t>(mmf_pid());
   __atomic_store_n(&si->magic, MMF_MAGIC_INIT, __ATOMIC_RELEASE);
+  TVX_CRASHPOINT("mmf_init_marked");
   si->version = MMF_VERSION;
   si->header_size = MMF_HEADER_SIZE;
   mmf_set_allocation_info(si, n, sizes);
@@ -208,6 +210,7 @@ void initialise(mmf *m, uint32_t n, const uint32_t *sizes) {
   // size, and its walk must reach current_bytes.
   mmf_add_free_space(m, si->first_alloc_offset, si->current_bytes);
   si->alloc_count = si->free_count = 0;
+  TVX_CRASHPOINT("mmf_init_built");
   if (!m->single_mapping) mmf_unmap_regions(m);
   __atomic_store_n(&si->magic, MMF_MAGIC_READY, __ATOMIC_RELEASE);
 }
@@ -245,9 +248,10 @@ void mmf_sem_remove(void) {
   if (id >= 0) semctl(id, 0, IPC_RMID);
 }
 
-bool mmf_remap(mmf *m) {
+bool mmf_remap(mmf *m) { return mmf_remap_to(m, static_cast<int64_t>(m->shared_info->current_bytes)); }
+
+bool mmf_remap_to(mmf *m, int64_t want) {
   if (!m->single_mapping) return true;  // regions are mapped on demand
-  int64_t want = static_cast<int64_t>(m->shared_info->current_bytes);
   if (want == m->mapped_bytes) return true;
   // Never map past the end of the file: a touch there is SIGBUS.
   struct stat st;
