@@ -30,6 +30,7 @@
 
 #include "mmf/crashpoint.h"
 #include "mmf/mmf.h"
+#include "platform/path.h"
 
 namespace {
 
@@ -175,7 +176,8 @@ void *writer_thread(void *arg) {
     t->rc = 1;
   };
   for (int op = 0; op < o.ops && t->rc == 0; op++) {
-    bool alloc = live.empty() || (static_cast<int>(live.size()) < o.live && rng() % 2 == 0);
+    // Three allocations to two frees: the live set climbs to its cap and stays near it.
+    bool alloc = live.empty() || (static_cast<int>(live.size()) < o.live && rng() % 5 < 3);
     if (alloc) {
       // Mostly small, sometimes large, so that nodes split, merge and the file grows.
       uint32_t size = rng() % 8 == 0 ? 1024 + static_cast<uint32_t>(rng() % 3073)
@@ -451,8 +453,8 @@ int main(int argc, char **argv) {
   o.file = argv[optind];
   o.logdir = argv[optind + 1];
   if (cmd == "check") return check(o);
-  if (mkdir(o.logdir, 0755) != 0 && errno != EEXIST) {
-    fprintf(stderr, "mmstorm: %s: %s\n", o.logdir, strerror(errno));
+  if (int err = tvx_mkdirs(o.logdir, 0755)) {
+    fprintf(stderr, "mmstorm: %s: %s\n", o.logdir, strerror(err));
     return 3;
   }
   setvbuf(stdout, nullptr, _IOLBF, 0);
