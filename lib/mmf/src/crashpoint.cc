@@ -28,6 +28,7 @@ namespace {
 std::string armed;
 unsigned long kill_at = 1;
 unsigned long passes;
+void (*hook)(const char *);
 
 void arm_spec(const char *e) {
   int state = 0;
@@ -59,11 +60,18 @@ void tvx_crashpoint_set(const char *spec) {
 void tvx_crashpoint_pass(const char *name) {
   pthread_once(&once, arm);
   if (__atomic_load_n(&tvx_crashpoint_state, __ATOMIC_ACQUIRE) != 1 || armed != name) return;
-  if (__atomic_add_fetch(&passes, 1, __ATOMIC_ACQ_REL) == kill_at) raise(SIGKILL);
+  if (__atomic_add_fetch(&passes, 1, __ATOMIC_ACQ_REL) != kill_at) return;
+  if (hook)
+    hook(name);
+  else
+    raise(SIGKILL);
 }
+
+void tvx_crashpoint_set_hook(void (*h)(const char *)) { hook = h; }
 
 bool tvx_crashpoints_built(void) { return true; }
 #else
 bool tvx_crashpoints_built(void) { return false; }
 void tvx_crashpoint_set(const char *) {}
+void tvx_crashpoint_set_hook(void (*)(const char *)) {}
 #endif

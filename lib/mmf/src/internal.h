@@ -12,8 +12,14 @@
 [[noreturn]] void mmf_assert_fail(const char *expr, const char *file, int line);
 #define MMF_ASSERT(e) ((e) ? (void)0 : mmf_assert_fail(#e, __FILE__, __LINE__))
 
-// The pid of this process, refreshed in a fork child.
-pid_t mmf_pid(void);
+// The pid of this process, cached (the lock reads it on every call) and
+// refreshed in a fork child.
+extern pid_t mmf_cached_pid;
+pid_t mmf_pid_slow(void);
+inline pid_t mmf_pid(void) {
+  pid_t p = __atomic_load_n(&mmf_cached_pid, __ATOMIC_RELAXED);
+  return __builtin_expect(p != 0, 1) ? p : mmf_pid_slow();
+}
 
 // Node access through the mapping, as every path of the heap does it.
 inline mmf_node_header_t *mmf_node_at(mmf *m, uint64_t offset) {

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <set>
 #include <string>
+#include <thread>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -109,6 +110,64 @@ TEST_F(Crashpoint, EveryPointKillsAndLeavesARecoverableFile) {
     EXPECT_EQ(m->shared_info->lockerpid, 0u);
     mmf_close(m);
   }
+}
+
+}  // namespace
+
+namespace {
+
+mmf *reentered;
+int reentries;
+
+// What a signal handler that locks the file does, run at the exact moment a
+// release has cleared its thread but not yet swapped the word.
+void lock_from_handler(const char *) {
+  mmf_lock(reentered);
+  reentries++;
+  mmf_unlock(reentered);
+}
+
+// A thread interrupted inside its own release and locking again knows the
+// word for its own instead of waiting on itself; the release it was in then
+// finds the word already free and counts a miss.
+TEST_F(Crashpoint, LockInsideOwnReleaseIsGranted) {
+  if (!tvx_crashpoints_built()) GTEST_SKIP() << "crash points are compiled out";
+  reentered = open();
+  ASSERT_NE(reentered, nullptr);
+  mmf_shared_info_t *si = reentered->shared_info;
+  uint32_t hits = si->unlock_in_progress_hits, misses = si->release_misses;
+  // In a child: a thread that waited on itself would reach the stuck limit,
+  // and a holder judged stuck that is the waiter itself ends with status 0.
+  pid_t child = fork();
+  if (child == 0) {
+    tvx_crashpoint_set_hook(lock_from_handler);
+    tvx_crashpoint_set("mmf_unlock_release:2");
+    mmf_lock(reentered);
+    mmf_unlock(reentered);  // pass 1
+    mmf_lock(reentered);
+    mmf_lock(reentered);    // recursion: only the outer unlock releases
+    mmf_unlock(reentered);
+    mmf_unlock(reentered);  // pass 2: the handler locks inside it
+    tvx_crashpoint_set(nullptr);
+    _exit(reentries == 1 && reentered->locker_cnt == 0 ? 42 : 1);
+  }
+  int st;
+  ASSERT_EQ(waitpid(child, &st, 0), child);
+  ASSERT_TRUE(WIFEXITED(st));
+  EXPECT_EQ(WEXITSTATUS(st), 42);
+  EXPECT_EQ(si->unlock_in_progress_hits, hits + 1);
+  EXPECT_EQ(si->release_misses, misses + 1);
+  EXPECT_EQ(si->lockerpid, 0u);
+  // And the lock works on as before, from this thread and another.
+  mmf_lock(reentered);
+  std::thread t([] {
+    mmf_lock(reentered);
+    mmf_unlock(reentered);
+  });
+  mmf_unlock(reentered);
+  t.join();
+  EXPECT_EQ(si->lockerpid, 0u);
+  mmf_close(reentered);
 }
 
 }  // namespace

@@ -34,3 +34,6 @@ bool tvx_crashpoints_built(void);
 // Arms the point of a spec as TVX_CRASHPOINT gives it (null or "" disarms)
 // and restarts the count of passes: for a test's forked child.
 void tvx_crashpoint_set(const char *spec);
+// With a hook set, the armed pass calls it instead of raising SIGKILL: a test
+// runs what a signal handler would at that exact place. Null restores SIGKILL.
+void tvx_crashpoint_set_hook(void (*hook)(const char *name));
