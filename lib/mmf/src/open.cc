@@ -147,8 +147,20 @@ bool map_header(mmf *m) {
   }
   if (size > m->max_bytes) m->max_bytes = size;
   if (m->single_mapping ? !map_whole(m, size) : !map_header_only(m)) return false;
-  mmf_shared_info_t *si = m->shared_info;
   mmf_lock(m);
+  // The size as it is now, under the lock: a process that grew the file
+  // since the fstat above has stored its current_bytes as well, and is no
+  // sign of damage. Judged by the stale size, the file would be rebuilt
+  // under the feet of the processes using it.
+  if (!fresh && fstat(m->fd, &st) == 0 && st.st_size > size) {
+    if (m->single_mapping && !mmf_remap_to(m, st.st_size)) {
+      mmf_unlock(m);
+      return false;
+    }
+    size = st.st_size;
+    if (size > m->max_bytes) m->max_bytes = size;
+  }
+  mmf_shared_info_t *si = m->shared_info;
   if (fresh) {
     si->magic = 0;
     si->current_bytes = static_cast<uint64_t>(size);
