@@ -230,6 +230,7 @@ int writer(const Options &o) {
     fprintf(stderr, "mmstorm: writer %d: %s: cannot open: %s\n", o.id, o.file, strerror(mmf_open_errno));
     return 3;
   }
+  printf("writer %d: open\n", o.id);  // tests start a crash after the others are in
   std::vector<Thread> ts(static_cast<size_t>(o.threads));
   for (int i = 0; i < o.threads; i++) {
     ts[i].o = &o;
@@ -350,10 +351,11 @@ int check(const Options &o) {
   }
   // How the writers left the file, before an open can rebuild it.
   bool valid_before = false;
-  uint32_t takeovers = 0;
+  uint32_t takeovers = 0, inits = 0;
   if (mmf *seen = mmf_open_existing(o.file)) {
     valid_before = seen->shared_info->magic == MMF_MAGIC_READY && mmf_valid(seen, false);
     takeovers = seen->shared_info->dead_holder_takeovers;
+    inits = seen->shared_info->init_calls;
     mmf_close(seen);
   }
   mmf *m = open_file(o);
@@ -367,7 +369,9 @@ int check(const Options &o) {
     printf("the file is not valid after the reopen\n");
     rc = 1;
   }
-  if (!valid_before) {
+  // A file that walks is still rebuilt when it is longer than its header
+  // says (a writer died inside a growth that nobody finished since).
+  if (!valid_before || m->shared_info->init_calls != inits) {
     bool empty = m->shared_info->allocated_bytes == 0;
     printf("rebuilt: the file was not valid; %zu acknowledged blocks discarded%s\n", live.size(),
            empty ? "" : ", but the rebuilt file is not empty");
