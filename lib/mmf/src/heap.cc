@@ -25,8 +25,8 @@ void refresh(mmf *m) {
     MMF_ASSERT(mmf_remap(m));
 }
 
-// A free node's header and trailer, unlinked.
-void write_free_node(mmf *m, uint64_t offset, uint32_t len) {
+// A free node's header, unlinked.
+void write_free_header(mmf *m, uint64_t offset, uint32_t len) {
   mmf_node_header_t *n = mmf_node_at(m, offset);
   n->offset = offset;
   n->pattern = MMF_HEADER_PATTERN;
@@ -34,6 +34,11 @@ void write_free_node(mmf *m, uint64_t offset, uint32_t len) {
   n->len = len;
   n->user_offset = offset + mmf_node_header_bytes;
   n->prev_offset = n->next_offset = 0;
+}
+
+// A free node's header and trailer, unlinked.
+void write_free_node(mmf *m, uint64_t offset, uint32_t len) {
+  write_free_header(m, offset, len);
   write_trailer(m, offset, len);
 }
 
@@ -213,13 +218,7 @@ void *mmf_alloc(mmf *m, uint32_t bytes, off_t *out_offset) {
     // until its len changes; the old trailer's len follows at once.
     uint32_t rest = len - size - mmf_node_bytes;
     uint64_t roff = off + size + mmf_node_bytes;
-    mmf_node_header_t *r = mmf_node_at(m, roff);
-    r->offset = roff;
-    r->pattern = MMF_HEADER_PATTERN;
-    r->flags = MMF_FLAG_FREE;
-    r->len = rest;
-    r->user_offset = roff + mmf_node_header_bytes;
-    r->prev_offset = r->next_offset = 0;
+    write_free_header(m, roff, rest);
     len = size + mmf_node_bytes;
     write_trailer(m, off, len);
     mmf_node_at(m, off)->len = len;

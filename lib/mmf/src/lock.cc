@@ -319,6 +319,24 @@ __attribute__((noinline)) void lock_slow(mmf *m) {
 }
 
 
+// The release of the word once the count reached 0. Between clearing
+// locker_thread and the swap this thread may be interrupted and lock
+// again: `releasing` lets it know the word for its own.
+inline void release_word(mmf *m, mmf_shared_info_t *si, uint32_t me, bool with_crashpoint) {
+  si->unlock_count++;
+  mmf *outer = releasing;
+  releasing = m;
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);  // a handler sees releasing before the cleared thread
+  m->locker_thread = pthread_t();
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  if (with_crashpoint) TVX_CRASHPOINT("mmf_unlock_release");
+  uint32_t expect = me;
+  if (!__atomic_compare_exchange_n(&si->lockerpid, &expect, 0, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
+    si->release_misses++;
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  releasing = outer;
+}
+
 __attribute__((noinline)) void unlock_slow(mmf *m);
 
 }  // namespace
@@ -358,18 +376,7 @@ void mmf_unlock(mmf *m) {
                            !pthread_equal(m->locker_thread, t), 0))
     return unlock_slow(m);
   __atomic_store_n(&m->locker_cnt, cnt - 1, __ATOMIC_RELAXED);
-  if (cnt != 1) return;
-  si->unlock_count++;
-  mmf *outer = releasing;
-  releasing = m;
-  __atomic_signal_fence(__ATOMIC_SEQ_CST);  // a handler sees releasing before the cleared thread
-  m->locker_thread = pthread_t();
-  __atomic_signal_fence(__ATOMIC_SEQ_CST);
-  uint32_t expect = me;
-  if (!__atomic_compare_exchange_n(&si->lockerpid, &expect, 0, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
-    si->release_misses++;
-  __atomic_signal_fence(__ATOMIC_SEQ_CST);
-  releasing = outer;
+  if (cnt == 1) release_word(m, si, me, false);
 }
 
 namespace {
@@ -382,19 +389,7 @@ void unlock_slow(mmf *m) {
   uint32_t cnt = __atomic_load_n(&m->locker_cnt, __ATOMIC_RELAXED);
   MMF_ASSERT(cnt);
   __atomic_store_n(&m->locker_cnt, cnt - 1, __ATOMIC_RELAXED);
-  if (cnt != 1) return;
-  si->unlock_count++;
-  mmf *outer = releasing;
-  releasing = m;
-  __atomic_signal_fence(__ATOMIC_SEQ_CST);  // a handler sees releasing before the cleared thread
-  m->locker_thread = pthread_t();
-  __atomic_signal_fence(__ATOMIC_SEQ_CST);
-  TVX_CRASHPOINT("mmf_unlock_release");
-  uint32_t expect = me;
-  if (!__atomic_compare_exchange_n(word, &expect, 0, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
-    si->release_misses++;
-  __atomic_signal_fence(__ATOMIC_SEQ_CST);
-  releasing = outer;
+  if (cnt == 1) release_word(m, si, me, true);
 }
 
 }  // namespace
