@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include "internal.h"
 #include "mmf/crashpoint.h"
 
@@ -315,12 +317,15 @@ bool mmf_grow(mmf *m) {
   TVX_CRASHPOINT("mmf_grow_written");
   si->current_bytes = target;
   TVX_CRASHPOINT("mmf_grow_stored");
+  // Listed in the order they were cut, top down, as an unbroken growth lists them.
+  std::vector<uint64_t> pieces;
   for (uint64_t off = cur; off < target;) {
     uint32_t len = mmf_node_at(m, off)->len;
     if (len < mmf_node_bytes || off + len > target) break;  // a dropped piece at the top
-    push_head(m, off);
+    pieces.push_back(off);
     off += len;
   }
+  for (auto it = pieces.rbegin(); it != pieces.rend(); ++it) push_head(m, *it);
   si->grow_count++;
   si->grown_bytes += target - cur;
   mmf_unlock(m);
