@@ -4,25 +4,11 @@ through rtsockd's admin socket."""
 
 import json
 import pathlib
-import socket
 import subprocess
 
+from vtep import admin
+
 SAMPLE = pathlib.Path(__file__).resolve().parents[2] / "rtsockd" / "sample.state"
-
-
-def admin(ns, command):
-    with ns.netns():
-        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    s.connect(ns.path("/var/run/rtsock.admin"))
-    s.sendall(command.encode() + b"\n")
-    reply = b""
-    while not reply.endswith(b"ok\n") and b"error:" not in reply:
-        chunk = s.recv(4096)
-        if not chunk:
-            break
-        reply += chunk
-    s.close()
-    return reply.decode()
 
 
 def start_peer(ns, build_dir, state=SAMPLE):
@@ -64,12 +50,12 @@ def test_json_since_up_and_after_changes(ns, build_dir):
     assert up["ethernet"]["speed"] == 1000000000 and up["ethernet"]["mac"] == "02:00:00:00:00:02"
     assert up["ethernet"]["mac_statistics"]["in_crc_errors"] == 1
 
-    assert admin(ns, "stats bump ifdstats index=2 ibytes=250 ierrors=4") == "ok\n"
+    assert admin(ns, "stats bump ifdstats index=2 ibytes=250 ierrors=4\n") == "ok\n"
     now = json.loads(tvxstat(ns, build_dir, "--json", "ge-0/0/0").stdout)
     assert now["traffic"]["in_bytes"] == 1000250
     assert now["errors"]["in_errors"] == 7
     # A clear: everything since it is zero, since-up unchanged.
-    assert admin(ns, "stats clear ifdstats index=2") == "ok\n"
+    assert admin(ns, "stats clear ifdstats index=2\n") == "ok\n"
     cleared = json.loads(tvxstat(ns, build_dir, "--json", "ge-0/0/0").stdout)
     assert cleared["traffic"]["in_bytes"] == 0 and cleared["queues"][0]["tx_packets"] == 0
     assert cleared["last_cleared"] is not None
