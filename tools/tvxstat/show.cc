@@ -258,7 +258,6 @@ bool tvxstat_show(FILE *out, const gif_ifd *p, const tvxstat_view &v) {
     x.traffic.reset(v.abs ? gif_abs_ifl_local_traffic(p) : gif_ifl_local_traffic(p));
     x.transit.reset(v.abs ? gif_abs_ifl_remote_traffic(p) : gif_ifl_remote_traffic(p));
     x.queues.reset(v.abs ? gif_abs_ifl_queue(p) : gif_ifl_queue(p));
-    if (!x.transit) return false;
   } else {
     x.traffic.reset(v.abs ? gif_abs_ifd_traffic(p) : gif_ifd_traffic(p));
     x.errors.reset(v.abs ? gif_abs_ifd_errors(p) : gif_ifd_errors(p));

@@ -88,8 +88,10 @@ gif_traffic *gif_abs_ifl_local_traffic(const gif_ifd *p) {
   return traffic(p, RTS_T_IFLSTATS, RTS_IFSC_IBYTES, true, true);
 }
 gif_traffic *gif_ifl_remote_traffic(const gif_ifd *p) {
+  if (!gif_platform_feature("platform.support_transit_acccounting")) return nullptr;
   return traffic(p, RTS_T_IFLSTATS, RTS_IFSC_TIBYTES, false, false);
 }
 gif_traffic *gif_abs_ifl_remote_traffic(const gif_ifd *p) {
+  if (!gif_platform_feature("platform.support_transit_acccounting")) return nullptr;
   return traffic(p, RTS_T_IFLSTATS, RTS_IFSC_TIBYTES, false, true);
 }

@@ -162,6 +162,32 @@ TEST(GifTraffic, LogicalLocalAndTransit) {
   EXPECT_EQ(gif_abs_gether_info(nullptr), nullptr);
 }
 
+TEST(GifTraffic, TransitOnlyWhereThePlatformAccountsIt) {
+  Msg msg(RTS_T_IFLSTATS);
+  msg.set(RTS_IFSC_TIBYTES, 900);
+  const gif_ifd *p = msg.parse();
+  evlog_capture &cap = evlog_capture_start();
+  setenv("TVX_PVIDB_PLATFORM_SUPPORT_TRANSIT_ACCCOUNTING", "0", 1);
+  EXPECT_EQ(gif_ifl_remote_traffic(p), nullptr);
+  EXPECT_EQ(gif_abs_ifl_remote_traffic(p), nullptr);
+  Own<gif_traffic> local(gif_ifl_local_traffic(p));
+  EXPECT_TRUE(local);
+  EXPECT_TRUE(cap.records.empty());
+  setenv("TVX_PVIDB_PLATFORM_SUPPORT_TRANSIT_ACCCOUNTING", "perhaps", 1);
+  EXPECT_EQ(gif_ifl_remote_traffic(p), nullptr);
+  ASSERT_EQ(cap.records.size(), 1u);
+  EXPECT_EQ(cap.records[0].text.rfind("PVIDB: Error retrieving 'platform.support_transit_acccounting' variable value", 0), 0u)
+      << cap.records[0].text;
+  unsetenv("TVX_PVIDB_PLATFORM_SUPPORT_TRANSIT_ACCCOUNTING");
+  Own<gif_traffic> t(gif_ifl_remote_traffic(p));
+  ASSERT_TRUE(t);
+  EXPECT_EQ(t->in_bytes, 900u);
+  EXPECT_FALSE(gif_platform_feature("platform.no_such_attribute"));
+  ASSERT_EQ(cap.records.size(), 2u);
+  EXPECT_EQ(cap.records[1].text.rfind("PVIDB: Attribute 'platform.no_such_attribute' not present in Db", 0), 0u);
+  evlog_capture_stop();
+}
+
 TEST(GifErrors, EverySlotInItsField) {
   Msg msg;
   for (unsigned s = RTS_IFSC_IERRORS; s <= RTS_IFSC_CARRIER; s++) msg.set(s, 100 + s, s);

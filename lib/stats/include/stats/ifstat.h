@@ -112,7 +112,9 @@ gif_errors *gif_ifd_errors(const gif_ifd *parsed);
 gif_errors *gif_abs_ifd_errors(const gif_ifd *parsed);
 gif_traffic *gif_ifl_local_traffic(const gif_ifd *parsed);   // locally terminated
 gif_traffic *gif_abs_ifl_local_traffic(const gif_ifd *parsed);
-gif_traffic *gif_ifl_remote_traffic(const gif_ifd *parsed);  // transit
+// Transit traffic; null too when the platform does not account it apart
+// (platform.support_transit_acccounting, gif_platform_feature).
+gif_traffic *gif_ifl_remote_traffic(const gif_ifd *parsed);
 gif_traffic *gif_abs_ifl_remote_traffic(const gif_ifd *parsed);
 gif_queue_stats *gif_ifd_queue(const gif_ifd *parsed);
 gif_queue_stats *gif_abs_ifd_queue(const gif_ifd *parsed);
@@ -129,6 +131,12 @@ enum gif_media : uint8_t {
   GIF_MEDIA_TUNNEL = 3, // media 70
 };
 gif_media gif_media_class(uint8_t media, uint16_t link_type);
+
+// Whether the platform attribute name (platform/pvidb.h) is on. An attribute
+// that is not in the table logs "PVIDB: Attribute 'NAME' not present in Db",
+// one whose value does not read "PVIDB: Error retrieving 'NAME' variable
+// value", both at LOG_ERR through the event log; the feature then counts as off.
+bool gif_platform_feature(const char *name);
 
 // The difference rule of the readers since the last clear.
 inline uint64_t gif_since_clear(uint64_t current, uint64_t baseline) {
