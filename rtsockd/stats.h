@@ -24,8 +24,8 @@ struct StatsEntry {
   uint64_t base[RTS_IFSC_COUNT] = {};
   std::vector<rts_ifst_queue> queues, base_queues;
   bool has_mac = false, has_link = false;
-  rts_ifst_ether_mac mac{};
-  rts_ifst_ether_link link{};
+  alignas(8) rts_ifst_ether_mac mac{};  // wire records: 4-byte aligned unless told
+  alignas(8) rts_ifst_ether_link link{};
 };
 
 class Counters {

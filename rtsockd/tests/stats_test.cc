@@ -60,7 +60,7 @@ TEST(RtsockdStats, CountersSetBumpedAndServed) {
   EXPECT_EQ(f.hdr.seq, 42u);
   EXPECT_EQ(f.hdr.length, m.size());
   EXPECT_EQ(f.ifsm_index, 2u);
-  EXPECT_EQ(f.ifsm_ibps, 800u);
+  EXPECT_EQ(uint64_t{f.ifsm_ibps}, 800u);
   EXPECT_EQ(f.ifsm_media, RTS_MEDIA_ETHER);
   EXPECT_STREQ(p.name, "ge-0/0/0");  // from the interface store
   EXPECT_EQ(p.cur_count, unsigned{RTS_IFSC_COUNT});
@@ -85,7 +85,7 @@ TEST(RtsockdStats, CountersSetBumpedAndServed) {
   EXPECT_EQ(at(p, true, RTS_IFSC_IBYTES), 150u);
   memcpy(&f, m.data(), sizeof f);
   EXPECT_TRUE(f.ifsm_flags & RTS_IFSM_CLEARED);
-  EXPECT_NE(f.ifsm_clear_time, 0u);
+  EXPECT_NE(uint64_t{f.ifsm_clear_time}, 0u);
 }
 
 TEST(RtsockdStats, KnownInterfaceWithoutCountersAndUnknownOnes) {

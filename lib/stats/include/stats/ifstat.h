@@ -75,33 +75,36 @@ void gif_ifd_parse_tlv(gif_ifd *parsed, const gif_msg *message, uint32_t len, co
 int gif_ifd_parse(gif_ifd *parsed, gif_msg *msg, const void *bytes, uint32_t len);
 
 // ---- Records ----------------------------------------------------------------------------
+// The 64-bit fields come first, so that a record from malloc holds them aligned.
 #pragma pack(push, 4)
 struct gif_traffic {
-  uint32_t flags;  // RTS_IFSM_* of the message
   uint64_t in_bytes, in_packets, in_ucast, in_mcast, in_bcast;
   uint64_t out_bytes, out_packets, out_ucast, out_mcast, out_bcast;
   uint64_t in6_bytes, in6_packets, out6_bytes, out6_packets;  // 0 for transit traffic
   uint64_t in_bps, in_pps, out_bps, out_pps;                   // rates, never differenced
   uint64_t clear_time;  // of the last clear, 0 never
   uint64_t reserved[5]; // zero: the record keeps its platform size
+  uint32_t flags;       // RTS_IFSM_* of the message
 };
 static_assert(sizeof(gif_traffic) == 0xC4);
 
 struct gif_errors {
-  uint32_t flags;
   uint64_t in_errors, in_drops, in_framing, in_runts, in_giants, in_discards, in_resource;
   uint64_t out_errors, out_drops, out_collisions, out_aged, out_mtu, carrier_transitions;
+  uint32_t flags;
 };
 
 struct gif_queue_stats {
   uint32_t n_queues;
+  uint32_t reserved;
   rts_ifst_queue queue[];  // n_queues of them
 };
+static_assert(offsetof(gif_queue_stats, queue) == 8);
 
 struct gif_gether_info {
-  uint8_t has_link, has_mac;  // which of the two TLVs the message had
   rts_ifst_ether_link link;
   rts_ifst_ether_mac mac;     // since the link came up
+  uint8_t has_link, has_mac;  // which of the two TLVs the message had
 };
 #pragma pack(pop)
 
