@@ -837,6 +837,7 @@ int Server::handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint
     if (l->iflm_name) name = std::string(l->iflm_name) + "." + std::to_string(l->iflm_unit);
   }
   std::vector<uint8_t> reply = stats_message(h, m.ifsm_index, e, name);
+  if (reply.empty()) return EMSGSIZE;  // past what a reader takes: never with the bounds of Counters
   replies->insert(replies->end(), reply.begin(), reply.end());
   return 0;
 }

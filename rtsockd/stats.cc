@@ -292,6 +292,12 @@ void put_queues(std::vector<uint8_t> &tlv, uint16_t type, const std::vector<rts_
 }
 }  // namespace
 
+// The largest entry still makes a message that readers take.
+static_assert(sizeof(rts_ifstats_msg) + 256 + 2 * RTS_IFSC_COUNT * 8 +
+                      2 * (4 + sizeof(rts_ifst_queues) + Counters::kMaxQueues * sizeof(rts_ifst_queue)) +
+                      4 + sizeof(rts_ifst_ether_mac) + 4 + sizeof(rts_ifst_ether_link) <=
+                  RTS_MSG_MAX);
+
 std::vector<uint8_t> stats_message(const rts_raw_hdr &req, uint32_t index, const StatsEntry *e,
                                    const std::string &name) {
   rts_ifstats_msg f{};
@@ -327,6 +333,7 @@ std::vector<uint8_t> stats_message(const rts_raw_hdr &req, uint32_t index, const
   const char *nm = n.size() < 255 ? n.c_str() : nullptr;
   uint32_t need = rts_ifsm_encode(&f, nm, cur, cur_n, base, base_n, tlv.data(),
                                   static_cast<uint32_t>(tlv.size()), nullptr, 0);
+  if (!need) return {};
   std::vector<uint8_t> out(need);
   rts_ifsm_encode(&f, nm, cur, cur_n, base, base_n, tlv.data(), static_cast<uint32_t>(tlv.size()),
                   out.data(), need);

@@ -53,6 +53,7 @@ class Counters {
 
 // The statistics message answering req for index: the entry's counters, or,
 // with entry null, the name alone (an interface known but never counted).
+// Empty when it would not fit a message (RTS_MSG_MAX).
 std::vector<uint8_t> stats_message(const rts_raw_hdr &req, uint32_t index, const StatsEntry *entry,
                                    const std::string &name);
 

@@ -108,6 +108,21 @@ TEST(RtsockdStats, KnownInterfaceWithoutCountersAndUnknownOnes) {
   EXPECT_EQ(at(p, false, RTS_IFSC_TIBYTES), 7u);
 }
 
+TEST(RtsockdStats, TheLargestEntryIsServed) {
+  Local l;
+  std::string why;
+  std::string line = "ifdstats index=2 name=" + std::string(254, 'n') + " queue.63.tx_packets=1 "
+                     "base.queue.63.tx_packets=1 mac.in_frames=1 link.speed=1 base.tobcast=1";
+  ASSERT_TRUE(l.store.counters.set(line, false, &why)) << why;
+  std::vector<uint8_t> m;
+  ASSERT_EQ(l.ask(RTS_T_IFDSTATS, RTS_OP_GET, 2, &m), 0);
+  rts_ifsm_parts p;
+  ASSERT_TRUE(rts_ifsm_parts_of(m.data(), static_cast<uint32_t>(m.size()), &p));
+  EXPECT_EQ(p.name_len, 255u);
+  EXPECT_LE(m.size(), RTS_MSG_MAX);
+  EXPECT_FALSE(l.store.counters.set("ifdstats index=2 name=" + std::string(255, 'n'), false, &why));
+}
+
 TEST(RtsockdStats, BadLinesChangeNothing) {
   Counters c;
   std::string why;

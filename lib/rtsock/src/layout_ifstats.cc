@@ -65,7 +65,7 @@ uint32_t rts_ifsm_encode(const rts_ifstats_msg *fixed, const char *name, const u
   if (name_len > 255 || cur_count > 255 || base_count > 255) return 0;
   uint64_t need = sizeof(rts_ifstats_msg) + pad4(static_cast<uint32_t>(name_len)) +
                   uint64_t{cur_count} * 8 + uint64_t{base_count} * 8 + tlv_len;
-  if (need > 65535) return 0;
+  if (need > RTS_MSG_MAX) return 0;
   auto n = static_cast<uint32_t>(need);
   if (!buffer || room < n) return n;
   rts_ifstats_msg f = *fixed;

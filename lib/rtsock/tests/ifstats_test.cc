@@ -126,8 +126,10 @@ TEST(IfstatsLayout, EncoderRefusesWhatDoesNotFit) {
   EXPECT_EQ(rts_ifsm_encode(&f, long_name.c_str(), nullptr, 0, nullptr, 0, nullptr, 0, nullptr, 0), 0u);
   std::vector<uint64_t> many(256);
   EXPECT_EQ(rts_ifsm_encode(&f, "x", many.data(), 256, nullptr, 0, nullptr, 0, nullptr, 0), 0u);
-  std::vector<uint8_t> big(65536);
-  EXPECT_EQ(rts_ifsm_encode(&f, "x", nullptr, 0, nullptr, 0, big.data(), 65536, nullptr, 0), 0u);
+  std::vector<uint8_t> big(RTS_MSG_MAX);
+  const uint32_t fits = RTS_MSG_MAX - 84 - 4;  // with the name "x" padded to 4
+  EXPECT_EQ(rts_ifsm_encode(&f, "x", nullptr, 0, nullptr, 0, big.data(), fits, nullptr, 0), RTS_MSG_MAX);
+  EXPECT_EQ(rts_ifsm_encode(&f, "x", nullptr, 0, nullptr, 0, big.data(), fits + 1, nullptr, 0), 0u);
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ uint64_t rts_ifsm_counter(const uint8_t *section, uint32_t count, unsigned slot)
 // Writes a statistics message: the fixed part as given, with ifsm_var_off,
 // ifsm_name_len, the counts and hdr.length set to what follows it, then the
 // parts. The name is taken with its NUL (at most 255 bytes), counts at most
-// 255, the whole at most 65,535 bytes. Returns the bytes needed and writes
+// 255, the whole at most RTS_MSG_MAX (16,384) bytes, what a reader takes. Returns the bytes needed and writes
 // only when room holds them all; 0 when a part is too long.
 uint32_t rts_ifsm_encode(const rts_ifstats_msg *fixed, const char *name, const uint64_t *cur,
                          uint32_t cur_count, const uint64_t *base, uint32_t base_count,
