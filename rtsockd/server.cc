@@ -822,7 +822,7 @@ int Server::handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint
   std::string key, name;
   uint32_t type = h.type == RTS_T_IFDSTATS ? RTS_T_IFDEV : RTS_T_IFLOGICAL;
   for (int i = type == RTS_T_IFDEV ? 1 : 3; i >= 0; i--) key += static_cast<char>(m.ifsm_index >> (8 * i));
-  const Object *obj = store_.find_exact(type, key);
+  const Object *obj = type == RTS_T_IFDEV && m.ifsm_index > 0xFFFF ? nullptr : store_.find_exact(type, key);
   if (!obj && !e) return ENOENT;
   if (h.operation == RTS_OP_CLEAR) {
     if (e) store_.counters.clear(h.type, m.ifsm_index, static_cast<uint64_t>(time(nullptr)));

@@ -98,6 +98,7 @@ TEST(RtsockdStats, KnownInterfaceWithoutCountersAndUnknownOnes) {
   EXPECT_EQ(p.cur, nullptr);
   EXPECT_EQ(p.tlv, nullptr);
   EXPECT_EQ(l.ask(RTS_T_IFDSTATS, RTS_OP_GET, 9, &m), ENOENT);
+  EXPECT_EQ(l.ask(RTS_T_IFDSTATS, RTS_OP_GET, 0x10002, &m), ENOENT) << "device indexes are 16 bits: not device 2";
   EXPECT_EQ(l.ask(RTS_T_IFDSTATS, RTS_OP_GETNEXT, 2, &m), EOPNOTSUPP);
   // Counters given for an interface the stores do not hold are served.
   std::string why;
