@@ -42,8 +42,9 @@ struct gif_gen_tlv {
 // One statistics message as the readers see it: its fixed part, where its
 // parts lie, and its generic TLVs. gif_msg_init makes the list with one
 // entry, the marker for the message's TLV buffer (when it has one); a caller
-// that merges other figures may add entries of its own (type below 0x1E7 in
-// the low 24 bits), which gif_ifd_parse_tlv enters in the index too. The
+// that merges other figures may add entries of its own, up to GIF_GEN_MAX
+// (type below 0x1E7 in the low 24 bits), which gif_ifd_parse_tlv enters in
+// the index after the walk, in place of the message's TLV of that type. The
 // message's bytes must outlive it.
 struct gif_msg {
   rts_ifstats_msg fixed;
