@@ -126,12 +126,13 @@ bool set_field(StatsEntry &e, const std::string &k, const std::string &v, bool b
   }
   bool base = k.rfind("base.", 0) == 0;
   std::string f = base ? k.substr(5) : k;
-  if (f.rfind("queue.", 0) == 0) {
-    size_t dot = f.find('.', 6);
+  bool voq = f.rfind("voq.", 0) == 0;
+  if (voq || f.rfind("queue.", 0) == 0) {
+    size_t at = voq ? 4 : 6, dot = f.find('.', at);
     uint64_t q;
-    if (dot == std::string::npos || !number(f.substr(6, dot - 6), &q)) return bad("unknown field");
+    if (dot == std::string::npos || !number(f.substr(at, dot - at), &q)) return bad("unknown field");
     if (q >= Counters::kMaxQueues) return bad("queue number too large:");
-    auto &qs = base ? e.base_queues : e.queues;
+    auto &qs = voq ? (base ? e.base_voqs : e.voqs) : (base ? e.base_queues : e.queues);
     rts_ifst_queue probe{};
     if (!counter_in(kQueue, &probe, f.substr(dot + 1))) return bad("unknown field");
     if (qs.size() <= q) qs.resize(q + 1);
@@ -206,6 +207,7 @@ bool Counters::clear(uint32_t type, uint32_t index, uint64_t now) {
   StatsEntry &e = it->second;
   memcpy(e.base, e.cur, sizeof e.base);
   e.base_queues = e.queues;
+  e.base_voqs = e.voqs;
   e.has_base = true;
   e.flags |= RTS_IFSM_CLEARED;
   e.clear_time = now;
@@ -259,6 +261,10 @@ std::string Counters::show() const {
       print_counters(o, kQueue, &e.queues[q], "queue." + std::to_string(q) + ".");
     for (size_t q = 0; q < e.base_queues.size(); q++)
       print_counters(o, kQueue, &e.base_queues[q], "base.queue." + std::to_string(q) + ".");
+    for (size_t q = 0; q < e.voqs.size(); q++)
+      print_counters(o, kQueue, &e.voqs[q], "voq." + std::to_string(q) + ".");
+    for (size_t q = 0; q < e.base_voqs.size(); q++)
+      print_counters(o, kQueue, &e.base_voqs[q], "base.voq." + std::to_string(q) + ".");
     if (e.has_mac) print_counters(o, kMac, &e.mac, "mac.");
     if (e.has_link) {
       o << " link.speed=" << e.link.speed << " link.mtu=" << e.link.mtu
@@ -294,7 +300,7 @@ void put_queues(std::vector<uint8_t> &tlv, uint16_t type, const std::vector<rts_
 
 // The largest entry still makes a message that readers take.
 static_assert(sizeof(rts_ifstats_msg) + 256 + 2 * RTS_IFSC_COUNT * 8 +
-                      2 * (4 + sizeof(rts_ifst_queues) + Counters::kMaxQueues * sizeof(rts_ifst_queue)) +
+                      4 * (4 + sizeof(rts_ifst_queues) + Counters::kMaxQueues * sizeof(rts_ifst_queue)) +
                       4 + sizeof(rts_ifst_ether_mac) + 4 + sizeof(rts_ifst_ether_link) <=
                   RTS_MSG_MAX);
 
@@ -327,6 +333,8 @@ std::vector<uint8_t> stats_message(const rts_raw_hdr &req, uint32_t index, const
     }
     if (!e->queues.empty()) put_queues(tlv, RTS_IFST_QUEUE, e->queues);
     if (e->has_base && !e->base_queues.empty()) put_queues(tlv, RTS_IFST_QUEUE_BASE, e->base_queues);
+    if (!e->voqs.empty()) put_queues(tlv, RTS_IFST_VOQ, e->voqs);
+    if (e->has_base && !e->base_voqs.empty()) put_queues(tlv, RTS_IFST_VOQ_BASE, e->base_voqs);
     if (e->has_mac) put_tlv(tlv, RTS_IFST_ETHER_MAC, &e->mac, sizeof e->mac);
     if (e->has_link) put_tlv(tlv, RTS_IFST_ETHER_LINK, &e->link, sizeof e->link);
   }

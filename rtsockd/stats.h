@@ -22,7 +22,7 @@ struct StatsEntry {
   uint64_t cur[RTS_IFSC_COUNT] = {};
   bool has_base = false;
   uint64_t base[RTS_IFSC_COUNT] = {};
-  std::vector<rts_ifst_queue> queues, base_queues;
+  std::vector<rts_ifst_queue> queues, base_queues, voqs, base_voqs;
   bool has_mac = false, has_link = false;
   alignas(8) rts_ifst_ether_mac mac{};  // wire records: 4-byte aligned unless told
   alignas(8) rts_ifst_ether_link link{};
@@ -31,7 +31,7 @@ struct StatsEntry {
 class Counters {
  public:
   static constexpr size_t kMaxEntries = 65536;
-  static constexpr unsigned kMaxQueues = 64;
+  static constexpr unsigned kMaxQueues = 32;  // egress queues, and virtual output queues
 
   // "KIND index=N field=value ...", KIND ifdstats or iflstats. set stores the
   // values given (an entry is made when there is none), bump adds them to

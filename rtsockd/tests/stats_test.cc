@@ -112,8 +112,8 @@ TEST(RtsockdStats, KnownInterfaceWithoutCountersAndUnknownOnes) {
 TEST(RtsockdStats, TheLargestEntryIsServed) {
   Local l;
   std::string why;
-  std::string line = "ifdstats index=2 name=" + std::string(254, 'n') + " queue.63.tx_packets=1 "
-                     "base.queue.63.tx_packets=1 mac.in_frames=1 link.speed=1 base.tobcast=1";
+  std::string line = "ifdstats index=2 name=" + std::string(254, 'n') + " queue.31.tx_packets=1 "
+                     "base.queue.31.tx_packets=1 voq.31.tx_bytes=1 base.voq.31.tx_bytes=1 mac.in_frames=1 link.speed=1 base.tobcast=1";
   ASSERT_TRUE(l.store.counters.set(line, false, &why)) << why;
   std::vector<uint8_t> m;
   ASSERT_EQ(l.ask(RTS_T_IFDSTATS, RTS_OP_GET, 2, &m), 0);
@@ -138,7 +138,8 @@ TEST(RtsockdStats, BadLinesChangeNothing) {
                        Bad{"ifdstats ibytes=1", false, "expected index=N first"},
                        Bad{"ifdstats index=1 ibytes=7 nosuch=1", false, "unknown field nosuch=1"},
                        Bad{"ifdstats index=1 ibytes=-1", false, "bad number"},
-                       Bad{"ifdstats index=1 queue.64.tx_packets=1", false, "queue number too large"},
+                       Bad{"ifdstats index=1 queue.32.tx_packets=1", false, "queue number too large"},
+                       Bad{"ifdstats index=1 base.voq.32.tx_packets=1", false, "queue number too large"},
                        Bad{"ifdstats index=1 queue.0.nosuch=1", false, "unknown field"},
                        Bad{"ifdstats index=1 link.duplex=3", false, "too large"},
                        Bad{"ifdstats index=1 name=x", true, "not a counter"},
@@ -156,7 +157,8 @@ TEST(RtsockdStats, ShowReadsBack) {
   Counters c;
   std::string why;
   ASSERT_TRUE(c.set("ifdstats index=2 name=ge-0/0/0 flags=3 media=11 link_type=4 ibps=1 opps=2 ibytes=10 "
-                    "carrier=2 base.ibytes=4 queue.2.red_drop_bytes.3=9 base.queue.0.tx_packets=1 "
+                    "carrier=2 base.ibytes=4 queue.2.red_drop_bytes.3=9 base.queue.0.tx_packets=1 voq.1.tx_bytes=3 "
+                    "base.voq.0.queued_bytes=2 "
                     "mac.in_pause=6 link.speed=1000 link.duplex=2 link.mac=02:00:00:00:00:0a",
                     false, &why))
       << why;

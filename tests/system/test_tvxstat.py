@@ -38,6 +38,9 @@ def test_text_report_of_the_sample_port(ns, build_dir):
     queues = out[out.index("Egress queues"):].splitlines()
     assert queues[2].split() == ["0", "0", "12500", "2300000", "4", "0"]
     assert queues[5].split() == ["3", "0", "1000", "100000", "0", "0"]
+    voqs = out[out.index("Virtual output queues (since last clear): 2"):].splitlines()
+    assert voqs[2].split() == ["0", "0", "500", "0", "0", "6"]
+    assert voqs[3].split() == ["1", "0", "200", "0", "0", "0"]
     assert "CRC errors" in out and "MAC statistics (since the link came up)" in out
 
 
@@ -47,6 +50,7 @@ def test_json_since_up_and_after_changes(ns, build_dir):
     assert up["name"] == "ge-0/0/0" and up["kind"] == "physical" and up["since"] == "up"
     assert up["traffic"]["in_bytes"] == 1500000
     assert up["queues"][0]["tx_packets"] == 15000
+    assert [q["tx_packets"] for q in up["voqs"]] == [800, 200]
     assert up["ethernet"]["speed"] == 1000000000 and up["ethernet"]["mac"] == "02:00:00:00:00:02"
     assert up["ethernet"]["mac_statistics"]["in_crc_errors"] == 1
 

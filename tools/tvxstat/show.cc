@@ -127,16 +127,21 @@ void text(FILE *o, const Facts &x, const tvxstat_view &v) {
             since, e.carrier_transitions, e.out_errors, e.out_drops, e.out_collisions, e.out_aged, e.out_mtu);
   }
   if (x.queues) {
-    fprintf(o, "  Egress queues (%s): %u\n", since, x.queues->n_queues);
-    fprintf(o, "    %5s %16s %16s %18s %12s %12s\n", "Queue", "Queued packets", "Sent packets", "Sent bytes",
-            "Tail drops", "RED drops");
-    for (uint32_t i = 0; i < x.queues->n_queues; i++) {
-      const rts_ifst_queue &q = x.queues->queue[i];
-      uint64_t red = 0;
-      for (uint64_t r : q.red_drop_packets) red += r;
-      fprintf(o, "    %5u %16" PRIu64 " %16" PRIu64 " %18" PRIu64 " %12" PRIu64 " %12" PRIu64 "\n", i,
-              q.queued_packets, q.tx_packets, q.tx_bytes, q.tail_drop_packets, red);
-    }
+    auto table = [&](const char *title, const rts_ifst_queue *qs, uint32_t n) {
+      if (!n) return;
+      fprintf(o, "  %s (%s): %u\n", title, since, n);
+      fprintf(o, "    %5s %16s %16s %18s %12s %12s\n", "Queue", "Queued packets", "Sent packets", "Sent bytes",
+              "Tail drops", "RED drops");
+      for (uint32_t i = 0; i < n; i++) {
+        const rts_ifst_queue &q = qs[i];
+        uint64_t red = 0;
+        for (uint64_t r : q.red_drop_packets) red += r;
+        fprintf(o, "    %5u %16" PRIu64 " %16" PRIu64 " %18" PRIu64 " %12" PRIu64 " %12" PRIu64 "\n", i,
+                q.queued_packets, q.tx_packets, q.tx_bytes, q.tail_drop_packets, red);
+      }
+    };
+    table("Egress queues", x.queues->queue, x.queues->n_queues);
+    table("Virtual output queues", x.queues->queue + x.queues->n_queues, x.queues->n_voqs);
   }
   if (x.ether && x.ether->has_mac) {
     const rts_ifst_ether_mac &m = x.ether->mac;
@@ -205,18 +210,22 @@ void json(FILE *o, const Facts &x, const tvxstat_view &v) {
             e.out_errors, e.out_drops, e.out_collisions, e.out_aged, e.out_mtu, e.carrier_transitions);
   }
   if (x.queues) {
-    fputs(",\"queues\":[", o);
-    for (uint32_t i = 0; i < x.queues->n_queues; i++) {
-      const rts_ifst_queue &q = x.queues->queue[i];
-      fprintf(o, "%s{\"queue\":%u,\"queued_packets\":%" PRIu64 ",\"queued_bytes\":%" PRIu64
-              ",\"tx_packets\":%" PRIu64 ",\"tx_bytes\":%" PRIu64 ",\"tail_drop_packets\":%" PRIu64
-              ",\"red_drop_packets\":[%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 "]"
-              ",\"red_drop_bytes\":[%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 "]}",
-              i ? "," : "", i, q.queued_packets, q.queued_bytes, q.tx_packets, q.tx_bytes, q.tail_drop_packets,
-              q.red_drop_packets[0], q.red_drop_packets[1], q.red_drop_packets[2], q.red_drop_packets[3],
-              q.red_drop_bytes[0], q.red_drop_bytes[1], q.red_drop_bytes[2], q.red_drop_bytes[3]);
-    }
-    fputc(']', o);
+    auto list = [&](const char *key, const rts_ifst_queue *qs, uint32_t n) {
+      fprintf(o, ",\"%s\":[", key);
+      for (uint32_t i = 0; i < n; i++) {
+        const rts_ifst_queue &q = qs[i];
+        fprintf(o, "%s{\"queue\":%u,\"queued_packets\":%" PRIu64 ",\"queued_bytes\":%" PRIu64
+                ",\"tx_packets\":%" PRIu64 ",\"tx_bytes\":%" PRIu64 ",\"tail_drop_packets\":%" PRIu64
+                ",\"red_drop_packets\":[%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 "]"
+                ",\"red_drop_bytes\":[%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 "]}",
+                i ? "," : "", i, q.queued_packets, q.queued_bytes, q.tx_packets, q.tx_bytes, q.tail_drop_packets,
+                q.red_drop_packets[0], q.red_drop_packets[1], q.red_drop_packets[2], q.red_drop_packets[3],
+                q.red_drop_bytes[0], q.red_drop_bytes[1], q.red_drop_bytes[2], q.red_drop_bytes[3]);
+      }
+      fputc(']', o);
+    };
+    list("queues", x.queues->queue, x.queues->n_queues);
+    list("voqs", x.queues->queue + x.queues->n_queues, x.queues->n_voqs);
   }
   if (x.ether) {
     fputs(",\"ethernet\":{", o);

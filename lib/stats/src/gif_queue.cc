@@ -26,29 +26,42 @@ bool insist(bool ok, const char *expr, const char *file, int line, const char *w
   return ok;
 }
 
-gif_queue_stats *queues(const gif_ifd *p, uint8_t type, bool abs) {
-  if (!p || (p->msg && p->msg->fixed.hdr.type != type)) return nullptr;
-  const uint8_t *cur = p->tlv[RTS_IFST_QUEUE];
-  int64_t n = queue_count(cur, p->tlv_len[RTS_IFST_QUEUE]);
-  if (n < 0) return nullptr;
-  const uint8_t *base = abs ? nullptr : p->tlv[RTS_IFST_QUEUE_BASE];
-  int64_t bn = base ? queue_count(base, p->tlv_len[RTS_IFST_QUEUE_BASE]) : -1;
-  if (bn >= 0)
-    insist(bn == n, "qstats->n_queues == c_qstats->n_queues", __FILE__, __LINE__,
-           "the baseline counts other queues than the current counters");
-  int64_t common = bn < 0 ? 0 : bn < n ? bn : n;
-  auto *out = static_cast<gif_queue_stats *>(
-      calloc(1, sizeof(gif_queue_stats) + static_cast<size_t>(n) * sizeof(rts_ifst_queue)));
-  if (!out) return nullptr;
-  out->n_queues = static_cast<uint32_t>(n);
-  const size_t head = sizeof(rts_ifst_queues);
-  for (int64_t q = 0; q < n; q++) {
+// One set of queues: its current TLV and, since the last clear, its baseline.
+struct Set {
+  const uint8_t *cur = nullptr, *base = nullptr;
+  int64_t n = -1, bn = -1;
+  Set(const gif_ifd *p, uint16_t cur_type, uint16_t base_type, bool abs, const char *expr) {
+    cur = p->tlv[cur_type];
+    n = queue_count(cur, p->tlv_len[cur_type]);
+    if (n < 0 || abs) return;
+    base = p->tlv[base_type];
+    bn = base ? queue_count(base, p->tlv_len[base_type]) : -1;
+    if (bn >= 0) insist(bn == n, expr, __FILE__, __LINE__, "the baseline counts other queues than the current counters");
+  }
+  uint32_t count() const { return n < 0 ? 0 : static_cast<uint32_t>(n); }
+  // Queue q since the last clear (or as it is where the baseline has none).
+  void read(int64_t q, rts_ifst_queue *out) const {
+    const size_t head = sizeof(rts_ifst_queues);
     uint64_t c[kWords], b[kWords] = {};
     memcpy(c, cur + head + q * sizeof(rts_ifst_queue), sizeof c);
-    if (q < common) memcpy(b, base + head + q * sizeof(rts_ifst_queue), sizeof b);
+    if (q < bn) memcpy(b, base + head + q * sizeof(rts_ifst_queue), sizeof b);
     for (size_t w = 0; w < kWords; w++) c[w] = gif_since_clear(c[w], b[w]);
-    memcpy(&out->queue[q], c, sizeof c);
+    memcpy(out, c, sizeof c);
   }
+};
+
+gif_queue_stats *queues(const gif_ifd *p, uint8_t type, bool abs) {
+  if (!p || (p->msg && p->msg->fixed.hdr.type != type)) return nullptr;
+  Set q(p, RTS_IFST_QUEUE, RTS_IFST_QUEUE_BASE, abs, "qstats->n_queues == c_qstats->n_queues");
+  Set v(p, RTS_IFST_VOQ, RTS_IFST_VOQ_BASE, abs, "voqstats->n_queues == c_voqstats->n_queues");
+  if (q.n < 0 && v.n < 0) return nullptr;
+  size_t total = size_t{q.count()} + v.count();
+  auto *out = static_cast<gif_queue_stats *>(calloc(1, sizeof(gif_queue_stats) + total * sizeof(rts_ifst_queue)));
+  if (!out) return nullptr;
+  out->n_queues = q.count();
+  out->n_voqs = v.count();
+  for (uint32_t i = 0; i < q.count(); i++) q.read(i, &out->queue[i]);
+  for (uint32_t i = 0; i < v.count(); i++) v.read(i, &out->queue[q.count() + i]);
   return out;
 }
 

@@ -329,6 +329,34 @@ TEST(GifQueue, CountMismatchIsLoggedAndTheCommonQueuesRead) {
   evlog_capture_stop();
 }
 
+TEST(GifQueue, VirtualOutputQueuesFollowTheEgressQueues) {
+  evlog_capture &cap = evlog_capture_start();
+  Msg msg;
+  msg.tlv.queues(RTS_IFST_QUEUE, {queue(10, 0)})
+      .queues(RTS_IFST_VOQ, {queue(70, 3), queue(5, 0)})
+      .queues(RTS_IFST_VOQ_BASE, {queue(20, 1), queue(9, 0), queue(1, 0)});  // one VOQ too many
+  const gif_ifd *p = msg.parse();
+  Own<gif_queue_stats> q(gif_ifd_queue(p));
+  ASSERT_TRUE(q);
+  ASSERT_EQ(q->n_queues, 1u);
+  ASSERT_EQ(q->n_voqs, 2u);
+  EXPECT_EQ(q->queue[0].tx_packets, 10u) << "no egress baseline";
+  EXPECT_EQ(q->queue[1].tx_packets, 50u);
+  EXPECT_EQ(q->queue[1].red_drop_packets[2], 2u);
+  EXPECT_EQ(q->queue[2].tx_packets, 5u) << "reset since the clear";
+  ASSERT_EQ(cap.records.size(), 1u);
+  EXPECT_NE(cap.records[0].text.find("insist 'voqstats->n_queues == c_voqstats->n_queues' failed"), std::string::npos);
+  evlog_capture_stop();
+
+  Msg only;  // virtual output queues alone
+  only.tlv.queues(RTS_IFST_VOQ, {queue(4, 0)});
+  Own<gif_queue_stats> o(gif_abs_ifd_queue(only.parse()));
+  ASSERT_TRUE(o);
+  EXPECT_EQ(o->n_queues, 0u);
+  ASSERT_EQ(o->n_voqs, 1u);
+  EXPECT_EQ(o->queue[0].tx_packets, 4u);
+}
+
 TEST(GifQueue, MissingOrShortQueueTlv) {
   Msg none;
   EXPECT_EQ(gif_ifd_queue(none.parse()), nullptr);

@@ -445,6 +445,8 @@ constexpr uint32_t RTS_IFST_COUNT = 0x1E7;
 enum : uint16_t {
   RTS_IFST_QUEUE = 0x20,       // per-queue counters: rts_ifst_queues, then the queues
   RTS_IFST_QUEUE_BASE = 0x21,  // the same at the last clear
+  RTS_IFST_VOQ = 0x22,         // virtual output queues, in the same form
+  RTS_IFST_VOQ_BASE = 0x23,
   RTS_IFST_ETHER_MAC = 0x41,   // rts_ifst_ether_mac, counters since the link came up
   RTS_IFST_ETHER_LINK = 0x42,  // rts_ifst_ether_link
 };

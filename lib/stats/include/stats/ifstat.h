@@ -11,13 +11,13 @@
 //
 // Readers return a malloc'ed record that the caller frees, or null on a null
 // input, a message of the other kind (a device reader given a logical
-// interface's message), a missing section (no queue TLV for a queue reader, no
+// interface's message), a missing section (no queue TLV of either set for a queue reader, no
 // Ethernet TLV for the Ethernet reader) or an allocation failure. A message
 // without a current section gives traffic and error records of zeros, with
 // the rates and flags of the fixed part. Readers never print; a queue count
-// that differs between current and baseline is logged once per call through
-// the event log ("FILE:LINE: insist 'EXPR' failed: WHAT") and the common
-// queues are read.
+// that differs between current and baseline is logged through the event log
+// ("FILE:LINE: insist 'EXPR' failed: WHAT", once per set) and the queues
+// both count are differenced, the others read as they are.
 #pragma once
 
 #include <cstddef>
@@ -95,10 +95,11 @@ struct gif_errors {
   uint32_t flags;
 };
 
+// Egress queues, then virtual output queues, each set from its own TLVs.
 struct gif_queue_stats {
   uint32_t n_queues;
-  uint32_t reserved;
-  rts_ifst_queue queue[];  // n_queues of them
+  uint32_t n_voqs;
+  rts_ifst_queue queue[];  // n_queues egress queues, then n_voqs virtual output queues
 };
 static_assert(offsetof(gif_queue_stats, queue) == 8);
 
