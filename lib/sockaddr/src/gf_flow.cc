@@ -350,8 +350,16 @@ int qual_cmp(bool v6, const uint8_t *x, unsigned xn, const uint8_t *y, unsigned 
     if (x[1] != y[1]) return x[1] > y[1] ? -1 : 1;  // the longer prefix first
     return 0;
   }
-  int c = memcmp(x + 1, y + 1, std::min(xn, yn) - 1);
-  if (c) return c < 0 ? -1 : 1;
+  // Term by term, the end bit aside: a list that goes on sorts after the
+  // same list ended. Equal operators mean equal value sizes.
+  unsigned n = std::min(xn, yn);
+  for (unsigned i = 1; i < n;) {
+    uint8_t ox = x[i] & 0x7f, oy = y[i] & 0x7f;
+    if (ox != oy) return ox < oy ? -1 : 1;
+    unsigned w = std::min(1u << ((ox >> 4) & 3), n - i - 1);
+    if (int c = memcmp(x + i + 1, y + i + 1, w)) return c < 0 ? -1 : 1;
+    i += 1 + w;
+  }
   return xn == yn ? 0 : xn < yn ? -1 : 1;
 }
 

@@ -69,8 +69,8 @@ const uint8_t *flow_common_sock_qual_next(const zsockaddr_t *a, const uint8_t *q
 // Whole qualifiers of known types in increasing order, sizes that add up.
 bool flow_common_sockaddr_valid(const zsockaddr_t *a);
 // Order: distinguisher, then qualifier by qualifier (a lower type first, a
-// prefix by its bits and then the longer first, values by their bytes and
-// then the shorter first); a list that goes on sorts before its end.
+// prefix by its bits and then the longer first, values term by term
+// (operator without its end bit, then value) and then the shorter list first); a list that goes on sorts before its end.
 int flow_common_sockaddrcmp2(const zsockaddr_t *a, const zsockaddr_t *b);
 // The values of a numeric or bitmask qualifier as text ("=6|>=80&<=90").
 int flow_common_vprintf_numeric(char *text, size_t size, const uint8_t *qual, unsigned qual_len);
