@@ -202,7 +202,7 @@ bool composite_parse_prefix(unsigned gf, const char *text, zsockaddr_t *result, 
   if (*t == '/') {
     t++;
     uint64_t v;
-    unsigned max_bits = ci->ci_mask_count ? ci->ci_mask_count - 1 : 8 * (len - ZSOCK_COMPOSITE_OFFSET);
+    unsigned max_bits = std::min(ci->ci_mask_count ? ci->ci_mask_count - 1 : ~0u, 8 * (len - ZSOCK_COMPOSITE_OFFSET));
     if (!read_u(t, max_bits, &v)) return false;
     bits = static_cast<int>(v);
   }

@@ -198,7 +198,8 @@ bool layout_parse(const char *text, zsockaddr_t *result, size_t size, int *resul
   if (*t == '/') {
     t++;
     uint64_t v;
-    unsigned max_bits = r.masks ? r.masks - 1 : 8 * (r.max_size - r.offset);
+    // Within the masks, and never longer than the address.
+    unsigned max_bits = std::min(r.masks ? r.masks - 1 : ~0u, 8 * (at - r.offset));
     if (!read_u(t, max_bits, &v)) return false;
     plen = static_cast<int>(v);
   }
