@@ -52,10 +52,16 @@ unsigned field_room(const zsock_composite_info &ci, unsigned field) {
   return std::min<unsigned>(ci.ci_fields[field].cf_size, ci.ci_max_size - at);
 }
 
-void fill(zsockaddr_t *a, const zsock_composite_info &ci, unsigned count, const void *const *values) {
-  ZSOCK_ASSERT(count <= ci.ci_nfields);
+// An address of the family's full size from get (heap or ring), the first
+// count fields from values.
+zsockaddr_t *make(unsigned gf, unsigned count, const void *const *values, zsockaddr_t *(*get)(unsigned, unsigned)) {
+  const zsock_composite_info *ci = info_of(gf);
+  ZSOCK_ASSERT(ci != nullptr);
+  ZSOCK_ASSERT(count <= ci->ci_nfields);
+  zsockaddr_t *a = get(gf, ci->ci_max_size);
   for (unsigned i = 0; i < count; i++)
     if (values && values[i]) setsock_field_composite(a, i, values[i]);
+  return a;
 }
 
 int composite_print(char *text, size_t size, const zsockaddr_t *a, int) {
@@ -133,19 +139,11 @@ void composite_family_init(void) {
 const zsock_composite_info *sock_info_composite_vec(unsigned gf) { return info_of(gf); }
 
 zsockaddr_t *sockcreate_composite(unsigned gf, unsigned count, const void *const *values) {
-  const zsock_composite_info *ci = info_of(gf);
-  ZSOCK_ASSERT(ci != nullptr);
-  zsockaddr_t *a = sockalloc(gf, ci->ci_max_size);
-  fill(a, *ci, count, values);
-  return a;
+  return make(gf, count, values, sockalloc);
 }
 
 zsockaddr_t *sockbuild_composite(unsigned gf, unsigned count, const void *const *values) {
-  const zsock_composite_info *ci = info_of(gf);
-  ZSOCK_ASSERT(ci != nullptr);
-  zsockaddr_t *a = sockbuild(gf, ci->ci_max_size);
-  fill(a, *ci, count, values);
-  return a;
+  return make(gf, count, values, sockbuild);
 }
 
 const uint8_t *getsock_field_composite(const zsockaddr_t *a, unsigned field, unsigned *size) {
@@ -198,20 +196,7 @@ bool composite_parse_prefix(unsigned gf, const char *text, zsockaddr_t *result, 
     }
     if (!ok) return false;
   }
-  int bits = -1;
-  if (*t == '/') {
-    t++;
-    uint64_t v;
-    unsigned max_bits = std::min(ci->ci_mask_count ? ci->ci_mask_count - 1 : ~0u, 8 * (len - ZSOCK_COMPOSITE_OFFSET));
-    if (!read_u(t, max_bits, &v)) return false;
-    bits = static_cast<int>(v);
-  }
-  if (*t || len > size) return false;
-  buf[0] = static_cast<uint8_t>(len);
-  buf[1] = static_cast<uint8_t>(gf);
-  memcpy(result, buf, len);
-  if (plen) *plen = bits;
-  return true;
+  return finish_parse(t, ci->ci_mask_count, ZSOCK_COMPOSITE_OFFSET, buf, len, gf, result, size, plen);
 }
 
 const zsockaddr_t *const *composite_init_mask_list(unsigned gf) {

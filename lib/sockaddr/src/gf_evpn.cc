@@ -210,7 +210,7 @@ bool evpn_parse(const char *text, zsockaddr_t *result, size_t size, int *result_
       ok = ok && read_tag(t, p) && *t++ == ':' && read_ip(t, p, true) && *t++ == ',' && read_ip(t, p, true);
       break;
     default: {
-      size_t k;
+      size_t k = 0;
       ok = ok && read_dotted_hex(t, p, buf + kMaxLen - p, &k);
       p += k;
     }

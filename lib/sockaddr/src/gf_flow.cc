@@ -332,6 +332,20 @@ void flow_init(zsock_ops *ops) {
   ops->sockaddreq = [](const zsockaddr_t *a, const zsockaddr_t *b) { return common_sockaddrcmp2(a, b) == 0; };
 }
 
+// Index of the first byte from `from` where x and y differ; n if none.
+unsigned first_diff(const uint8_t *x, const uint8_t *y, unsigned from, unsigned n) {
+  unsigned i = from;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t u, v;
+    memcpy(&u, x + i, 8);
+    memcpy(&v, y + i, 8);
+    if (u != v) return i + (__builtin_ctzll(u ^ v) >> 3);
+  }
+  for (; i < n; i++)
+    if (x[i] != y[i]) return i;
+  return n;
+}
+
 // A qualifier's bytes, compared as the order wants: -1, 0 or 1.
 int qual_cmp(bool v6, const uint8_t *x, unsigned xn, const uint8_t *y, unsigned yn) {
   if (x[0] != y[0]) return x[0] < y[0] ? -1 : 1;
@@ -361,6 +375,16 @@ int qual_cmp(bool v6, const uint8_t *x, unsigned xn, const uint8_t *y, unsigned 
     i += 1 + w;
   }
   return xn == yn ? 0 : xn < yn ? -1 : 1;
+}
+
+// The qualifiers of flow after distinguisher rd, in the ring, as family vpn.
+zsockaddr_t *vpn_form(const uint8_t rd[8], const zsockaddr_t *flow, const char *vpn) {
+  unsigned gf = zsock_registered_gf(vpn), n = socklen(flow) - 4;
+  ZSOCK_ASSERT(gf != GF_UNSPEC);
+  zsockaddr_t *v = sockbuild(gf, 12 + n);
+  memcpy(raw(v) + 4, rd, 8);
+  memcpy(raw(v) + 12, raw(flow) + 4, n);
+  return v;
 }
 
 }  // namespace
@@ -491,13 +515,21 @@ int flow_common_sockaddrcmp2(const zsockaddr_t *a, const zsockaddr_t *b) {
   if (!a || !b || a->zs_gf != b->zs_gf || !g_is_flow[a->zs_gf]) return common_sockaddrcmp2(a, b);
   unsigned gf = a->zs_gf, off = overhead(gf), la = socklen(a), lb = socklen(b);
   bool v6 = g_kind[gf].v6;
-  if (g_kind[gf].vpn) {
+  // Bytes the two share decide nothing: start at the qualifier holding the
+  // first difference.
+  unsigned n = std::min(la, lb), p = first_diff(raw(a), raw(b), 4, n);
+  if (p == n && la == lb) return 0;
+  unsigned start = off;
+  if (n >= off) {
+    if (p < off) return raw(a)[p] < raw(b)[p] ? -1 : 1;  // in the distinguisher
+    for (unsigned k; start < p && (k = qual_size(v6, raw(a) + start, la - start)) && start + k <= p;) start += k;
+  } else if (g_kind[gf].vpn) {
     uint8_t x[8] = {}, y[8] = {};
     memcpy(x, raw(a) + 4, std::min(la, 12u) - std::min(la, 4u));
     memcpy(y, raw(b) + 4, std::min(lb, 12u) - std::min(lb, 4u));
     if (int c = memcmp(x, y, 8)) return c < 0 ? -1 : 1;
   }
-  unsigned i = off, j = off;
+  unsigned i = start, j = start;
   while (i < la && j < lb) {
     unsigned xn = qual_size(v6, raw(a) + i, la - i), yn = qual_size(v6, raw(b) + j, lb - j);
     if (!xn || !yn) break;  // damaged lists: the bytes decide below
@@ -517,23 +549,13 @@ int flow_common_vprintf_numeric(char *text, size_t size, const uint8_t *qual, un
 }
 
 zsockaddr_t *sockbuild_invpnflow_flow(const uint8_t rd[8], const zsockaddr_t *flow) {
-  ZSOCK_ASSERT_TEXT(socktype(flow) == GF_INETFLOW, "socktype(addr) == GF_INETFLOW");
-  unsigned gf = zsock_registered_gf("invpnflow"), n = socklen(flow) - 4;
-  ZSOCK_ASSERT(gf != GF_UNSPEC);
-  zsockaddr_t *v = sockbuild(gf, 12 + n);
-  memcpy(raw(v) + 4, rd, 8);
-  memcpy(raw(v) + 12, raw(flow) + 4, n);
-  return v;
+  ZSOCK_ASSERT_TEXT(socktype(flow) == zsock_registered_gf("inetflow"), "socktype(addr) == GF_INETFLOW");
+  return vpn_form(rd, flow, "invpnflow");
 }
 
 zsockaddr_t *sockbuild_in6vpnflow_flow(const uint8_t rd[8], const zsockaddr_t *flow) {
   ZSOCK_ASSERT_TEXT(socktype(flow) == zsock_registered_gf("inet6flow"), "socktype(addr) == GF_INET6FLOW");
-  unsigned gf = zsock_registered_gf("in6vpnflow"), n = socklen(flow) - 4;
-  ZSOCK_ASSERT(gf != GF_UNSPEC);
-  zsockaddr_t *v = sockbuild(gf, 12 + n);
-  memcpy(raw(v) + 4, rd, 8);
-  memcpy(raw(v) + 12, raw(flow) + 4, n);
-  return v;
+  return vpn_form(rd, flow, "in6vpnflow");
 }
 
 }  // extern "C"

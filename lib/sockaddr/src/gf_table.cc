@@ -194,21 +194,7 @@ bool layout_parse(const char *text, zsockaddr_t *result, size_t size, int *resul
     if (!ok) return false;
     at += *f == 'x' ? k : field_size(*f);
   }
-  int plen = -1;
-  if (*t == '/') {
-    t++;
-    uint64_t v;
-    // Within the masks, and never longer than the address.
-    unsigned max_bits = std::min(r.masks ? r.masks - 1 : ~0u, 8 * (at - r.offset));
-    if (!read_u(t, max_bits, &v)) return false;
-    plen = static_cast<int>(v);
-  }
-  if (*t || at > size) return false;
-  buf[1] = static_cast<uint8_t>(gf);
-  buf[0] = static_cast<uint8_t>(at);
-  memcpy(result, buf, at);
-  *result_len = plen;
-  return true;
+  return finish_parse(t, r.masks, r.offset, buf, at, gf, result, size, result_len);
 }
 
 template <unsigned R>
@@ -360,6 +346,23 @@ const uint8_t *build_masks(unsigned gf, unsigned offset, unsigned max, unsigned 
   }
   *bytes = n;
   return t;
+}
+
+bool finish_parse(const char *t, unsigned masks, unsigned offset, uint8_t *buf, unsigned len, unsigned gf,
+                  zsockaddr_t *result, size_t size, int *plen) {
+  int bits = -1;
+  if (*t == '/') {
+    t++;
+    uint64_t v;
+    if (!read_u(t, std::min(masks ? masks - 1 : ~0u, 8 * (len - offset)), &v)) return false;
+    bits = static_cast<int>(v);
+  }
+  if (*t || len > size) return false;
+  buf[0] = static_cast<uint8_t>(len);
+  buf[1] = static_cast<uint8_t>(gf);
+  memcpy(result, buf, len);
+  if (plen) *plen = bits;
+  return true;
 }
 
 void cut_from_offset(zsockaddr_t *a, unsigned bits) {

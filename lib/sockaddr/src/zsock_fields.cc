@@ -160,7 +160,8 @@ bool read_mac(const char *&p, uint8_t out[6], bool short_form) {
   const char *s = p;
   for (int i = 0; i < 6; i++) {
     if (i && *s++ != ':') return false;
-    int hi = hexval(s[0]), lo = hexval(s[1]);
+    // The second digit is read only after a first one: the text may end there.
+    int hi = hexval(s[0]), lo = hi >= 0 ? hexval(s[1]) : -1;
     if (hi < 0) return false;
     if (lo >= 0) {
       out[i] = static_cast<uint8_t>(hi << 4 | lo);

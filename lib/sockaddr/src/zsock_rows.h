@@ -31,6 +31,13 @@ void andmask_from_offset(zsockaddr_t *a, const zsockaddr_t *mask);
 // family's own table (count entries).
 int masklen_checked(unsigned gf, const zsockaddr_t *mask, unsigned count);
 
+// The end of a field family's text: an optional "/bits" (within the masks,
+// when the family has any, and within the address's bits), then nothing.
+// With room for it, the address built in buf (len bytes, family gf) goes to
+// result and plen gets the bits or -1.
+bool finish_parse(const char *t, unsigned masks, unsigned offset, uint8_t *buf, unsigned len, unsigned gf,
+                  zsockaddr_t *result, size_t size, int *plen);
+
 // The IP of an INET or INET6 address: 4 or 16 bytes into out; 0 for nullptr.
 unsigned ip_bytes_of(const zsockaddr_t *ip, uint8_t out[16]);
 

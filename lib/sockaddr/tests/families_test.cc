@@ -524,7 +524,7 @@ TEST_F(Families, CompositeFieldsGetSetAndEdges) {
 
   EXPECT_DEATH(getsock_field_composite(b, 2, &size), "field < ci.ci_nfields");
   EXPECT_DEATH(setsock_field_composite(b, 2, &w1), "field < ci.ci_nfields");
-  EXPECT_DEATH(sockbuild_composite(GF_INETCOLOR, 3, srte6), "count <= ci.ci_nfields");
+  EXPECT_DEATH(sockbuild_composite(GF_INETCOLOR, 3, srte6), "count <= ci->ci_nfields");
   EXPECT_DEATH(getsock_field_composite(inet("1.1.1.1"), 0, &size), "a composite family");
 
   // The opaque composite stops at the one-byte length.
