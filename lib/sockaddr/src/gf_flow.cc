@@ -33,7 +33,7 @@ inline const uint8_t *raw(const zsockaddr_t *a) { return reinterpret_cast<const 
 unsigned overhead(unsigned gf) { return g_kind[gf].vpn ? 12 : 4; }
 
 // Size of the qualifier at p with n bytes left, or 0 when it is not whole.
-unsigned qual_size(bool v6, const uint8_t *p, unsigned n) {
+inline __attribute__((always_inline)) unsigned qual_size(bool v6, const uint8_t *p, unsigned n) {
   if (n < 2) return 0;
   unsigned t = p[0];
   if (is_prefix(t)) {
@@ -346,6 +346,28 @@ unsigned first_diff(const uint8_t *x, const uint8_t *y, unsigned from, unsigned 
   return n;
 }
 
+// A big-endian value of 1, 2, 4 or 8 bytes: the order of its bytes.
+inline uint64_t value_be(const uint8_t *p, unsigned w) {
+  switch (w) {
+    case 1: return p[0];
+    case 2: {
+      uint16_t v;
+      memcpy(&v, p, 2);
+      return __builtin_bswap16(v);
+    }
+    case 4: {
+      uint32_t v;
+      memcpy(&v, p, 4);
+      return __builtin_bswap32(v);
+    }
+    default: {
+      uint64_t v;
+      memcpy(&v, p, 8);
+      return __builtin_bswap64(v);
+    }
+  }
+}
+
 // A qualifier's bytes, compared as the order wants: -1, 0 or 1.
 int qual_cmp(bool v6, const uint8_t *x, unsigned xn, const uint8_t *y, unsigned yn) {
   if (x[0] != y[0]) return x[0] < y[0] ? -1 : 1;
@@ -370,8 +392,13 @@ int qual_cmp(bool v6, const uint8_t *x, unsigned xn, const uint8_t *y, unsigned 
   for (unsigned i = 1; i < n;) {
     uint8_t ox = x[i] & 0x7f, oy = y[i] & 0x7f;
     if (ox != oy) return ox < oy ? -1 : 1;
-    unsigned w = std::min(1u << ((ox >> 4) & 3), n - i - 1);
-    if (int c = memcmp(x + i + 1, y + i + 1, w)) return c < 0 ? -1 : 1;
+    unsigned w = 1u << ((ox >> 4) & 3);
+    if (i + 1 + w > n) {  // cut short: what there is
+      if (int c = memcmp(x + i + 1, y + i + 1, n - i - 1)) return c < 0 ? -1 : 1;
+      break;
+    }
+    uint64_t vx = value_be(x + i + 1, w), vy = value_be(y + i + 1, w);
+    if (vx != vy) return vx < vy ? -1 : 1;
     i += 1 + w;
   }
   return xn == yn ? 0 : xn < yn ? -1 : 1;
