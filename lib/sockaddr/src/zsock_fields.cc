@@ -123,7 +123,7 @@ bool read_u(const char *&p, uint64_t max, uint64_t *v) {
   if (*s < '0' || *s > '9') return false;
   for (; *s >= '0' && *s <= '9'; s++) {
     unsigned d = *s - '0';
-    if (x > (max - d) / 10) return false;
+    if (x > max / 10 || (x == max / 10 && d > max % 10)) return false;
     x = x * 10 + d;
   }
   *v = x;

@@ -201,6 +201,11 @@ TEST_F(Families, ExamplesPrintAsWritten) {
   EXPECT_TRUE(parse(GF_EVPN, "2:1:1:00:00:00:00:00:00:00:00:00:00:1:47.0:1:2:3:4:5").empty());
   EXPECT_TRUE(parse(GF_COMPOSITE, std::string(2 * 252, 'a')).empty()) << "252 bytes do not fit";
   EXPECT_EQ(parse(GF_COMPOSITE, std::string(2 * 251, 'a')).size(), 255u);
+  // A prefix length is never longer than the address: none on no bytes.
+  EXPECT_TRUE(parse(GF_COMPOSITE, "-/116").empty());
+  EXPECT_TRUE(parse(GF_COMPOSITE, "-/1").empty());
+  EXPECT_EQ(parse(GF_CRH, "7/32").size(), 8u);
+  EXPECT_TRUE(parse(GF_CRH, "7/33").empty()) << "the masks go on, the address does not";
 }
 
 // Random addresses of every family: each prints text that parses back to
