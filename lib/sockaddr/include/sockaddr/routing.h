@@ -73,8 +73,11 @@ struct zsock_table_row {
   unsigned max_size;
   unsigned masks;
 };
-// Every row, ended by a null name; `daemon_gf` gives the daemon's index of row i.
+// Every row, ended by a null name. INET's row stands twice (kinds 2 and 172,
+// the second for index 34). in6vpnflow is this library's row: see
+// docs/sockaddr.md.
 extern const zsock_table_row zsock_table_rows[];
+// The daemon's index of row i (GF_UNSPEC past the end).
 unsigned zsock_table_daemon_gf(unsigned row);
 
 // Registers the row named name (design or short name) at index gf; false for
