@@ -45,14 +45,20 @@ inline __attribute__((always_inline)) unsigned qual_size(bool v6, const uint8_t 
     unsigned k = 3 + (p[2] <= p[1] ? sockbytes(p[1] - p[2]) : 0);
     return k <= n ? k : 0;
   }
-  for (unsigned i = 1; i < n;) {
-    uint8_t op = p[i];
-    i += 1 + (1u << ((op >> 4) & 3));
-    if (i > n) return 0;
-    if (op & FLOW_OP_END) return i;
-  }
-  return 0;
+  if (n < 3) return 0;
+  unsigned k = 3 + (p[1] << 8 | p[2]);
+  return k <= n ? k : 0;
 }
+
+// The terms of a numeric or bitmask qualifier of k bytes fill it exactly.
+bool terms_ok(const uint8_t *q, unsigned k) {
+  unsigned i = 3;
+  while (i < k) i += 1 + (1u << ((q[i] >> 4) & 3));
+  return i == k && k > 3;
+}
+
+// Operator bits with no meaning: an operator with any of them is unknown.
+inline uint8_t reserved_bits(unsigned type) { return is_bitmask(type) ? 0x8c : 0x88; }
 
 void check_flow(const zsockaddr_t *a) { ZSOCK_ASSERT_TEXT(g_is_flow[socktype(a)], "a flow family"); }
 
@@ -113,21 +119,22 @@ void print_terms(Out &o, const uint8_t *q, unsigned n) {
   static constexpr const char *kNumeric[8] = {"!", "=", ">", ">=", "<", "<=", "!=", "~"};
   static constexpr const char *kBitmask[4] = {"~", "=", "!~", "!="};
   bool bitmask = is_bitmask(q[0]);
-  for (unsigned i = 1; i < n;) {
+  uint8_t reserved = reserved_bits(q[0]);
+  for (unsigned i = 3; i < n;) {
     uint8_t op = q[i];
     unsigned w = 1u << ((op >> 4) & 3);
     uint64_t v = load_be(q + i + 1, w);
     if (op & FLOW_OP_AND)
       o.ch('&');
-    else if (i > 1)
+    else if (i > 3)
       o.ch('|');
-    if (op & (bitmask ? 0x0c : 0x08)) {
-      o.u(op & 0x3f);
+    if (op & reserved) {
+      o.u(op & ~FLOW_OP_AND);
       o.str("-UNKNOWN:");
     } else {
       o.str(bitmask ? kBitmask[op & 3] : kNumeric[op & 7]);
     }
-    if (w == min_width(v) || (op & (bitmask ? 0x0c : 0x08))) {
+    if (w == min_width(v) || (op & reserved)) {
       o.u(v);
     } else {
       // A value wider than it needs keeps its width in the text.
@@ -154,7 +161,7 @@ int flow_print(char *text, size_t size, const zsockaddr_t *a, int) {
     unsigned k = qual_size(v6, raw(a) + at, len - at);
     if (o.n) o.ch(',');
     const uint8_t *q = raw(a) + at;
-    if (!k || q[0] == 0 || q[0] > FLOW_QUAL_MAX) {
+    if (!k || q[0] == 0 || q[0] > FLOW_QUAL_MAX || (!is_prefix(q[0]) && !terms_ok(q, k))) {
       // Bytes that hold no qualifier: their hex, so that nothing hides.
       o.str("(bad ");
       o.dotted_hex(q, len - at);
@@ -204,7 +211,7 @@ bool read_terms(const char *&t, unsigned type, uint8_t *q, unsigned room, unsign
   } kNumeric[] = {{">=", 3}, {"<=", 5}, {"!=", 6}, {"=", 1}, {">", 2}, {"<", 4}, {"!", 0}, {"~", 7}},
     kBitmask[] = {{"!~", 2}, {"!=", 3}, {"~", 0}, {"=", 1}};
   bool bitmask = is_bitmask(type);
-  unsigned i = 1, last = 0;
+  unsigned i = 3;
   for (bool first = true;; first = false) {
     uint8_t op = 0;
     if (*t == '&') {
@@ -218,7 +225,7 @@ bool read_terms(const char *&t, unsigned type, uint8_t *q, unsigned room, unsign
     uint64_t v;
     bool unknown = false;
     if (*t >= '0' && *t <= '9') {
-      if (!read_u(t, 0x3f, &v) || !read_word(t, "-UNKNOWN:")) return false;
+      if (!read_u(t, 0xff, &v) || (v & FLOW_OP_AND) || !read_word(t, "-UNKNOWN:")) return false;
       op |= static_cast<uint8_t>(v);
       unknown = true;
     } else {
@@ -253,12 +260,12 @@ bool read_terms(const char *&t, unsigned type, uint8_t *q, unsigned room, unsign
     }
     if (!unknown) op = static_cast<uint8_t>((op & ~0x30) | (w == 1 ? 0 : w == 2 ? 0x10 : w == 4 ? 0x20 : 0x30));
     if (i + 1 + w > room) return false;
-    last = i;
     q[i] = op;
     store_be(q + i + 1, w, v);
     i += 1 + w;
   }
-  q[last] |= FLOW_OP_END;
+  if (i - 3 > 0xffff) return false;
+  store_be(q + 1, 2, i - 3);
   *k = i;
   return true;
 }
@@ -346,28 +353,6 @@ unsigned first_diff(const uint8_t *x, const uint8_t *y, unsigned from, unsigned 
   return n;
 }
 
-// A big-endian value of 1, 2, 4 or 8 bytes: the order of its bytes.
-inline uint64_t value_be(const uint8_t *p, unsigned w) {
-  switch (w) {
-    case 1: return p[0];
-    case 2: {
-      uint16_t v;
-      memcpy(&v, p, 2);
-      return __builtin_bswap16(v);
-    }
-    case 4: {
-      uint32_t v;
-      memcpy(&v, p, 4);
-      return __builtin_bswap32(v);
-    }
-    default: {
-      uint64_t v;
-      memcpy(&v, p, 8);
-      return __builtin_bswap64(v);
-    }
-  }
-}
-
 // A qualifier's bytes, compared as the order wants: -1, 0 or 1.
 int qual_cmp(bool v6, const uint8_t *x, unsigned xn, const uint8_t *y, unsigned yn) {
   if (x[0] != y[0]) return x[0] < y[0] ? -1 : 1;
@@ -386,21 +371,11 @@ int qual_cmp(bool v6, const uint8_t *x, unsigned xn, const uint8_t *y, unsigned 
     if (x[1] != y[1]) return x[1] > y[1] ? -1 : 1;  // the longer prefix first
     return 0;
   }
-  // Term by term, the end bit aside: a list that goes on sorts after the
-  // same list ended. Equal operators mean equal value sizes.
+  // Term by term is byte by byte: equal operators mean equal value sizes,
+  // and values are big-endian. A list that goes on sorts after the same
+  // list ended.
   unsigned n = std::min(xn, yn);
-  for (unsigned i = 1; i < n;) {
-    uint8_t ox = x[i] & 0x7f, oy = y[i] & 0x7f;
-    if (ox != oy) return ox < oy ? -1 : 1;
-    unsigned w = 1u << ((ox >> 4) & 3);
-    if (i + 1 + w > n) {  // cut short: what there is
-      if (int c = memcmp(x + i + 1, y + i + 1, n - i - 1)) return c < 0 ? -1 : 1;
-      break;
-    }
-    uint64_t vx = value_be(x + i + 1, w), vy = value_be(y + i + 1, w);
-    if (vx != vy) return vx < vy ? -1 : 1;
-    i += 1 + w;
-  }
+  if (int c = memcmp(x + 3, y + 3, n - 3)) return c < 0 ? -1 : 1;
   return xn == yn ? 0 : xn < yn ? -1 : 1;
 }
 
@@ -460,17 +435,17 @@ void flow_common_add_qual(zsockaddr_t *a, size_t room, unsigned type, const uint
 
 void flow_common_add_terms(zsockaddr_t *a, size_t room, unsigned type, const flow_term *terms, size_t n) {
   ZSOCK_ASSERT(n > 0 && type >= FLOW_PROTO && type <= FLOW_QUAL_MAX);
-  uint8_t v[9 * 64];
-  size_t k = 0;
+  uint8_t v[2 + 9 * 64];
+  size_t k = 2;
   for (size_t i = 0; i < n; i++) {
     ZSOCK_ASSERT(k + 9 <= sizeof v);
     unsigned w = min_width(terms[i].value);
     uint8_t op = static_cast<uint8_t>((terms[i].op & 0x4f) | (w == 1 ? 0 : w == 2 ? 0x10 : w == 4 ? 0x20 : 0x30));
-    if (i + 1 == n) op |= FLOW_OP_END;
     v[k] = op;
     store_be(v + k + 1, w, terms[i].value);
     k += 1 + w;
   }
+  store_be(v, 2, k - 2);
   flow_common_add_qual(a, room, type, v, k);
 }
 
@@ -530,7 +505,7 @@ bool flow_common_sockaddr_valid(const zsockaddr_t *a) {
     const uint8_t *q = raw(a) + at;
     unsigned k = qual_size(v6, q, len - at);
     if (!k || q[0] <= last || q[0] > FLOW_QUAL_MAX) return false;
-    if (is_prefix(q[0]) && (v6 ? q[1] > 128 || q[2] > q[1] : q[1] > 32)) return false;
+    if (is_prefix(q[0]) ? (v6 ? q[1] > 128 || q[2] > q[1] : q[1] > 32) : !terms_ok(q, k)) return false;
     last = q[0];
     at += k;
   }
@@ -571,7 +546,7 @@ int flow_common_sockaddrcmp2(const zsockaddr_t *a, const zsockaddr_t *b) {
 
 int flow_common_vprintf_numeric(char *text, size_t size, const uint8_t *qual, unsigned qual_len) {
   Out o(text, size);
-  if (qual_len >= 2 && !is_prefix(qual[0])) print_terms(o, qual, qual_len);
+  if (qual_len >= 3 && !is_prefix(qual[0]) && terms_ok(qual, qual_len)) print_terms(o, qual, qual_len);
   return o.len();
 }
 

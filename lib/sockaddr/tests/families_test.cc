@@ -340,15 +340,19 @@ class RandomAddrs {
         continue;
       }
       unsigned terms = 1 + pick(pick(4) ? 3 : 60);
+      size_t count_at = b.size();
+      b.resize(b.size() + 2);
       for (unsigned i = 0; i < terms; i++) {
-        uint8_t op = byte() & 0x7f;
+        uint8_t op = byte();
         if (i == 0) op &= ~FLOW_OP_AND;
-        if (i + 1 == terms) op |= FLOW_OP_END;
         b.push_back(op);
         Bytes v(1u << ((op >> 4) & 3));
         fill(v.data(), v.size());
         b.insert(b.end(), v.begin(), v.end());
       }
+      size_t count = b.size() - count_at - 2;
+      b[count_at] = count >> 8;
+      b[count_at + 1] = count & 0xff;
     }
     uint16_t len = b.size();
     memcpy(&b[2], &len, 2);
@@ -396,14 +400,9 @@ std::vector<FlowQual> decode_flow(const Bytes &b, bool v6) {
       q.value.assign(b.begin() + at + head, b.begin() + at + head + n);
       at += head + n;
     } else {
-      size_t i = at + 1;
-      for (;;) {
-        uint8_t op = b[i];
-        i += 1 + (1u << ((op >> 4) & 3));
-        if (op & FLOW_OP_END) break;
-      }
-      q.value.assign(b.begin() + at + 1, b.begin() + i);
-      at = i;
+      size_t n = b[at + 1] << 8 | b[at + 2];
+      q.value.assign(b.begin() + at + 3, b.begin() + at + 3 + n);
+      at += 3 + n;
     }
     out.push_back(q);
   }
@@ -451,11 +450,20 @@ int model(const Bytes &a, const Bytes &b) {
         if (int c = model_bits(x.value, y.value, std::min(x.plen - x.off, y.plen - y.off))) return c;
         if (x.plen != y.plen) return x.plen > y.plen ? -1 : 1;
       } else {
-        Bytes xv = x.value, yv = y.value;  // compared without the end bits
-        for (Bytes *v : {&xv, &yv})
-          for (size_t i = 0; i < v->size(); i += 1 + (1u << (((*v)[i] >> 4) & 3))) (*v)[i] &= 0x7f;
-        size_t n = std::min(xv.size(), yv.size());
-        if (int c = sign(memcmp(xv.data(), yv.data(), n))) return c;
+        // Term by term: operator, then the value's big-endian bytes.
+        size_t i = 0;
+        for (; i < x.value.size() && i < y.value.size();) {
+          uint8_t ox = x.value[i], oy = y.value[i];
+          if (ox != oy) return ox < oy ? -1 : 1;
+          size_t w = 1u << ((ox >> 4) & 3);
+          uint64_t vx = 0, vy = 0;
+          for (size_t k = 0; k < w; k++) {
+            vx = vx << 8 | x.value[i + 1 + k];
+            vy = vy << 8 | y.value[i + 1 + k];
+          }
+          if (vx != vy) return vx < vy ? -1 : 1;
+          i += 1 + w;
+        }
         if (x.value.size() != y.value.size()) return x.value.size() < y.value.size() ? -1 : 1;
       }
     }
@@ -567,7 +575,7 @@ TEST_F(Families, FlowOverOneByteLengthUsesTheLongLength) {
   for (unsigned p = 0; p < 100; p++) ports.push_back({FLOW_OP_EQ, 1000 + p});
   flow_common_add_terms(f, room.size(), FLOW_PORT, ports.data(), ports.size());
   unsigned len = socklen(f);
-  EXPECT_EQ(len, 4u + 3 + 1 + 300);
+  EXPECT_EQ(len, 4u + 3 + 3 + 300);
   EXPECT_EQ(f->zs_len, len & 0xff);
   EXPECT_TRUE(flow_common_sockaddr_valid(f));
   zsockaddr_t *d = sockdup(f);
@@ -594,7 +602,7 @@ TEST_F(Families, FlowOverOneByteLengthUsesTheLongLength) {
   EXPECT_EQ(qlen, 3u);
   q = flow_common_sock_qual_next(f, q, &qlen);
   EXPECT_EQ(q[0], FLOW_PORT);
-  EXPECT_EQ(qlen, 301u);
+  EXPECT_EQ(qlen, 303u);
   char vals[32];
   flow_common_vprintf_numeric(vals, sizeof vals, q, qlen);
   EXPECT_STREQ(vals, "=1000|=1001|=1002|=1003|=1004|=") << "cut at the buffer";
@@ -623,11 +631,19 @@ TEST_F(Families, FlowPrefixAssertionsAndOddValues) {
   // A v4 prefix past 32 bits and an unknown operator print what they are.
   zsockaddr_t *g = flow_common_init(room, sizeof room, GF_INETFLOW, nullptr);
   inetflow_add_prefix(g, sizeof room, FLOW_DST, 0x0100000a, 40);
-  const uint8_t unknown[] = {0x88, 6};
-  flow_common_add_qual(g, sizeof room, FLOW_PROTO, unknown, 2);
+  const uint8_t unknown[] = {0, 2, 0x08, 6};
+  flow_common_add_qual(g, sizeof room, FLOW_PROTO, unknown, 4);
   EXPECT_EQ(text(g), "dst (BadV4PrefixLen=40),proto8-UNKNOWN:6");
   EXPECT_FALSE(flow_common_sockaddr_valid(g));
   EXPECT_EQ(print(parse(GF_INETFLOW, "proto8-UNKNOWN:6")), "proto8-UNKNOWN:6");
+  EXPECT_EQ(print(parse(GF_INETFLOW, "proto136-UNKNOWN:6")), "proto136-UNKNOWN:6");
+  EXPECT_TRUE(parse(GF_INETFLOW, "proto72-UNKNOWN:6").empty()) << "the and bit is written as '&'";
+  // A count that the terms do not fill is no qualifier.
+  g = flow_common_init(room, sizeof room, GF_INETFLOW, nullptr);
+  const uint8_t short_count[] = {0, 3, 0x01, 6};
+  flow_common_add_qual(g, sizeof room, FLOW_PROTO, short_count, 4);
+  EXPECT_EQ(text(g), "(bad 03.0003.0106)");
+  EXPECT_FALSE(flow_common_sockaddr_valid(g));
   // Bytes that hold no qualifier show as hex, not as a crash.
   g = flow_common_init(room, sizeof room, GF_INETFLOW, nullptr);
   const uint8_t cut[] = {0x01, 0x05};

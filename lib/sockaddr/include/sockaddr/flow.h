@@ -8,10 +8,13 @@
 //   dst (1), src (2): IPv4: prefix length, then its bytes; IPv6: prefix
 //     length, offset, then the bits from offset to the length;
 //   numeric (proto 3, port 4, dstport 5, srcport 6, icmptype 7, icmpcode 8,
-//     len 10, dscp 11): operator/value pairs, the operator byte carrying an
-//     end bit (0x80), an and bit (0x40), the value's size (0x30: 1, 2, 4 or
-//     8 bytes) and lt (4), gt (2), eq (1); 0x08 is reserved;
-//   bitmask (tcp 9, frag 12): the same, with not (2) and match (1); 0x0c
+//     len 10, dscp 11): the byte count of its terms (16 bits, big-endian),
+//     then operator/value terms, the operator byte carrying an and bit
+//     (0x40), the value's size (0x30: 1, 2, 4 or 8 bytes, big-endian) and
+//     lt (4), gt (2), eq (1); 0x88 are reserved. The count, not an end bit,
+//     closes the list, so that a walk over the qualifiers reads one header
+//     each;
+//   bitmask (tcp 9, frag 12): the same, with not (2) and match (1); 0x8c
 //     reserved.
 // Types stand in increasing order, each at most once. Text: "any" for none,
 // else the qualifiers joined by ',' (docs/sockaddr.md), after the
@@ -37,10 +40,10 @@ enum {
   FLOW_FRAG = 12,
   FLOW_QUAL_MAX = 12,
 };
-enum { FLOW_OP_END = 0x80, FLOW_OP_AND = 0x40, FLOW_OP_LT = 4, FLOW_OP_GT = 2, FLOW_OP_EQ = 1, FLOW_OP_NOT = 2,
+enum { FLOW_OP_AND = 0x40, FLOW_OP_LT = 4, FLOW_OP_GT = 2, FLOW_OP_EQ = 1, FLOW_OP_NOT = 2,
        FLOW_OP_MATCH = 1 };
 
-// One operator and value; the builder chooses the size and the end bit.
+// One operator and value; the builder chooses the size.
 struct flow_term {
   uint8_t op;  // FLOW_OP_AND and the comparison bits
   uint64_t value;
@@ -69,8 +72,8 @@ const uint8_t *flow_common_sock_qual_next(const zsockaddr_t *a, const uint8_t *q
 // Whole qualifiers of known types in increasing order, sizes that add up.
 bool flow_common_sockaddr_valid(const zsockaddr_t *a);
 // Order: distinguisher, then qualifier by qualifier (a lower type first, a
-// prefix by its bits and then the longer first, values term by term
-// (operator without its end bit, then value) and then the shorter list first); a list that goes on sorts before its end.
+// prefix by its bits and then the longer first, terms by operator and value
+// and then the shorter list first); a list that goes on sorts before its end.
 int flow_common_sockaddrcmp2(const zsockaddr_t *a, const zsockaddr_t *b);
 // The values of a numeric or bitmask qualifier as text ("=6|>=80&<=90").
 int flow_common_vprintf_numeric(char *text, size_t size, const uint8_t *qual, unsigned qual_len);
