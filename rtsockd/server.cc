@@ -20,6 +20,7 @@
 #include <ctime>
 
 #include "platform/compat.h"
+#include "rtsock/rts_filter.h"
 #include "rtsock/rts_lower.h"
 
 namespace rtsockd {
@@ -529,11 +530,37 @@ int Server::setopt(Client &c, int name, const uint8_t *v, uint32_t len) {
       c.options[name].assign(v, v + len);
       return 0;
     case RTS_OPT_FILTER:
-      c.options[name].assign(v, v + len);
-      return 0;
+      return set_filter(c, v, len);
     default:
       return ENOPROTOOPT;
   }
+}
+
+// The filter record: the listen mask, a flag, a pointer (zero), the program.
+// A record with a compiled program installs it, and its mask; one whose
+// program area is all zeros removes the filter; anything else there (the
+// filter's text, as older clients send it) is kept but not applied.
+int Server::set_filter(Client &c, const uint8_t *v, uint32_t len) {
+  if (len < RTS_FILTER_PROGRAM_OFF + RTS_FILTER_HEADER) return EINVAL;
+  const uint8_t *prog = v + RTS_FILTER_PROGRAM_OFF;
+  size_t room = len - RTS_FILTER_PROGRAM_OFF;
+  uint32_t magic;
+  memcpy(&magic, prog, 4);
+  if (magic == RTS_FILTER_MAGIC) {
+    int n = rts_filter_check(prog, room);
+    if (n < 0) {
+      log("client %d (sender %u): malformed filter program: refused", c.id, c.sender);
+      return EINVAL;
+    }
+    c.filter.assign(prog, prog + n);
+    memcpy(c.listen, v, 8);
+  } else if (std::all_of(prog, prog + room, [](uint8_t b) { return b == 0; })) {
+    c.filter.clear();
+  } else {
+    log("client %d (sender %u): filter record without a compiled program: kept, not applied", c.id, c.sender);
+  }
+  c.options[RTS_OPT_FILTER].assign(v, v + len);
+  return 0;
 }
 
 int Server::getopt(Client &c, int name, std::vector<uint8_t> *v) {
@@ -679,6 +706,7 @@ void Server::notify(uint32_t type, uint8_t op, void *record, uint32_t sender, co
   Bytes bytes;
   for (auto &[id, c] : clients_) {
     if (c.dead || !c.hello || &c == origin || !(c.listen[w] & bit)) continue;
+    if (!c.filter.empty() && rts_filter_eval(c.filter.data(), type, record) == 0) continue;
     if (!bytes) bytes = std::make_shared<const std::vector<uint8_t>>(encode(type, record, true));
     send_data(c, bytes, true);
   }
@@ -739,6 +767,19 @@ int Server::handle(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t>
   return err;
 }
 
+// A stored object as the answer to a request: its operation, sequence number
+// and sender, in the request's encoding.
+void Server::reply_with(uint32_t type, const Object *found, const rts_msg_hdr &request, bool tlv,
+                        std::vector<uint8_t> *replies) {
+  auto *obj = const_cast<Object *>(found);
+  rts_msg_hdr saved = obj->hdr();
+  obj->hdr().operation = request.operation;
+  obj->hdr().seq = request.seq;
+  obj->hdr().sender = request.sender;
+  encode_into(type, obj->rec(), tlv, replies);
+  obj->hdr() = saved;
+}
+
 int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies) {
   bool tlv = word(buf, 0) == RTS_MAGIC_TLV;
   size_t room = 4 * n + 65536;
@@ -773,13 +814,7 @@ int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint
         q->rtmm_flags = rt->rtm_flags;
         encode_into(type, q, tlv, replies);
       } else {
-        auto *obj = const_cast<Object *>(found);
-        rts_msg_hdr saved = obj->hdr();
-        obj->hdr().operation = op;
-        obj->hdr().seq = h->seq;
-        obj->hdr().sender = h->sender;
-        encode_into(type, obj->rec(), tlv, replies);
-        obj->hdr() = saved;
+        reply_with(type, found, *h, tlv, replies);
       }
       return 0;
     }
@@ -788,6 +823,19 @@ int Server::handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint
       int err = store_.apply(op, type, pair.record);
       if (!err) notify(type, op, pair.record, c.sender, &c);
       return err;
+    }
+    case RTS_OP_ADD_GET:
+    case RTS_OP_CHANGE_GET: {
+      // The change, told as an add or a change, then the object as stored.
+      uint8_t change = op == RTS_OP_ADD_GET ? RTS_OP_ADD : RTS_OP_CHANGE;
+      if (type == RTS_T_RTMATCH) return EOPNOTSUPP;
+      int err = store_.apply(change, type, pair.record);
+      if (err) return err;
+      notify(type, change, pair.record, c.sender, &c);
+      const Object *obj = store_.find_exact(type, Store::key_of(type, pair.record));
+      if (!obj) return ENOENT;
+      reply_with(type, obj, *h, tlv, replies);
+      return 0;
     }
     case RTS_OP_DELETE: {
       const Object *old = store_.find_exact(type, Store::key_of(type, pair.record));
@@ -816,17 +864,29 @@ int Server::handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint
     return EOPNOTSUPP;
   rts_ifstats_msg m;
   memcpy(&m, buf, sizeof m);
-  std::string key;
+  // Counters given for the index are served whether or not the interface is
+  // in the stores; a known interface without them has counted nothing.
+  const StatsEntry *e = store_.counters.find(h.type, m.ifsm_index);
+  std::string key, name;
   uint32_t type = h.type == RTS_T_IFDSTATS ? RTS_T_IFDEV : RTS_T_IFLOGICAL;
   for (int i = type == RTS_T_IFDEV ? 1 : 3; i >= 0; i--) key += static_cast<char>(m.ifsm_index >> (8 * i));
-  if (!store_.find_exact(type, key)) return ENOENT;
-  // Counters are not kept here: an interface that exists has seen nothing.
-  rts_ifstats_msg reply{};
-  reply.hdr = h;
-  reply.hdr.length = sizeof reply;
-  reply.ifsm_index = m.ifsm_index;
-  auto *b = reinterpret_cast<const uint8_t *>(&reply);
-  replies->insert(replies->end(), b, b + sizeof reply);
+  const Object *obj = type == RTS_T_IFDEV && m.ifsm_index > 0xFFFF ? nullptr : store_.find_exact(type, key);
+  if (!obj && !e) return ENOENT;
+  if (h.operation == RTS_OP_CLEAR) {
+    if (e) store_.counters.clear(h.type, m.ifsm_index, static_cast<uint64_t>(time(nullptr)));
+    return 0;
+  }
+  if (h.operation != RTS_OP_GET) return EOPNOTSUPP;
+  if (obj && type == RTS_T_IFDEV) {
+    auto *d = static_cast<const rts_ifd_msg *>(obj->rec());
+    if (d->ifdm_name) name = d->ifdm_name;
+  } else if (obj) {
+    auto *l = static_cast<const rts_ifl_msg *>(obj->rec());
+    if (l->iflm_name) name = std::string(l->iflm_name) + "." + std::to_string(l->iflm_unit);
+  }
+  std::vector<uint8_t> reply = stats_message(h, m.ifsm_index, e, name);
+  if (reply.empty()) return EMSGSIZE;  // past what a reader takes: never with the bounds of Counters
+  replies->insert(replies->end(), reply.begin(), reply.end());
   return 0;
 }
 

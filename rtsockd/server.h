@@ -41,6 +41,7 @@ struct Client {
   uint32_t bulk[3] = {};  // errno, accepted, messages of the last bulk write
   uint32_t data_sent = 0;  // records put on the data socket, told with each verdict
   std::map<int, std::vector<uint8_t>> options;  // the other options, kept as set
+  std::vector<uint8_t> filter;  // the compiled filter its notifications pass, if any
   std::deque<Bytes> backlog;  // notifications waiting for room, shared between clients
   size_t backlog_bytes = 0;   // their bytes, each with kQueueEntryCost
   uint64_t dropped = 0;
@@ -128,8 +129,11 @@ class Server {
   void answer(Client &c, int verdict, std::vector<uint8_t> &replies);
   int handle_one(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies);
   int handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint8_t> *replies);
+  void reply_with(uint32_t type, const Object *found, const rts_msg_hdr &request, bool tlv,
+                  std::vector<uint8_t> *replies);
   int setopt(Client &c, int name, const uint8_t *value, uint32_t len);
   int getopt(Client &c, int name, std::vector<uint8_t> *value);
+  int set_filter(Client &c, const uint8_t *value, uint32_t len);
   bool send_ctl(Client &c, uint32_t op, int name, int error, const void *value, uint32_t len);
   int send_data(Client &c, const Bytes &bytes, bool notification);
   void notify(uint32_t type, uint8_t op, void *record, uint32_t sender, const Client *origin);
@@ -140,6 +144,7 @@ class Server {
   std::string admin_show(const std::string &rest);
   std::string admin_clients();
   std::string admin_flood(const std::string &rest);
+  std::string admin_stats(const std::string &rest);
 
   Store &store_;
   std::string path_;

@@ -87,7 +87,7 @@ bool Store::serves(uint32_t type) {
   switch (type) {
     case RTS_T_RTTABLE: case RTS_T_ROUTE: case RTS_T_IFDEV: case RTS_T_IFLOGICAL:
     case RTS_T_IFFAMILY: case RTS_T_IFADDR: case RTS_T_BRIDGE_DOMAIN: case RTS_T_RTMATCH:
-    case RTS_T_NEXTHOP:
+    case RTS_T_NEXTHOP: case RTS_T_GENCFG:
       return true;
     default:
       return false;
@@ -127,6 +127,14 @@ std::string Store::key_of(uint32_t type, const void *r) {
     }
     case RTS_T_BRIDGE_DOMAIN: be(k, static_cast<const rts_bd_msg *>(r)->bdm_index, 2); break;
     case RTS_T_NEXTHOP: be(k, static_cast<const rts_nh_msg *>(r)->nhm_index, 4); break;
+    case RTS_T_GENCFG: {
+      // Blobs in the order of their id, then of their key's bytes.
+      auto *m = static_cast<const rts_gencfg_msg *>(r);
+      be(k, m->major, 2);
+      be(k, m->minor, 2);
+      if (m->blob_key) k.append(reinterpret_cast<const char *>(m->blob_key), m->blob_key_len);
+      break;
+    }
     default: break;
   }
   return k;

@@ -3,11 +3,14 @@
 //   tvxmm mmf show FILE    the header's figures and the free lists
 //   tvxmm mmf valid FILE   walks every node; exit 0 valid, 1 not
 //   tvxmm mmf walk FILE    one line per node, to the first bad one
+//   tvxmm meminfo          the memory report: every mapped file in use
+//   tvxmm meminfo report FILE on|off   keep FILE's record current, or not
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
+#include "mmf/meminfo.h"
 #include "mmf/mmf.h"
 
 namespace {
@@ -16,9 +19,13 @@ const char kUsage[] =
     "usage: tvxmm mmf show FILE     header figures and free lists of a mapped file\n"
     "       tvxmm mmf valid FILE    walk every node; exit 0 when valid, 1 when not\n"
     "       tvxmm mmf walk FILE     one line per node, up to the first damaged one\n"
+    "       tvxmm meminfo           the memory report: a record per mapped file in use\n"
+    "       tvxmm meminfo report FILE on|off\n"
+    "                               update FILE's record every 1000 locks, or stop\n"
     "FILE is the file's logical path (\"/mfs/var/...\"), put under TAVOX_ROOT.\n"
-    "The file is read as it stands: nothing is initialised or rebuilt.\n"
-    "Exit status: 0 done (or valid), 1 file missing, not a mapped file or not valid, 2 usage.\n";
+    "Files are read as they stand: nothing is initialised or rebuilt.\n"
+    "Exit status: 0 done (or valid), 1 file or record missing, not of this format\n"
+    "or not valid, 2 usage.\n";
 
 int usage(FILE *f, int rc) {
   fputs(kUsage, f);
@@ -74,12 +81,64 @@ int walk(mmf *m) {
   return 0;
 }
 
+void show_mmf_record(const meminfo_record_t *rec) {
+  meminfo_mmf_payload_t p = {};
+  uint32_t len = rec->length - 16;
+  memcpy(&p, meminfo_payload(rec), len < sizeof p ? len : sizeof p);
+  p.name[sizeof p.name - 1] = 0;
+  printf("mmf %s pid %u current %" PRIu64 " max %" PRIu64 " mapped %" PRIu64 " locks %" PRIu64
+         " contended %" PRIu64 " wait %" PRIu64 " us mmaps %u%s\n",
+         p.name, p.pid, static_cast<uint64_t>(p.current_bytes), static_cast<uint64_t>(p.max_bytes),
+         static_cast<uint64_t>(p.mapped_bytes), static_cast<uint64_t>(p.lock_count),
+         static_cast<uint64_t>(p.contended_count), static_cast<uint64_t>(p.wait_us), p.mmap_calls,
+         (p.flags & MEMINFO_REC_REPORT) ? " reporting" : "");
+}
+
+int meminfo_show() {
+  meminfo_reader *r = meminfo_reader_create();
+  if (!r) {
+    fprintf(stderr, "tvxmm: %s: %s\n", MEMINFO_NAME,
+            errno == EINVAL ? "not a memory report of this format" : strerror(errno));
+    return 1;
+  }
+  const meminfo_header_t *h = r->header;
+  printf("meminfo version %u: %u records, %u writes, %u bytes free, %u resets\n", h->version, h->record_count,
+         h->write_count, h->bytes_free, h->resets);
+  for (uint32_t i = 0; i < MEMINFO_RESET_HISTORY && i < h->resets; i++)
+    if (h->reset_history[i].pid)
+      printf("reset by pid %u (check at line %u)\n", h->reset_history[i].pid, h->reset_history[i].line);
+  for (uint32_t t = 0; t < MEMINFO_TYPES; t++)
+    while (const meminfo_record_t *rec = meminfo_reader_next(r, t)) {
+      if (t == MEMINFO_TYPE_MMF) {
+        show_mmf_record(rec);
+      } else {
+        char name[MEMINFO_NAME_BYTES + 1] = {};
+        memcpy(name, meminfo_payload(rec), MEMINFO_NAME_BYTES);
+        printf("type %u %s length %u\n", t, name, rec->length);
+      }
+    }
+  meminfo_reader_delete(r);
+  return 0;
+}
+
+int meminfo_main(int argc, char **argv) {
+  if (argc == 2) return meminfo_show();
+  if (argc != 5 || strcmp(argv[2], "report") != 0 || (strcmp(argv[4], "on") && strcmp(argv[4], "off")))
+    return misuse("meminfo takes nothing, or report FILE on|off");
+  if (!meminfo_set_report(MEMINFO_TYPE_MMF, argv[3], strcmp(argv[4], "on") == 0)) {
+    fprintf(stderr, "tvxmm: %s: no record in the memory report\n", argv[3]);
+    return 1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) return usage(stdout, 0);
   if (argc < 2) return misuse("a command is needed");
-  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (only mmf exists)");
+  if (strcmp(argv[1], "meminfo") == 0) return meminfo_main(argc, argv);
+  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (mmf or meminfo)");
   if (argc != 4) return misuse("mmf takes a subcommand and a FILE");
   const char *cmd = argv[2], *file = argv[3];
   if (strcmp(cmd, "show") && strcmp(cmd, "valid") && strcmp(cmd, "walk"))

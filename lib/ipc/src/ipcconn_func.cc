@@ -14,7 +14,6 @@
 
 namespace {
 
-socklen_t peer_len(const ipcconn_client *c) { return sizeof c->peer_addr; }
 
 int any_socket(ipcconn_client *, int domain, int type) {
   return tvx_sys.sys_socket(domain, type | SOCK_CLOEXEC, 0);
@@ -41,7 +40,7 @@ void ev_free(task_job *jp) {
 }
 
 int ev_connect_start(ipcconn_client *c) {
-  if (__evConnect(c->pclient_ev_context, c->pclient_socket, &c->peer_addr, static_cast<int>(peer_len(c)),
+  if (__evConnect(c->pclient_ev_context, c->pclient_socket, ipcconn_client_peer(c), static_cast<int>(ipcconn_client_peer_len(c)),
                   ev_connected, c, &c->pclient_connect_id) < 0)
     return -1;
   c->pclient_connect_active = 1;
@@ -143,7 +142,7 @@ int t_connect_start(ipcconn_client *c) {
   task_flag_set(tp, TASK_FLAG_READDISABLE | TASK_FLAG_WRITEDISABLE);
   task_set_socket(tp, c->pclient_socket);
   int rc;
-  do rc = connect(c->pclient_socket, reinterpret_cast<const sockaddr *>(&c->peer_addr), peer_len(c));
+  do rc = connect(c->pclient_socket, ipcconn_client_peer(c), ipcconn_client_peer_len(c));
   while (rc < 0 && errno == EINTR);
   if (rc < 0 && errno != EINPROGRESS) {
     int err = errno;
@@ -212,15 +211,28 @@ bool write_active(const ipcconn_client *c) { return c->pclient_write_active; }
 
 extern "C" {
 
-const ipcconn_func ipcconn_func_ev = {any_socket,    ev_connect_start, ev_set_read,    ev_clear_read,
-                                      ev_set_write,  ev_clear_write,   retry_active,   write_active,
-                                      ev_timer_start, ev_timer_stop,   ev_delayed_free, ev_release};
-const ipcconn_func ipcconn_func_task = {any_socket,    t_connect_start, t_set_read,     t_clear_read,
-                                        t_set_write,   t_clear_write,   retry_active,   write_active,
-                                        t_timer_start, t_timer_stop,    t_delayed_free, t_release};
+const ipcconn_func ipcconn_func_ev = {
+    any_socket,    ev_connect_start, ev_set_read,     ev_clear_read,   ev_set_write, ev_clear_write,
+    retry_active,  write_active,     ev_timer_start,  ev_timer_stop,   ev_delayed_free, ev_release,
+    ipcconn_srv_ev::listen, ipcconn_srv_ev::server_release, ipcconn_srv_ev::session_attach,
+    ipcconn_srv_ev::set_read, ipcconn_srv_ev::clear_read, ipcconn_srv_ev::set_write, ipcconn_srv_ev::clear_write,
+    ipcconn_session_write_active, ipcconn_srv_ev::timer_start, ipcconn_srv_ev::delayed_free,
+    ipcconn_srv_ev::session_release};
+const ipcconn_func ipcconn_func_task = {
+    any_socket,    t_connect_start, t_set_read,     t_clear_read,  t_set_write,    t_clear_write,
+    retry_active,  write_active,    t_timer_start,  t_timer_stop,  t_delayed_free, t_release,
+    ipcconn_srv_task::listen, ipcconn_srv_task::server_release, ipcconn_srv_task::session_attach,
+    ipcconn_srv_task::set_read, ipcconn_srv_task::clear_read, ipcconn_srv_task::set_write,
+    ipcconn_srv_task::clear_write, ipcconn_session_write_active, ipcconn_srv_task::timer_start,
+    ipcconn_srv_task::delayed_free, ipcconn_srv_task::session_release};
 
 const ipcconn_func *ipcconn_client_func(const ipcconn_client *clnt) {
+  if (clnt->sync) return &ipcconn_func_sync;
   return clnt->pclient_ev_context.opaque ? &ipcconn_func_ev : &ipcconn_func_task;
+}
+
+const ipcconn_func *ipcconn_server_func(const ipcconn_server *server) {
+  return server->ev_context.opaque ? &ipcconn_func_ev : &ipcconn_func_task;
 }
 
 }  // extern "C"

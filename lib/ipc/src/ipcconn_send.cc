@@ -13,26 +13,10 @@
 namespace {
 
 bool is_dead(const ipcconn_client *c) { return c->pclient_flags & IPCCONN_FLAG_DEAD; }
-bool retryable(int err) { return err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS || err == EMSGSIZE; }
-uint64_t now_us() { return task_utime_to_usec(task_now); }
 
-void app_free(ipcconn_client *c, void *p) {
-  if (!p) return;
-  if (c->free_fn)
-    c->free_fn(p);
-  else
-    free(p);
-}
-
-uint8_t *payload_of(ipcconn_pending *r) { return reinterpret_cast<uint8_t *>(r + 1); }
-
-// The message into the pipe and out: 0, IPC_PIPE_PARTIAL, or -1 with errno.
 int send_internal(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t length, bool external) {
   uint16_t type = (c->pclient_flags & IPCCONN_FLAG_INTEROPERATE_MODE) ? c->interop_type : uint16_t{IPCCONN_MSG_TYPE};
-  ipc_msg h{type, static_cast<uint16_t>(subtype), static_cast<uint16_t>(length), IPC_MSG_OP_SEND, 0};
-  int rc = external ? ipc_x_msg_write(c->pclient_pipe, &h, buf) : ipc_msg_write(c->pclient_pipe, &h, buf);
-  if (rc < 0) return -1;
-  return ipc_x_pipe_write(c->pclient_pipe);
+  return ipcconn_msg_send(c->pclient_pipe, type, subtype, buf, length, external);
 }
 
 void terminal(ipcconn_client *c, int err) {
@@ -67,27 +51,12 @@ int queue_store(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t l
                 c->threshold_medium, c->threshold_low);
     return IPCCONN_ERR_THRESHOLD;
   }
-  bool copy = !external && !partial;
-  size_t size = sizeof(ipcconn_pending) + (copy ? length : 0);
-  auto *r = static_cast<ipcconn_pending *>(c->malloc_fn ? c->malloc_fn(size) : malloc(size));
+  ipcconn_pending *r = ipcconn_pending_new(c->malloc_fn, subtype, buf, length, external, partial);
   if (!r) {
     c->counters.queue_failed++;
     return IPCCONN_ERR_NOMEM;
   }
-  memset(r, 0, sizeof *r);
-  r->subtype = subtype;
-  r->length = length;
-  r->timestamp_us = now_us();
-  r->partially_written = partial;
-  r->external = external;
-  r->external_buf = external ? const_cast<void *>(buf) : nullptr;
-  if (copy && length) memcpy(payload_of(r), buf, length);
-  r->prev = c->pending_tail;
-  if (c->pending_tail)
-    c->pending_tail->next = r;
-  else
-    c->pending_head = r;
-  c->pending_tail = r;
+  ipcconn_pending_append(c->pending_head, c->pending_tail, r);
   c->counters.current_depth++;
   c->counters.queue_stored++;
   uint32_t bp = c->threshold_backpressure;
@@ -101,14 +70,7 @@ int queue_store(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t l
 }
 
 void unlink_record(ipcconn_client *c, ipcconn_pending *r) {
-  if (r->prev)
-    r->prev->next = r->next;
-  else
-    c->pending_head = r->next;
-  if (r->next)
-    r->next->prev = r->prev;
-  else
-    c->pending_tail = r->prev;
+  ipcconn_pending_unlink(c->pending_head, c->pending_tail, r);
   c->counters.current_depth--;
 }
 
@@ -117,10 +79,9 @@ void unlink_record(ipcconn_client *c, ipcconn_pending *r) {
 void queue_remove(ipcconn_client *c, ipcconn_pending *r) {
   unlink_record(c, r);
   c->counters.sent_from_queue++;
-  uint64_t now = now_us();
+  uint64_t now = ipcconn_now_us();
   c->counters.total_delay_us += now > r->timestamp_us ? now - r->timestamp_us : 0;
-  if (r->external) app_free(c, r->external_buf);
-  app_free(c, r);
+  ipcconn_pending_release(c->free_fn, r);
   uint32_t bp = c->threshold_backpressure;
   if (c->backpressure && c->counters.current_depth + bp / 20 < bp) {
     c->backpressure = 0;
@@ -138,13 +99,7 @@ int send_common(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t l
                 __func__, __LINE__, c->app_id, static_cast<void *>(c), static_cast<void *>(c));
     return IPCCONN_ERR_INVALID;
   }
-  if (length + IPC_PIPE_OVERHEAD > c->bufsize || (!buf && length)) {
-    ipcconn_log(IPCCONN_LOG_ERROR,
-                "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), message length (%d) plus overhead (%d) is greater "
-                "than the configured buffer size (%d)",
-                __func__, __LINE__, c->app_id, static_cast<void *>(c), length, IPC_PIPE_OVERHEAD, c->bufsize);
-    return IPCCONN_ERR_INVALID;
-  }
+  if (!ipcconn_client_length_ok(c, buf, length)) return IPCCONN_ERR_INVALID;
   const ipcconn_func *f = ipcconn_client_func(c);
   if (c->pclient_flags & IPCCONN_FLAG_CONNECT_PENDING)
     return queue_store(c, subtype, buf, length, priority, external, false);
@@ -159,11 +114,11 @@ int send_common(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t l
   int rc = send_internal(c, subtype, buf, length, external);
   if (rc == 0) {
     c->counters.sent_immediately++;
-    if (external) app_free(c, const_cast<void *>(buf));
+    if (external) ipcconn_app_free(c->free_fn, const_cast<void *>(buf));
     return 0;
   }
   int err = errno;
-  if (rc == IPC_PIPE_PARTIAL || retryable(err)) {
+  if (rc == IPC_PIPE_PARTIAL || ipcconn_send_retryable(err)) {
     int stored = queue_store(c, subtype, buf, length, priority, external, rc == IPC_PIPE_PARTIAL);
     if ((stored != 0 && stored != IPCCONN_ERR_BACKPRESSURE) || is_dead(c)) return stored;
     if (f->set_client_write_ready(c) < 0) return IPCCONN_ERR_SOCKET;
@@ -176,11 +131,20 @@ int send_common(ipcconn_client *c, uint32_t subtype, const void *buf, uint32_t l
 
 }  // namespace
 
+bool ipcconn_client_length_ok(const ipcconn_client *c, const void *buf, uint32_t length) {
+  if (length + IPC_PIPE_OVERHEAD <= c->bufsize && (buf || !length)) return true;
+  ipcconn_log(IPCCONN_LOG_ERROR,
+              "ERROR: %s [%d] app-id (%d), ipcconn_client (%p), message length (%d) plus overhead (%d) is greater "
+              "than the configured buffer size (%d)",
+              __func__, __LINE__, c->app_id, const_cast<void *>(static_cast<const void *>(c)), length,
+              IPC_PIPE_OVERHEAD, c->bufsize);
+  return false;
+}
+
 void ipcconn_client_queue_free(ipcconn_client *c) {
   while (ipcconn_pending *r = c->pending_head) {
     unlink_record(c, r);
-    if (r->external) app_free(c, r->external_buf);
-    app_free(c, r);
+    ipcconn_pending_release(c->free_fn, r);
   }
   c->backpressure = 0;
 }
@@ -208,7 +172,10 @@ void ipcconn_client_write_ready(ipcconn_client *c) {
     if (rc == IPC_PIPE_PARTIAL) return;
     if (rc < 0) return terminal(c, errno);
   }
+  uint64_t start = ipcconn_clock_us();
   for (int n = 0; n < IPCCONN_DRAIN_BUDGET; n++) {
+    // The rest waits for the next write-ready, which stays on.
+    if (n > 0 && ipcconn_clock_us() - start >= IPCCONN_LOOP_BOUND_US) return;
     ipcconn_pending *r = c->pending_head;
     if (!r) {
       ipcconn_client_func(c)->clear_client_write_ready(c);
@@ -218,14 +185,14 @@ void ipcconn_client_write_ready(ipcconn_client *c) {
     }
     int rc = r->partially_written
                  ? ipc_x_pipe_write(c->pclient_pipe)
-                 : send_internal(c, r->subtype, r->external ? r->external_buf : payload_of(r), r->length, r->external);
+                 : send_internal(c, r->subtype, ipcconn_pending_data(r), r->length, r->external);
     if (rc == 0) {
       queue_remove(c, r);
       if (is_dead(c)) return;  // closed by the back-pressure event's callback
       continue;
     }
     int err = errno;
-    if (rc == IPC_PIPE_PARTIAL || retryable(err)) {
+    if (rc == IPC_PIPE_PARTIAL || ipcconn_send_retryable(err)) {
       if (rc == IPC_PIPE_PARTIAL) r->partially_written = 1;
       return;
     }

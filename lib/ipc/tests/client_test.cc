@@ -15,28 +15,23 @@
 #include <vector>
 
 #include "io_fixture.h"
+#include "ipc_test_util.h"
 #include "ipc/ipcconn.h"
 #include "platform/sys.h"
 
 using namespace tt;
+using namespace ipct;
 
 namespace {
-
-std::vector<std::string> lines;
-void keep_line(int level, const char *line) {
-  lines.push_back(std::string(level == IPCCONN_LOG_ERROR ? "E " : "D ") + line);
-}
-bool logged(const std::string &part) {
-  for (auto &l : lines)
-    if (l.find(part) != std::string::npos) return true;
-  return false;
-}
 
 struct Seen {
   std::vector<int> events;
   std::vector<std::string> msgs;  // "subtype:payload"
   bool close_on_connect = false;
   bool close_on_msg = false;
+  bool stop_reading = false;
+  bool restart_on_msg = false;
+  double advance_per_msg = 0;  // seconds of the kernel's clock each message costs
 };
 void on_event(ipcconn_client *c, int event, void *cookie) {
   auto *s = static_cast<Seen *>(cookie);
@@ -47,19 +42,14 @@ int on_msg(ipcconn_client *c, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
   auto *s = static_cast<Seen *>(cookie);
   s->msgs.push_back(std::to_string(m->subtype) + ":" +
                     std::string(reinterpret_cast<char *>(ipc_msg_payload(m)), m->length));
+  if (s->advance_per_msg) advance(s->advance_per_msg);
   if (s->close_on_msg) ipcconn_client_close(c);
-  return 0;
+  if (s->restart_on_msg) ipcconn_client_restart(c);
+  if (s->stop_reading) ipcconn_client_disable_msg_callbacks(c);
+  // The message stays readable until the callback returns, a close inside it too.
+  return m->length > 4096 ? -1 : 0;
 }
 
-std::string frame(uint16_t type, uint16_t subtype, const std::string &payload, uint8_t opcode = 1) {
-  ipc_msg h{type, subtype, static_cast<uint16_t>(payload.size()), opcode, 0};
-  return std::string(reinterpret_cast<const char *>(&h), sizeof h) + payload;
-}
-
-std::string ident_bytes(uint32_t app, uint32_t pid, uint32_t inst) {
-  uint32_t v[3] = {app, pid, inst};
-  return frame(0x417, 0xFFFE, std::string(reinterpret_cast<char *>(v), sizeof v));
-}
 
 class Client : public Io, public ::testing::WithParamInterface<bool> {
  protected:
@@ -99,6 +89,11 @@ class Client : public Io, public ::testing::WithParamInterface<bool> {
     if (ev.opaque) __evDestroy(ev);
     ipcconn_set_log_hook(nullptr);
     Io::TearDown();
+  }
+  void listen_now_again() {
+    close(listener);
+    unlink(path.c_str());
+    listen_now();
   }
   void listen_now() {
     listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
@@ -259,6 +254,30 @@ TEST_P(Client, ClosingFromInsideACallbackFreesAfterItReturns) {
   real_passes(3);
   EXPECT_EQ(second.msgs, std::vector<std::string>{"1:a"});
   EXPECT_EQ(second.events, std::vector<int>{IPCCONN_EVENT_CONNECTED});
+  close(s);
+}
+
+TEST_P(Client, RestartingFromInsideAMessageCallback) {
+  listen_now();
+  seen.restart_on_msg = true;
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  std::string two = frame(0x417, 1, "a") + frame(0x417, 2, "b");
+  ASSERT_EQ(write(s, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+  real_passes(2);
+  // Event 1 cannot be given from inside the callback; the rest of the read went with the connection.
+  EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
+  EXPECT_EQ(c->pclient_retired_pipe, nullptr);
+  seen.restart_on_msg = false;
+  next_retry();
+  real_passes(1);
+  EXPECT_EQ(seen.events.back(), IPCCONN_EVENT_CONNECTED);
+  close(s);
+  s = accept_one();
+  EXPECT_EQ(take(s), ident_bytes(7, 4242, 3));
+  ipcconn_client_close(c);
   close(s);
 }
 
@@ -482,6 +501,119 @@ TEST_P(Client, ATerminalSendErrorRestartsAndDropsTheQueue) {
   EXPECT_EQ(take(s), ident_bytes(7, 4242, 3));
   ipcconn_client_close(c);
   close(s);
+}
+
+TEST_P(Client, ReadingStopsAndResumes) {
+  listen_now();
+  seen.stop_reading = true;
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  std::string two = frame(0x417, 1, "a") + frame(0x417, 2, "b");
+  ASSERT_EQ(write(s, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+  real_passes(3);
+  EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
+  seen.stop_reading = false;
+  ASSERT_EQ(ipcconn_client_enable_msg_callbacks(c), 0);
+  real_passes(2);
+  EXPECT_EQ(seen.msgs, (std::vector<std::string>{"1:a", "2:b"}));
+  ipcconn_client_close(c);
+  EXPECT_EQ(ipcconn_client_enable_msg_callbacks(nullptr), -1);
+  close(s);
+}
+
+void on_pressure_advance(ipcconn_client *c, int event, void *cookie) {
+  on_pressure(c, event, cookie);
+  if (event == IPCCONN_EVENT_BACKPRESSURE) advance(0.011);
+}
+
+TEST_P(Client, ReadAndDrainLoopsEndAfterTenMilliseconds) {
+  listen_now();
+  params.bufsize = 64;  // a read takes seven of these 9-byte messages
+  ipcconn_client *c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  int s = accept_one();
+  take(s);
+  std::string all;
+  for (int i = 0; i < 40; i++) all += frame(0x417, 1, "m");
+  seen.advance_per_msg = 0.001;
+  ASSERT_EQ(write(s, all.data(), all.size()), static_cast<ssize_t>(all.size()));
+  real_passes(1);
+  // The read in which the bound passed finishes its messages, then the dispatch ends.
+  size_t first = seen.msgs.size();
+  EXPECT_GE(first, 10u);
+  EXPECT_LE(first, 14u);
+  real_passes(1);
+  EXPECT_GT(seen.msgs.size(), first);
+  real_passes(6);
+  EXPECT_EQ(seen.msgs.size(), 40u);
+  ipcconn_client_close(c);
+  close(s);
+
+  // The drain: the back-pressure event that ends it moves the clock past the bound.
+  listen_now_again();
+  Pressure pr{};
+  params.bufsize = 0;
+  params.event_cb = on_pressure_advance;
+  params.cookie = &pr;
+  params.threshold_backpressure = 100;
+  c = ipcconn_uds_client_connect(&params);
+  ASSERT_NE(c, nullptr);
+  real_passes(2);
+  s = accept_one();
+  take(s);
+  tvx_fault_errno(TVX_SYS_SENDMSG, EAGAIN, 1);
+  for (int i = 0; i < 120; i++) ASSERT_EQ(ipcconn_client_send(c, 1, "p", 1, IPCCONN_MSG_PRIORITY_LOW), 0);
+  real_passes(1);
+  EXPECT_EQ(pr.depths, (std::vector<uint32_t>{100, 94}));
+  EXPECT_EQ(c->counters.current_depth, 94u);
+  real_passes(2);
+  EXPECT_EQ(c->counters.current_depth, 0u);
+  EXPECT_EQ(take(s).size(), 120u * 9);
+  ipcconn_client_close(c);
+  close(s);
+}
+
+TEST_P(Client, SynchronousCallsNeedNoEventSystem) {
+  listen_now();
+  ipcconn_client_params sp = params;
+  sp.ev_context.opaque = nullptr;
+  sp.ptask = nullptr;
+  ipcconn_client *c = ipcconn_uds_client_connect_sync(&sp);
+  ASSERT_NE(c, nullptr);
+  int s = accept_one();
+  EXPECT_EQ(take(s), ident_bytes(7, 4242, 3));  // before the call returned
+  EXPECT_EQ(ipcconn_client_send_sync(c, 4, "sync", 4), 0);
+  EXPECT_EQ(take(s), frame(0x417, 4, "sync"));
+  EXPECT_EQ(ipcconn_client_send(c, 4, "x", 1, IPCCONN_MSG_PRIORITY_LOW), 0);  // the queued form works too
+  EXPECT_EQ(take(s), frame(0x417, 4, "x"));
+  std::string in = frame(0x417, 1, "report", IPC_MSG_OP_SEND | IPC_MSG_OP_ERROR) + frame(0x417, 5, "mine");
+  ASSERT_EQ(write(s, in.data(), in.size()), static_cast<ssize_t>(in.size()));
+  ipc_msg *m = nullptr;
+  int n = ipcconn_client_recv_sync(c, &m);
+  ASSERT_EQ(n, 4);
+  EXPECT_EQ(m->subtype, 5);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(ipc_msg_payload(m)), 4), "mine");
+  EXPECT_TRUE(logged("error code 0 type 1047 subtype 1 opcode 9"));
+  close(s);
+  while ((n = ipcconn_client_recv_sync(c, &m)) >= 0) {
+  }
+  EXPECT_EQ(n, IPCCONN_ERR_CLOSED);
+  EXPECT_EQ(ipcconn_client_recv_sync(nullptr, &m), IPCCONN_ERR_INVALID);
+  ipcconn_client_close(c);
+
+  // Tried limit + 1 times in a row, then nothing.
+  close(listener);
+  listener = -1;
+  unlink(path.c_str());
+  sp.max_retries = 2;
+  tvx_fault_clear();
+  tvx_fault_errno(TVX_SYS_SOCKET, EMFILE, 1, AF_INET6);  // never taken: it starts the count
+  EXPECT_EQ(ipcconn_uds_client_connect_sync(&sp), nullptr);
+  EXPECT_EQ(tvx_fault_calls(TVX_SYS_SOCKET), 3u);
+  tvx_fault_clear();
 }
 
 INSTANTIATE_TEST_SUITE_P(EventSystems, Client, ::testing::Values(true, false),

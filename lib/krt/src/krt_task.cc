@@ -10,6 +10,7 @@
 #include "krt/krt_scan.h"
 #include "krt_internal.h"
 #include "platform/path.h"
+#include "rtsock/rts_filter.h"
 #include "rtsock/rts_lower.h"
 #include "task/domain.h"
 #include "task/io.h"
@@ -27,7 +28,8 @@ int sockopt(int sock, int name, const void *v, socklen_t len) {
 uint64_t mask64(const uint32_t m[2]) { return m[0] | static_cast<uint64_t>(m[1]) << 32; }
 
 // The generic-configuration filter: the text goes through a file named by
-// the process, then into the filter record with the current listen mask.
+// the process, is compiled from it, and the program goes into the filter
+// record with the current listen mask.
 void apply_filter(int sock, krt_config *cfg) {
   if (!cfg->filter_build) return;
   const char *text = cfg->filter_build();
@@ -44,13 +46,13 @@ void apply_filter(int sock, krt_config *cfg) {
   bool ok = fputs(text, f) >= 0;
   ok = fclose(f) == 0 && ok;
   if (!ok) quit();
-  // The parsed area: the filter program as the file holds it.
-  char area[2048] = {};
-  f = fopen(path, "r");
-  if (!f) quit();
-  size_t got = fread(area, 1, sizeof area - 1, f);
-  fclose(f);
+  // The file's text compiled: a filter that does not compile (its reason
+  // logged by the route-socket library) stops the start as a refused one does.
+  uint8_t area[RTS_FILTER_MAX] = {};
+  int parsed = rts_filter_parse(path, area, sizeof area);
   unlink(path);
+  if (parsed != 0) quit();
+  size_t got = static_cast<size_t>(rts_filter_check(area, sizeof area));
   uint32_t mask[2] = {};
   socklen_t ml = sizeof mask;
   const task_domain_ops *d = task_domain_get(KRT_DOMAIN);

@@ -9,6 +9,7 @@
 #include "evlog/evlog.h"
 #include "mem/pool.h"
 #include "krt_peer.h"
+#include "rtsock/rts_filter.h"
 #include "task/domain.h"
 
 using namespace kt;
@@ -61,12 +62,13 @@ TEST_F(Krt, OptionalOptionsAndTheForegroundMask) {
   EXPECT_TRUE(krt_is_deferred());
 }
 
-TEST_F(Krt, TheFilterTextTravelsInlineInTheFilterRecord) {
+TEST_F(Krt, TheFilterTravelsCompiledInTheFilterRecord) {
   static std::string released;
-  cfg.filter_build = [] { return static_cast<const char *>("match type 89"); };
+  static const char kText[] = "((gencfg_t->major == 7))";
+  cfg.filter_build = [] { return kText; };
   cfg.filter_release = [](const char *t) { released = t; };
   krt_start(&cfg);
-  EXPECT_EQ(released, "match type 89");
+  EXPECT_EQ(released, kText);
   const FakePeer::Msg &rec = peer.options[RTS_OPT_FILTER];
   ASSERT_EQ(rec.size(), KRT_FILTER_RECORD);
   uint32_t mask[2], flag;
@@ -75,7 +77,13 @@ TEST_F(Krt, TheFilterTextTravelsInlineInTheFilterRecord) {
   EXPECT_EQ(mask[0], 0u);
   EXPECT_EQ(mask[1], 0x1001u);  // the listen mask with bit 0 of its second word
   EXPECT_EQ(flag, 1u);
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(rec.data() + KRT_FILTER_PROGRAM_OFF)), "match type 89");
+  uint8_t prog[RTS_FILTER_MAX];
+  ASSERT_EQ(rts_filter_compile(kText, sizeof kText - 1, prog, sizeof prog, nullptr), 0);
+  int len = rts_filter_check(prog, sizeof prog);
+  ASSERT_GT(len, 0);
+  EXPECT_EQ(FakePeer::Msg(rec.begin() + KRT_FILTER_PROGRAM_OFF, rec.begin() + KRT_FILTER_PROGRAM_OFF + len),
+            FakePeer::Msg(prog, prog + len));
+  EXPECT_EQ(rec[KRT_FILTER_PROGRAM_OFF + len], 0);
   // The file is gone.
   char path[64];
   snprintf(path, sizeof path, "/tmp/libztask_krt_gencfg_filter_%d.txt", static_cast<int>(getpid()));
@@ -83,8 +91,13 @@ TEST_F(Krt, TheFilterTextTravelsInlineInTheFilterRecord) {
 }
 
 TEST_F(Krt, AFilterThatCannotBeSetIsFatal) {
-  cfg.filter_build = [] { return static_cast<const char *>("x"); };
+  cfg.filter_build = [] { return static_cast<const char *>("gencfg->major == 1"); };
   peer.option_errno[RTS_OPT_FILTER] = EINVAL;
+  EXPECT_EXIT(krt_start(&cfg), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(Krt, AFilterThatDoesNotCompileIsFatal) {
+  cfg.filter_build = [] { return static_cast<const char *>("match type 89"); };
   EXPECT_EXIT(krt_start(&cfg), testing::KilledBySignal(SIGABRT), "");
 }
 

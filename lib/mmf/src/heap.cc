@@ -5,7 +5,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include "internal.h"
+#include "mmf/crashpoint.h"
 
 namespace {
 
@@ -24,8 +27,8 @@ void refresh(mmf *m) {
     MMF_ASSERT(mmf_remap(m));
 }
 
-// A free node's header and trailer, unlinked.
-void write_free_node(mmf *m, uint64_t offset, uint32_t len) {
+// A free node's header, unlinked.
+void write_free_header(mmf *m, uint64_t offset, uint32_t len) {
   mmf_node_header_t *n = mmf_node_at(m, offset);
   n->offset = offset;
   n->pattern = MMF_HEADER_PATTERN;
@@ -33,6 +36,11 @@ void write_free_node(mmf *m, uint64_t offset, uint32_t len) {
   n->len = len;
   n->user_offset = offset + mmf_node_header_bytes;
   n->prev_offset = n->next_offset = 0;
+}
+
+// A free node's header and trailer, unlinked.
+void write_free_node(mmf *m, uint64_t offset, uint32_t len) {
+  write_free_header(m, offset, len);
   write_trailer(m, offset, len);
 }
 
@@ -75,6 +83,7 @@ uint32_t merge(mmf *m, uint64_t lo, uint64_t hi) {
   len += mmf_node_at(m, hi)->len;
   unlink_free(m, lo);
   unlink_free(m, hi);
+  TVX_CRASHPOINT("mmf_free_merge");
   write_free_node(m, lo, len);
   // A merge high in the file starts a fresh list, dropping the rest of the
   // class from sight until the file is next rebuilt; rare, and kept so. The
@@ -152,7 +161,8 @@ void mmf_add_free_node(mmf *m, uint64_t offset, uint32_t len) {
   push_head(m, offset);
 }
 
-void mmf_add_free_space(mmf *m, uint64_t start, uint64_t end) {
+// Cuts [start, end) into free nodes, top down; listed only when `list`.
+static void cut_free_space(mmf *m, uint64_t start, uint64_t end, bool list) {
   if (end <= start) return;
   uint64_t size = end - start;
   // The highest piece is the odd one, the rest are whole.
@@ -161,10 +171,15 @@ void mmf_add_free_space(mmf *m, uint64_t start, uint64_t end) {
   for (uint64_t top = end; top > start; piece = MMF_MAX_NODE_LEN) {
     uint64_t at = top - piece;
     MMF_ASSERT(at >= start);
-    if (piece >= mmf_node_bytes) mmf_add_free_node(m, at, static_cast<uint32_t>(piece));
+    if (piece >= mmf_node_bytes) {
+      write_free_node(m, at, static_cast<uint32_t>(piece));
+      if (list) push_head(m, at);
+    }
     top = at;
   }
 }
+
+void mmf_add_free_space(mmf *m, uint64_t start, uint64_t end) { cut_free_space(m, start, end, true); }
 
 void *mmf_alloc(mmf *m, uint32_t bytes, off_t *out_offset) {
   if (out_offset) *out_offset = 0;
@@ -192,22 +207,33 @@ void *mmf_alloc(mmf *m, uint32_t bytes, off_t *out_offset) {
   m->local_allocs++;
   si->alloc_count++;
   si->allocs_by_class[idx]++;
+  // A writer that dies at any step below leaves a walkable file: the node
+  // keeps its free flag until it is whole, and a node that is free but on no
+  // list is only lost to allocation (a merge still takes it).
   unlink_free(m, off);
+  TVX_CRASHPOINT("mmf_alloc_unlinked");
   mmf_node_header_t *n = mmf_node_at(m, off);
-  n->flags &= ~MMF_FLAG_FREE;
   MMF_ASSERT(n->prev_offset == 0);
   uint32_t len = n->len;
   if (len > si->alloc_sizes[0] + 2 * mmf_node_bytes + size) {
+    // The remainder's header and the node's new trailer lie inside the node
+    // until its len changes; the old trailer's len follows at once.
     uint32_t rest = len - size - mmf_node_bytes;
+    uint64_t roff = off + size + mmf_node_bytes;
+    write_free_header(m, roff, rest);
     len = size + mmf_node_bytes;
-    n->len = len;
     write_trailer(m, off, len);
-    mmf_add_free_node(m, off + len, rest);
+    mmf_node_at(m, off)->len = len;
+    write_trailer(m, roff, rest);
+    TVX_CRASHPOINT("mmf_alloc_split");
+    push_head(m, roff);
   }
+  mmf_node_at(m, off)->flags &= ~MMF_FLAG_FREE;
   si->allocated_bytes += len;
   uint64_t user = off + mmf_node_header_bytes;
   if (out_offset) *out_offset = static_cast<off_t>(user);
   void *p = mmf_ensure_mapped(m, static_cast<off_t>(user), size);
+  TVX_CRASHPOINT("mmf_alloc_done");
   mmf_unlock(m);
   return p;
 }
@@ -233,6 +259,7 @@ void mmf_free_offset(mmf *m, off_t user_offset) {
   n->user_offset = noff + mmf_node_header_bytes;  // a control node named the other file's
   push_head(m, noff);
   n = nullptr;  // push_head maps other nodes
+  TVX_CRASHPOINT("mmf_free_pushed");
 
   if (noff > si->first_alloc_offset) {
     mmf_node_trailer_t *t = mmf_trailer_at(m, noff - 8);
@@ -278,17 +305,31 @@ bool mmf_grow(mmf *m) {
     mmf_unlock(m);
     return false;
   }
-  si->current_bytes = target;
-  if (!mmf_remap(m)) {
-    si->current_bytes = cur;
+  TVX_CRASHPOINT("mmf_grow_extended");
+  if (!mmf_remap_to(m, static_cast<int64_t>(target))) {
     mmf_unlock(m);
     return false;
   }
   si = m->shared_info;
+  // The new nodes are written before current_bytes lets anyone reach them,
+  // and listed after: a writer dying between leaves a walkable file.
+  cut_free_space(m, cur, target, false);
+  TVX_CRASHPOINT("mmf_grow_written");
+  si->current_bytes = target;
+  TVX_CRASHPOINT("mmf_grow_stored");
+  // Listed in the order they were cut, top down, as an unbroken growth lists them.
+  std::vector<uint64_t> pieces;
+  for (uint64_t off = cur; off < target;) {
+    uint32_t len = mmf_node_at(m, off)->len;
+    if (len < mmf_node_bytes || off + len > target) break;  // a dropped piece at the top
+    pieces.push_back(off);
+    off += len;
+  }
+  for (auto it = pieces.rbegin(); it != pieces.rend(); ++it) push_head(m, *it);
   si->grow_count++;
   si->grown_bytes += target - cur;
-  mmf_add_free_space(m, cur, target);
   mmf_unlock(m);
+  meminfo_mmf_update(m);
   return true;
 }
 

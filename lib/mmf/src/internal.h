@@ -5,14 +5,21 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "mmf/meminfo.h"
 #include "mmf/mmf.h"
 
 // A broken invariant: one line naming the check, then the process ends.
 [[noreturn]] void mmf_assert_fail(const char *expr, const char *file, int line);
 #define MMF_ASSERT(e) ((e) ? (void)0 : mmf_assert_fail(#e, __FILE__, __LINE__))
 
-// The pid of this process, refreshed in a fork child.
-pid_t mmf_pid(void);
+// The pid of this process, cached (the lock reads it on every call) and
+// refreshed in a fork child.
+extern pid_t mmf_cached_pid;
+pid_t mmf_pid_slow(void);
+inline pid_t mmf_pid(void) {
+  pid_t p = __atomic_load_n(&mmf_cached_pid, __ATOMIC_RELAXED);
+  return __builtin_expect(p != 0, 1) ? p : mmf_pid_slow();
+}
 
 // Node access through the mapping, as every path of the heap does it.
 inline mmf_node_header_t *mmf_node_at(mmf *m, uint64_t offset) {
@@ -33,6 +40,8 @@ void mmf_set_allocation_info(mmf_shared_info_t *si, uint32_t n, const uint32_t *
 // Maps the whole object anew at current_bytes (single mapping); false leaves
 // the handle dead.
 bool mmf_remap(mmf *m);
+// The same to a given size, for a growth before current_bytes is stored.
+bool mmf_remap_to(mmf *m, int64_t bytes);
 // Extends the file to `bytes` with real blocks behind it: a full file
 // system fails here (errno set) rather than with SIGBUS at first touch.
 bool mmf_extend(int fd, uint64_t bytes);
@@ -50,3 +59,5 @@ double mmf_scaled(double seconds);
 void mmf_sleep_ns(int64_t ns);
 // Monotonic seconds.
 double mmf_now(void);
+// Whether this file's record in the memory report asks to be kept current.
+bool mmf_meminfo_wanted(const mmf *m);

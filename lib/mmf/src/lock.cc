@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "internal.h"
+#include "mmf/crashpoint.h"
 #include "platform/sysctl.h"
 
 uint32_t mmf_spin_limit;
@@ -22,10 +23,9 @@ constexpr uint32_t kQuietRounds = 500;
 constexpr double kHolderCheckSeconds = 2;
 constexpr double kStuckSeconds = 60;
 
-pid_t cached_pid;
 pthread_once_t pid_once = PTHREAD_ONCE_INIT;
 
-void refresh_pid() { cached_pid = getpid(); }
+void refresh_pid() { __atomic_store_n(&mmf_cached_pid, getpid(), __ATOMIC_RELAXED); }
 void setup_pid() {
   refresh_pid();
   pthread_atfork(nullptr, nullptr, refresh_pid);
@@ -63,10 +63,6 @@ int64_t lock_backoff(int64_t round) {
   return ns;
 }
 
-bool in_progress_last_is_me(mmf *m) {
-  uint32_t c = __atomic_load_n(&m->unlock_in_progress_cnt, __ATOMIC_ACQUIRE);
-  return c > 0 && c <= MMF_MAX_UNLOCK_IN_PROGRESS && pthread_equal(m->unlock_in_progress[c - 1], pthread_self());
-}
 
 void note_contention(mmf *m, uint32_t rounds, int64_t waited) {
   mmf_shared_info_t *si = m->shared_info;
@@ -99,9 +95,11 @@ void mmf_sleep_ns(int64_t ns) {
   }
 }
 
-pid_t mmf_pid(void) {
+pid_t mmf_cached_pid;
+
+pid_t mmf_pid_slow(void) {
   pthread_once(&pid_once, setup_pid);
-  return cached_pid;
+  return mmf_cached_pid;
 }
 
 double mmf_time_scale(void) {
@@ -179,33 +177,88 @@ bool mmf_holder_alive(const mmf *m, pid_t pid) {
   return pid == mmf_pid() || maps_file(m, pid);
 }
 
-void mmf_lock(mmf *m) {
-  while (m->closing && !pthread_equal(m->closing_thread, pthread_self())) usleep(10000);
-  mmf_shared_info_t *si = m->shared_info;
-  uint32_t *word = &si->lockerpid;
-  uint32_t me = static_cast<uint32_t>(mmf_pid());
-  uint32_t seen = __atomic_load_n(word, __ATOMIC_ACQUIRE);
-  if (seen == me) {
-    if (m->locker_cnt == 0) {
-      // Our own release has not reached the word yet.
-      if (pthread_equal(m->locker_thread, pthread_self())) {
-        si->lock_after_unlock_hits++;
-        m->locker_cnt++;
-        return;
-      }
-      if (in_progress_last_is_me(m)) {
-        si->unlock_in_progress_hits++;
-        m->locker_thread = pthread_self();
-        m->locker_cnt++;
-        return;
-      }
-    } else if (pthread_equal(m->locker_thread, pthread_self())) {
-      si->recursive_lock_count++;
-      if (m->locker_cnt + 1 > si->deepest_recursion) si->deepest_recursion = m->locker_cnt + 1;
-      m->locker_cnt++;
-      return;
-    }
+namespace {
+
+// The handle this thread is releasing, between clearing locker_thread and
+// swapping the word to 0: a signal handler that locks the same file in that
+// window knows the word for its own. A handler may nest another release, so
+// each release restores what it found.
+__attribute__((tls_model("initial-exec"))) thread_local mmf *releasing;
+
+// Crash points armed, or the variable not read yet.
+inline bool crashpoints_live() {
+#if TVX_CRASHPOINTS
+  return __atomic_load_n(&tvx_crashpoint_state, __ATOMIC_RELAXED) != 0;
+#else
+  return false;
+#endif
+}
+
+// pthread_self, cached: the library call costs as much as the rest of an
+// uncontended lock. A fork child's thread keeps its parent thread's id.
+__attribute__((tls_model("initial-exec"))) thread_local pthread_t self_cache;
+inline pthread_t self() {
+  pthread_t t = self_cache;
+  if (__builtin_expect(t == pthread_t(), 0)) self_cache = t = pthread_self();
+  return t;
+}
+
+// The rare end of an uncontended lock: a multiple of 1000 locks.
+__attribute__((noinline)) void lock_report(mmf *m, uint64_t n) {
+  if (m->meminfo_offset >= 0 && (n % 1000000 == 0 || mmf_meminfo_wanted(m))) meminfo_mmf_update(m);
+}
+
+// What a lock does once the word is this thread's: the bookkeeping, kept off
+// the compare-and-swap path's critical instructions.
+inline void acquired(mmf *m, mmf_shared_info_t *si) {
+  TVX_CRASHPOINT("mmf_lock_taken");
+  MMF_ASSERT(__atomic_load_n(&m->locker_cnt, __ATOMIC_RELAXED) == 0);
+  m->locker_thread = self();
+  __atomic_store_n(&m->locker_cnt, 1u, __ATOMIC_RELAXED);
+  uint64_t n = ++si->lock_count;
+  m->lock_count++;
+  if (__builtin_expect(n % 1000 == 0, 0)) lock_report(m, n);
+  if (__builtin_expect(debug_mask != 0, 0) && (mmf_debug() & MMF_DEBUG_CHECK_FIRST_NODE) &&
+      si->magic == MMF_MAGIC_READY) {
+    const mmf_node_header_t *node = mmf_node_at(m, si->first_alloc_offset);
+    MMF_ASSERT(node->len);
+    MMF_ASSERT(node->offset);
+    MMF_ASSERT(node->user_offset);
   }
+}
+
+// The word names this process: this thread holds it already, or is between
+// the steps of its own release (interrupted by a handler that locks). True
+// when the lock was granted that way.
+bool own_word(mmf *m, mmf_shared_info_t *si) {
+  uint32_t cnt = __atomic_load_n(&m->locker_cnt, __ATOMIC_RELAXED);
+  bool mine = pthread_equal(m->locker_thread, self());
+  if (cnt == 0) {
+    if (mine) {  // the count reached 0, locker_thread not yet cleared
+      si->lock_after_unlock_hits++;
+      __atomic_store_n(&m->locker_cnt, 1u, __ATOMIC_RELAXED);
+      return true;
+    }
+    if (releasing == m) {  // locker_thread cleared, the word not yet swapped
+      si->unlock_in_progress_hits++;
+      m->locker_thread = self();
+      __atomic_store_n(&m->locker_cnt, 1u, __ATOMIC_RELAXED);
+      return true;
+    }
+    return false;
+  }
+  if (!mine) return false;
+  si->recursive_lock_count++;
+  if (cnt + 1 > si->deepest_recursion) si->deepest_recursion = cnt + 1;
+  __atomic_store_n(&m->locker_cnt, cnt + 1, __ATOMIC_RELAXED);
+  return true;
+}
+
+// The word is not free: recursion, our own release in progress, or another
+// holder to wait for (and to take over from if it died).
+__attribute__((noinline)) void lock_contended(mmf *m, mmf_shared_info_t *si, uint32_t me, uint32_t seen) {
+  uint32_t *word = &si->lockerpid;
+  if (seen == me && own_word(m, si)) return;
   uint32_t rounds = 0;
   int64_t waited = 0;
   double start = 0, next_check = 0;
@@ -216,7 +269,7 @@ void mmf_lock(mmf *m) {
       start = mmf_now();
       next_check = start + mmf_scaled(kHolderCheckSeconds);
     }
-    uint32_t holder = __atomic_load_n(word, __ATOMIC_ACQUIRE);
+    uint32_t holder = expect;
     if (holder == 0) {
       si->free_while_checking++;
       rounds++;
@@ -234,9 +287,10 @@ void mmf_lock(mmf *m) {
       if (now >= next_check) {
         next_check = now + mmf_scaled(kHolderCheckSeconds);
         if (!mmf_holder_alive(m, static_cast<pid_t>(holder)) && take_from_dead(m, word, holder, me)) {
+          TVX_CRASHPOINT("mmf_lock_takeover");
           // Released at once, so the next round competes fairly for it.
-          m->locker_thread = pthread_self();
-          m->locker_cnt = 1;
+          m->locker_thread = self();
+          __atomic_store_n(&m->locker_cnt, 1u, __ATOMIC_RELAXED);
           mmf_unlock(m);
         }
       }
@@ -244,38 +298,98 @@ void mmf_lock(mmf *m) {
     waited += lock_backoff(rounds);
     rounds++;
   }
-  MMF_ASSERT(m->locker_cnt == 0);
-  m->locker_thread = pthread_self();
-  m->locker_cnt++;
   if (rounds) note_contention(m, rounds, waited);
-  si->lock_count++;
-  m->lock_count++;
-  if (mmf_debug() & MMF_DEBUG_CHECK_FIRST_NODE && si->magic == MMF_MAGIC_READY) {
-    const mmf_node_header_t *n = mmf_node_at(m, si->first_alloc_offset);
-    MMF_ASSERT(n->len);
-    MMF_ASSERT(n->offset);
-    MMF_ASSERT(n->user_offset);
-  }
+  acquired(m, si);
 }
 
+__attribute__((noinline)) void wait_while_closing(mmf *m) {
+  while (m->closing && !pthread_equal(m->closing_thread, pthread_self())) usleep(10000);
+}
+
+// Everything mmf_lock does, for the calls that leave the fast path.
+__attribute__((noinline)) void lock_slow(mmf *m) {
+  if (m->closing) wait_while_closing(m);
+  mmf_shared_info_t *si = m->shared_info;
+  uint32_t me = static_cast<uint32_t>(mmf_pid());
+  uint32_t expect = 0;
+  if (__atomic_compare_exchange_n(&si->lockerpid, &expect, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+    acquired(m, si);
+  else
+    lock_contended(m, si, me, expect);
+}
+
+
+// The release of the word once the count reached 0. Between clearing
+// locker_thread and the swap this thread may be interrupted and lock
+// again: `releasing` lets it know the word for its own.
+inline void release_word(mmf *m, mmf_shared_info_t *si, uint32_t me, bool with_crashpoint) {
+  si->unlock_count++;
+  mmf *outer = releasing;
+  releasing = m;
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);  // a handler sees releasing before the cleared thread
+  m->locker_thread = pthread_t();
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  if (with_crashpoint) TVX_CRASHPOINT("mmf_unlock_release");
+  uint32_t expect = me;
+  if (!__atomic_compare_exchange_n(&si->lockerpid, &expect, 0, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
+    si->release_misses++;
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);
+  releasing = outer;
+}
+
+__attribute__((noinline)) void unlock_slow(mmf *m);
+
+}  // namespace
+
+// The uncontended path is one compare-and-swap with the cached pid and no
+// call: anything unusual (the handle closing, the pid or thread id not
+// cached yet, crash points armed or not yet read, debug switches, the word
+// not free) leaves for the slow path, which does the same and more.
+void mmf_lock(mmf *m) {
+  mmf_shared_info_t *si = m->shared_info;
+  uint32_t me = static_cast<uint32_t>(__atomic_load_n(&mmf_cached_pid, __ATOMIC_RELAXED));
+  pthread_t t = self_cache;
+  if (__builtin_expect(m->closing || !me || t == pthread_t() || debug_mask != 0 || crashpoints_live(), 0))
+    return lock_slow(m);
+  uint32_t expect = 0;
+  if (__builtin_expect(
+          !__atomic_compare_exchange_n(&si->lockerpid, &expect, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED), 0))
+    return lock_contended(m, si, me, expect);
+  MMF_ASSERT(__atomic_load_n(&m->locker_cnt, __ATOMIC_RELAXED) == 0);
+  m->locker_thread = t;
+  __atomic_store_n(&m->locker_cnt, 1u, __ATOMIC_RELAXED);
+  uint64_t n = ++si->lock_count;
+  m->lock_count++;
+  if (__builtin_expect(n % 1000 == 0, 0)) lock_report(m, n);
+}
+
+// Only the holding thread changes locker_cnt and locker_thread (other
+// threads of the process read them), so the release is one
+// compare-and-swap of the word, as the lock is.
 void mmf_unlock(mmf *m) {
+  mmf_shared_info_t *si = m->shared_info;
+  uint32_t me = static_cast<uint32_t>(__atomic_load_n(&mmf_cached_pid, __ATOMIC_RELAXED));
+  pthread_t t = self_cache;
+  uint32_t cnt = __atomic_load_n(&m->locker_cnt, __ATOMIC_RELAXED);
+  if (__builtin_expect(!me || t == pthread_t() || cnt == 0 || crashpoints_live() ||
+                           __atomic_load_n(&si->lockerpid, __ATOMIC_RELAXED) != me ||
+                           !pthread_equal(m->locker_thread, t), 0))
+    return unlock_slow(m);
+  __atomic_store_n(&m->locker_cnt, cnt - 1, __ATOMIC_RELAXED);
+  if (cnt == 1) release_word(m, si, me, false);
+}
+
+namespace {
+// Everything mmf_unlock does, with its checks and the crash point.
+void unlock_slow(mmf *m) {
   mmf_shared_info_t *si = m->shared_info;
   uint32_t *word = &si->lockerpid;
   uint32_t me = static_cast<uint32_t>(mmf_pid());
-  MMF_ASSERT((__atomic_load_n(word, __ATOMIC_ACQUIRE) == me) && pthread_equal(m->locker_thread, pthread_self()));
-  MMF_ASSERT(m->locker_cnt);
-  MMF_ASSERT(m->unlock_in_progress_cnt < MMF_MAX_UNLOCK_IN_PROGRESS);
-  if (__atomic_sub_fetch(&m->locker_cnt, 1, __ATOMIC_ACQ_REL) != 0) return;
-  si->unlock_count++;
-  // Between clearing locker_thread and the swap this thread may be
-  // interrupted and lock again; the in-progress list lets it know itself.
-  uint32_t slot = __atomic_fetch_add(&m->unlock_in_progress_cnt, 1, __ATOMIC_ACQ_REL);
-  m->unlock_in_progress[slot] = pthread_self();
-  m->locker_thread = pthread_t();
-  MMF_ASSERT(m->unlock_in_progress_cnt);
-  uint32_t expect = me;
-  if (!__atomic_compare_exchange_n(word, &expect, 0, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
-    si->release_misses++;
-  if (pthread_equal(m->unlock_in_progress[slot], pthread_self())) m->unlock_in_progress[slot] = pthread_t();
-  __atomic_sub_fetch(&m->unlock_in_progress_cnt, 1, __ATOMIC_ACQ_REL);
+  MMF_ASSERT((__atomic_load_n(word, __ATOMIC_RELAXED) == me) && pthread_equal(m->locker_thread, self()));
+  uint32_t cnt = __atomic_load_n(&m->locker_cnt, __ATOMIC_RELAXED);
+  MMF_ASSERT(cnt);
+  __atomic_store_n(&m->locker_cnt, cnt - 1, __ATOMIC_RELAXED);
+  if (cnt == 1) release_word(m, si, me, true);
 }
+
+}  // namespace

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "internal.h"
+#include "mmf/crashpoint.h"
 #include "platform/path.h"
 
 int mmf_open_errno;
@@ -146,8 +147,20 @@ bool map_header(mmf *m) {
   }
   if (size > m->max_bytes) m->max_bytes = size;
   if (m->single_mapping ? !map_whole(m, size) : !map_header_only(m)) return false;
-  mmf_shared_info_t *si = m->shared_info;
   mmf_lock(m);
+  // The size as it is now, under the lock: a process that grew the file
+  // since the fstat above has stored its current_bytes as well, and is no
+  // sign of damage. Judged by the stale size, the file would be rebuilt
+  // under the feet of the processes using it.
+  if (!fresh && fstat(m->fd, &st) == 0 && st.st_size > size) {
+    if (m->single_mapping && !mmf_remap_to(m, st.st_size)) {
+      mmf_unlock(m);
+      return false;
+    }
+    size = st.st_size;
+    if (size > m->max_bytes) m->max_bytes = size;
+  }
+  mmf_shared_info_t *si = m->shared_info;
   if (fresh) {
     si->magic = 0;
     si->current_bytes = static_cast<uint64_t>(size);
@@ -191,6 +204,7 @@ void initialise(mmf *m, uint32_t n, const uint32_t *sizes) {
   memset(si->reserved, 0, sizeof si->reserved);
   si->init_pid = static_cast<uint32_t>(mmf_pid());
   __atomic_store_n(&si->magic, MMF_MAGIC_INIT, __ATOMIC_RELEASE);
+  TVX_CRASHPOINT("mmf_init_marked");
   si->version = MMF_VERSION;
   si->header_size = MMF_HEADER_SIZE;
   mmf_set_allocation_info(si, n, sizes);
@@ -208,6 +222,7 @@ void initialise(mmf *m, uint32_t n, const uint32_t *sizes) {
   // size, and its walk must reach current_bytes.
   mmf_add_free_space(m, si->first_alloc_offset, si->current_bytes);
   si->alloc_count = si->free_count = 0;
+  TVX_CRASHPOINT("mmf_init_built");
   if (!m->single_mapping) mmf_unmap_regions(m);
   __atomic_store_n(&si->magic, MMF_MAGIC_READY, __ATOMIC_RELEASE);
 }
@@ -245,9 +260,10 @@ void mmf_sem_remove(void) {
   if (id >= 0) semctl(id, 0, IPC_RMID);
 }
 
-bool mmf_remap(mmf *m) {
+bool mmf_remap(mmf *m) { return mmf_remap_to(m, static_cast<int64_t>(m->shared_info->current_bytes)); }
+
+bool mmf_remap_to(mmf *m, int64_t want) {
   if (!m->single_mapping) return true;  // regions are mapped on demand
-  int64_t want = static_cast<int64_t>(m->shared_info->current_bytes);
   if (want == m->mapped_bytes) return true;
   // Never map past the end of the file: a touch there is SIGBUS.
   struct stat st;
@@ -377,6 +393,12 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
     if (made) unlink(path.c_str());
     return nullptr;
   }
+  // Every open file has its record in the memory report; the report is
+  // opened here, with no lock held, and never reports itself.
+  if (strcmp(name, MEMINFO_NAME) == 0)
+    m->meminfo_offset = -1;
+  else if (meminfo_handle(true))
+    meminfo_mmf_update(m);
   return m;
 }
 
@@ -396,6 +418,7 @@ mmf *mmf_open_existing(const char *name) {
   mmf *m = static_cast<mmf *>(calloc(1, sizeof(mmf)));
   m->fd = fd;
   m->fatal = 0;  // a tool reports damage, it does not die of it
+  m->meminfo_offset = -1;  // nor does a tool report
   m->mmap_flags = MAP_SHARED;
   m->page_size = static_cast<uint32_t>(getpagesize());
   m->name = strdup(name);

@@ -4,8 +4,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "mmf/meminfo.h"
 #include "platform/path.h"
 
 const uint32_t MmfTest::kSizes[3] = {64, 256, 1024};
@@ -16,12 +19,31 @@ void MmfTest::SetUp() {
   root_ = tmpl;
   tvx_path_set_root(root_.c_str());
   setenv("TAVOX_ROOT", root_.c_str(), 1);
+  // No test may write a real core: a waiter that judges a holder stuck runs
+  // gcore, and a core of a sanitizer process runs to gigabytes. A fake
+  // gcore that records its arguments comes first on PATH, and cores are off.
+  std::string bin = root_ + "/bin";
+  ASSERT_EQ(mkdir(bin.c_str(), 0755), 0);
+  FILE *f = fopen((bin + "/gcore").c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fprintf(f, "#!/bin/sh\necho \"$@\" >> %s/gcore.log\n", root_.c_str());
+  fclose(f);
+  chmod((bin + "/gcore").c_str(), 0755);
+  const char *path = getenv("PATH");
+  setenv("PATH", (bin + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
+  rlimit none = {0, 0};
+  setrlimit(RLIMIT_CORE, &none);
   // A death test's child dies holding the lock; the parent takes it over
   // after the holder check, 20 ms here instead of 2 s.
   mmf_set_time_scale(0.01);
 }
 
 void MmfTest::TearDown() {
+  struct stat st;
+  if (!gcore_expected_) {
+    EXPECT_NE(stat((root_ + "/gcore.log").c_str(), &st), 0) << "a holder was judged stuck";
+  }
+  meminfo_close();
   mmf_sem_remove();
   std::error_code ec;
   std::filesystem::remove_all(root_, ec);

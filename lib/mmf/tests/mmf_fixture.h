@@ -24,6 +24,9 @@ class MmfTest : public ::testing::Test {
   void poke(uint64_t off, const void *p, size_t n, const char *name = "/mfs/var/t/heap") const;
 
   std::string root_;
+  // A test that means a holder to be judged stuck; any other that ran the
+  // (fake) gcore fails: a live holder was taken for stuck.
+  bool gcore_expected_ = false;
 
  public:
   static const uint32_t kSizes[3];

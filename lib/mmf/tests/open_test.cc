@@ -151,6 +151,53 @@ TEST_F(Open, FileResizedBehindTheHeadersBackIsRebuiltAtItsSize) {
   mmf_close(m);
 }
 
+// An opener sizes the file, then waits for the lock while another process
+// grows it: the size it took before waiting is stale, not a sign of damage,
+// and the file in use must not be rebuilt under its users.
+TEST_F(Open, GrowthWhileAnOpenerWaitsForTheLockIsNoMismatch) {
+  mmf_set_time_scale(1);  // this process holds the word while the child starts: never judged stuck
+  for (bool single : {true, false}) {
+    SCOPED_TRACE(single ? "single mapping" : "region mode");
+    mmf_unlink("/mfs/var/t/heap");
+    auto open_it = [&] {
+      return single ? open() : mmf_create("/mfs/var/t/heap", 1 << 20, 64 << 10, 64 << 10, false, 16 << 10, 4, 3,
+                                          kSizes, 0, nullptr);
+    };
+    mmf *m = open_it();
+    ASSERT_NE(m, nullptr);
+    off_t a;
+    void *p = mmf_alloc(m, 100, &a);
+    ASSERT_NE(p, nullptr);
+    memset(p, 0x5a, 100);
+    uint32_t inits = m->shared_info->init_calls;
+    mmf_lock(m);
+    pid_t child = fork();
+    if (child == 0) {
+      mmf *c = open_it();  // blocks on the word after sizing and mapping the file
+      _exit(c && mmf_valid(c, false) ? 0 : 1);
+    }
+    // The opener maps the file just before it asks for the lock.
+    while (__atomic_load_n(&m->shared_info->last_mapper_pid, __ATOMIC_ACQUIRE) != static_cast<uint32_t>(child))
+      usleep(1000);
+    ASSERT_TRUE(mmf_grow(m));
+    mmf_unlock(m);
+    int st;
+    ASSERT_EQ(waitpid(child, &st, 0), child);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+    EXPECT_EQ(m->shared_info->init_calls, inits);
+    uint64_t current = m->shared_info->current_bytes;  // packed: copied, not bound
+    EXPECT_EQ(current, 128u << 10);
+    EXPECT_TRUE(mmf_valid(m, false));
+    ASSERT_TRUE(mmf_validate_user_offset(m, a, false));
+    const mmf_node_header_t *n = mmf_node_validate(m, a - mmf_node_header_bytes);
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(n->flags & MMF_FLAG_FREE, 0u);
+    auto *q = static_cast<uint8_t *>(mmf_user_ptr(m, a, 100));
+    EXPECT_EQ(std::count(q, q + 100, 0x5a), 100);
+    mmf_close(m);
+  }
+}
+
 TEST_F(Open, LockHeldByADeadProcessAtOpenIsTakenOver) {
   mmf_set_time_scale(0.001);
   mmf *m = open();

@@ -68,10 +68,12 @@ bool next_record(rtslib_cookie *c, uint8_t **buf, uint32_t *len, int *bad, int *
   return *err == 0;
 }
 
+}  // namespace
+
 // Reads until the answer to `request` comes: records that answer something
 // else are dropped (see answers()). A record that does not decode may have
 // been anything; its error is the result only when no answer follows.
-int read_answer(rtslib_cookie *c, const rts_msg_hdr &request, void **answer) {
+int rtslib::read_answer(rtslib_cookie *c, const rts_msg_hdr &request, void **answer) {
   *answer = nullptr;
   int bad = 0;
   for (;;) {
@@ -97,6 +99,8 @@ int read_answer(rtslib_cookie *c, const rts_msg_hdr &request, void **answer) {
     rtslib_msg_idl_release(c, msg);
   }
 }
+
+namespace {
 
 // Sends the record and, for get and getnext, reads its answer into *result.
 template <class R>

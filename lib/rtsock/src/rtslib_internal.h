@@ -30,6 +30,13 @@ int take_record(rtslib_cookie *c, uint8_t **block, uint32_t *length);
 // The sequence check of a raw reply: false after reporting a mismatch.
 bool raw_seq_ok(rtslib_cookie *c, uint32_t seq);
 
+// Reads until the answer to `request` (type, sequence number, operation)
+// comes, dropping whatever else is queued in front of it; 0 or an errno value.
+int read_answer(rtslib_cookie *c, const rts_msg_hdr &request, void **answer);
+
+// The pending tables' part of rtslib_close.
+void pending_release(rtslib_cookie *c);
+
 // Whether a decoded reply is the answer to `request`: same type, sequence
 // number and operation. Anything else (the reply to a request that timed
 // out, a notification) is never handed out as its answer.

@@ -100,6 +100,8 @@ rtslib_cookie *rtslib_open(uint8_t sender_id) {
 
 void rtslib_close(rtslib_cookie *c) {
   if (!c) return;
+  if (c->async_release) c->async_release(c);
+  pending_release(c);
   if (c->fd >= 0) edge().lo_close(edge().lo_ctx, c->fd);
   release(RTSLIB_MEM_MSG, c->version_info);
   release(RTSLIB_MEM_READBUF, c->read_buffer);
@@ -118,11 +120,18 @@ int rtslib_set_buffers(rtslib_cookie *c, int send_size, int receive_size) {
     rtslib_log(c, RTSLIB_LOG_ERROR, "Attempted  to set an invalid receive buffer size %d", receive_size);
     return EINVAL;
   }
+  // Bulk async reads take several messages at once: room for them.
+  if (c->async && (c->async_mode & RTSLIB_ASYNC_BULK) &&
+      (send_size < 0x80000 || receive_size < 0x80000)) {
+    rtslib_log(c, RTSLIB_LOG_ERROR, "Attempted to set an invalid buffer size(send size: %d, recv size: %d)",
+               send_size, receive_size);
+    return EINVAL;
+  }
   const rts_lower_ops &e = edge();
   if (e.lo_setopt(e.lo_ctx, c->fd, SOL_SOCKET, SO_SNDBUF, &send_size, sizeof send_size) < 0 ||
       e.lo_setopt(e.lo_ctx, c->fd, SOL_SOCKET, SO_RCVBUF, &receive_size, sizeof receive_size) < 0)
     return errno;
-  if (c->rbuf && (c->sync_mode & RTS_SYNC_BULK_ENABLE)) {
+  if (c->rbuf && ((c->sync_mode & RTS_SYNC_BULK_ENABLE) || c->async)) {
     void *p = mem.realloc(RTSLIB_MEM_MSG, c->rbuf, static_cast<size_t>(receive_size));
     if (!p) {
       rtslib_log(c, RTSLIB_LOG_ERROR, "%s: Failed to re-allocate rbuf %s", "rtslib_set_buffers",

@@ -34,6 +34,7 @@ struct FakePeer {
   std::deque<Msg> queue;                 // to the client
   std::vector<Msg> written;              // what the client wrote
   std::map<int, Msg> options;            // route-socket options set
+  std::map<int, int> option_sets;        // how many times each was set
   std::map<int, int> option_errno;       // route-socket options that fail, with this errno
   std::map<int, int> socket_options;     // SO_SNDBUF, SO_RCVBUF
   uint32_t bulk_status[3] = {};
@@ -111,6 +112,7 @@ struct FakePeer {
       cur->socket_options[name] = x;
       return 0;
     }
+    cur->option_sets[name]++;
     if (cur->option_errno.count(name)) return fail(cur->option_errno[name]);
     auto *b = static_cast<const uint8_t *>(v);
     cur->options[name] = Msg(b, b + len);

@@ -45,6 +45,25 @@ void start_pool_cleaner(void) {
 }
 constexpr task_mem_pool_job_ops kPoolOps = {start_pool_cleaner};
 
+// The trace library prepares a call site by asking how many arguments each
+// %z extension takes; the formatter's registry knows. The non-asserting
+// look-up: a letter nobody registered fails the site, not the process here.
+int zext_lookup(int letter, int argcount, int *code, int *value2, int *family) {
+  unsigned c = 0, v = 0, f = 0;
+  if (argcount < 0 || task_fmt_zext_try(letter, static_cast<unsigned>(argcount), &c, &v, &f) != 0) return -1;
+  *code = static_cast<int>(c);
+  *value2 = static_cast<int>(v);
+  *family = static_cast<int>(f);
+  return 0;
+}
+int zgf_lookup(int gf, int *code, int *value) {
+  unsigned c = 0, v = 0;
+  if (gf < 0 || task_fmt_zgf(static_cast<unsigned>(gf), &c, &v) != 0) return -1;
+  *code = static_cast<int>(c);
+  *value = static_cast<int>(v);
+  return 0;
+}
+
 }  // namespace
 
 task_utime task_now;
@@ -114,6 +133,7 @@ void task_kernel_init_early(void) {
   // when compiled (%t, %A, ...): they are rendered by its formatter too.
   ztrace_set_printf(task_fmt_snprintf, task_fmt_fprintf, task_fmt_sprintf, task_fmt_vsprintf, task_fmt_vsnprintf,
                     task_fmt_vfprintf);
+  ztrace_set_format_lookups(zext_lookup, zgf_lookup);
   if (!task_memory_is_up()) task_memory_init(nullptr);
   tvcfull *full = &task_var_main_context;
   full->tvcfull_tasks = &main_base;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <vector>
 
 #include "fixture.h"
 
@@ -10,6 +11,7 @@ namespace tt {
 namespace {
 
 std::string got;
+std::vector<task *> made;  // deleted after each case, so no registration outlives it
 void rd(task *tp) {
   char c;
   while (read(tp->task_socket, &c, 1) == 1) got += c;
@@ -31,6 +33,7 @@ task *reader(const char *name, int fd, uint32_t flags) {
   tp->task_socket = fd;
   task_set_recv(tp, rd);
   task_create(tp);
+  made.push_back(tp);
   return tp;
 }
 
@@ -40,6 +43,10 @@ class Queues : public Kernel {
     Kernel::SetUp();
     task_evq.wait = task_evq_default.wait;
     got.clear();
+  }
+  void TearDown() override {
+    for (task *tp : made) task_delete(tp);
+    made.clear();
   }
 };
 

@@ -12,6 +12,8 @@
 #include "task/io.h"
 #include "sockaddr/families.h"
 #include "sockaddr/zsockaddr.h"
+#include "format/task_fmt.h"
+#include "trace/trace.h"
 
 namespace tt {
 namespace {
@@ -307,6 +309,28 @@ TEST_F(Kernel, QuitWithinQuitAborts) {
   ctx.app_quit_hook = quit_again;
   task_set_task_app_ctx(&ctx);
   EXPECT_DEATH(__task_quit__(0), "!recursed");
+}
+
+}  // namespace
+}  // namespace tt
+
+namespace tt {
+namespace {
+
+// A trace call site with a %z extension counts its arguments from the
+// formatter's registry, so two-value extensions render in trace lines too.
+TEST_F(Kernel, TraceCallSitesCountExtensionArgumentsFromTheFormatter) {
+  auto render = [](char *buf, size_t, const zsock_fmt_value *, int) -> const char * { return buf; };
+  task_fmt_register_ext('w', render, 31, 0, 0, 7);  // a second value: two arguments
+  task_fmt_register_ext('x', render, 32, 0, 0, 0);
+  const ztrace_backend &b = trace_app_ctx->backend;
+  ztrace_callsite two{}, one{}, unknown{};
+  ASSERT_EQ(b.ztask_ztrace_fmtinit(&two, "a %zw b %d", "f.cc", "fn", 1), 0);
+  EXPECT_EQ(two.zcs_seg[0].zs_argcount, 2);
+  EXPECT_EQ(two.zcs_next, 2);
+  ASSERT_EQ(b.ztask_ztrace_fmtinit(&one, "%zx", "f.cc", "fn", 2), 0);
+  EXPECT_EQ(one.zcs_seg[0].zs_argcount, 1);
+  EXPECT_NE(b.ztask_ztrace_fmtinit(&unknown, "%zy", "f.cc", "fn", 3), 0) << "a letter nobody registered";
 }
 
 }  // namespace

@@ -131,6 +131,16 @@ void ztrace_set_printf(int (*snp)(char *, size_t, const char *, ...), int (*fp)(
 }
 
 void ztrace_set_time(const char *(*fn)(uint32_t *usec)) { trace_app_ctx->time_string = fn; }
+
+void ztrace_set_format_lookups(int (*zext)(int, int, int *, int *, int *), int (*zgf)(int, int *, int *)) {
+  ztrace_app_ctx *c = trace_app_ctx;
+  if (c == &builtin && !builtin_backend_set) {
+    ztrace_backend_reset(c);  // or trace_init's first reset would undo this
+    builtin_backend_set = true;
+  }
+  c->backend.ztask_ztrace_zext = zext;
+  c->backend.ztask_ztrace_zgf = zgf;
+}
 void ztrace_set_progname(const char *name) { trace_app_ctx->progname = name; }
 
 void ztrace_set_syslog_mode(int mode) { ctx().syslog_mode = mode; }

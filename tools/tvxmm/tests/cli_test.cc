@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <string>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "mmf_fixture.h"
 
@@ -74,6 +75,25 @@ TEST_F(Cli, DamageIsReportedAndLeftInPlace) {
   auto after = bytes();  // the header keeps the walk's statistics: compare the heap
   EXPECT_EQ(std::vector<uint8_t>(before.begin() + 0x1000, before.end()),
             std::vector<uint8_t>(after.begin() + 0x1000, after.end()));
+}
+
+TEST_F(Cli, MeminfoListsOpenFilesAndSetsReporting) {
+  EXPECT_EQ(tvxmm("meminfo").rc, 1);  // no report yet under this root
+  mmf *m = open();
+  ASSERT_NE(m, nullptr);
+  auto r = tvxmm("meminfo");
+  EXPECT_EQ(r.rc, 0) << r.out;
+  EXPECT_NE(r.out.find("meminfo version 1: 1 records"), std::string::npos) << r.out;
+  std::string line = "mmf /mfs/var/t/heap pid " + std::to_string(getpid()) + " current 65536 max 1048576";
+  EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("reporting"), std::string::npos);
+  EXPECT_EQ(tvxmm("meminfo report /mfs/var/t/heap on").rc, 0);
+  EXPECT_NE(tvxmm("meminfo").out.find(" reporting"), std::string::npos);
+  r = tvxmm("meminfo report /mfs/var/t/none on");
+  EXPECT_EQ(r.rc, 1);
+  EXPECT_NE(r.out.find("no record in the memory report"), std::string::npos) << r.out;
+  EXPECT_EQ(tvxmm("meminfo report /mfs/var/t/heap maybe").rc, 2);
+  mmf_close(m);
 }
 
 TEST_F(Cli, MissingFileAndUsageErrors) {

@@ -1,8 +1,9 @@
 // IPC connections: a message connection between two daemons on a stream
-// socket, over a message pipe (ipc/ipc_pipe.h). This header has the client's
-// creation and connect: an asynchronous Unix-domain connect on either event
-// system (the event library of ipc/ev.h or the task kernel, exactly one
-// given), retried every 2 seconds up to a limit, and the identification
+// socket, over a message pipe (ipc/ipc_pipe.h). This header has the client
+// (the server is ipc/ipcconn_server.h): an asynchronous Unix-domain or TCP
+// connect on either event system (the event library of ipc/ev.h or the task
+// kernel, exactly one given), retried every 2 seconds up to a limit, or a
+// synchronous one on a blocking socket with no event system; the identification
 // message the client sends first (type 0x417, subtype 0xFFFE, 12 bytes:
 // app-id, pid, instance-id as 32-bit numbers in host order); sending with a
 // queue behind a full socket, thresholds by priority and back-pressure
@@ -21,6 +22,7 @@
 // LOG_DEBUG (0xFF07); ipcconn_set_log_hook takes them instead.
 #pragma once
 
+#include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -74,6 +76,8 @@ enum { IPCCONN_RETRY_FOREVER = 1000, IPCCONN_RETRY_INTERVAL_SEC = 2 };
 enum { IPCCONN_BUFSIZE_DEFAULT = 0xFFFF, IPCCONN_READ_BUDGET_DEFAULT = 1000 };
 
 struct ipcconn_client;
+struct ipcconn_server;
+struct ipcconn_session;
 typedef void (*ipcconn_client_event_fn)(ipcconn_client *clnt, int event, void *cookie);
 typedef int (*ipcconn_client_msg_fn)(ipcconn_client *clnt, uint8_t *space, uint32_t overhead, ipc_msg *msg,
                                      void *cookie);
@@ -86,7 +90,9 @@ struct ipcconn_client_params {
   ipcconn_malloc_fn malloc_fn;  // null: malloc
   ipcconn_free_fn free_fn;      // null: free
   const char *local_path;       // optional: bound (0777) before connecting
-  const char *peer_path;
+  const char *peer_path;        // Unix-domain clients
+  in_addr_t tcp_addr;           // TCP clients: the server's address, network order
+  uint16_t tcp_port;            // TCP clients: host order
   ipcconn_client_event_fn event_cb;
   ipcconn_client_msg_fn msg_cb;
   void *cookie;
@@ -133,6 +139,7 @@ struct ipcconn_client {
   __evConnID pclient_connect_id;
   task_timer *pclient_timer;   // the retry timer under the task kernel
   task_job *pclient_job;       // a connect's report or the delayed free
+  task_job *pclient_redispatch;  // messages already read, after reading is turned on again
   uint32_t pclient_flags;
   uint8_t pclient_read_active, pclient_write_active, pclient_timer_active, pclient_connect_active;
   uint32_t app_id, pid, instance_id;
@@ -143,9 +150,12 @@ struct ipcconn_client {
   uint16_t interop_type;
   int32_t pclient_socket;
   ipc_pipe *pclient_pipe;
+  ipc_pipe *pclient_retired_pipe;  // dropped inside a callback: freed once it returns
   sockaddr_un local_addr, peer_addr;
+  sockaddr_in tcp_peer;  // the peer of a TCP client
   uint8_t has_local;
   uint8_t addr_kind;
+  uint8_t sync;  // a synchronous client: blocking socket, no event system
   ipcconn_client_event_fn event_cb;
   ipcconn_client_msg_fn msg_cb;
   ipcconn_malloc_fn malloc_fn;
@@ -176,17 +186,62 @@ struct ipcconn_func {
   int (*schedule_delayed_free)(ipcconn_client *clnt);
   // Drops what the event system holds for the client (at close).
   void (*release)(ipcconn_client *clnt);
+
+  // The server's side: listen() and watch the socket for connections
+  // (accepted ones reach ipcconn_server_accept), or for a datagram server
+  // its session's reads; and what the event system holds for the server.
+  int (*listen)(ipcconn_server *server, int backlog);
+  void (*server_release)(ipcconn_server *server);
+  // A session's registration with the event system, before any of the rest.
+  int (*session_attach)(ipcconn_session *session);
+  int (*set_session_read_ready)(ipcconn_session *session);
+  int (*clear_session_read_ready)(ipcconn_session *session);
+  int (*set_session_write_ready)(ipcconn_session *session);
+  int (*clear_session_write_ready)(ipcconn_session *session);
+  bool (*server_is_write_ready_active)(const ipcconn_session *session);
+  // The keep-alive tick, every seconds until the session goes.
+  int (*session_timer_start)(ipcconn_session *session, uint32_t seconds);
+  int (*session_schedule_delayed_free)(ipcconn_session *session);
+  void (*session_release)(ipcconn_session *session);
 };
 extern const ipcconn_func ipcconn_func_ev;
 extern const ipcconn_func ipcconn_func_task;
+// The synchronous client's: blocking calls, no registrations, no retry timer.
+extern const ipcconn_func ipcconn_func_sync;
 // The table the client runs on.
 const ipcconn_func *ipcconn_client_func(const ipcconn_client *clnt);
+const ipcconn_func *ipcconn_server_func(const ipcconn_server *server);
 
 // An asynchronous Unix-domain client (non-blocking stream socket). Null,
 // after an error line, for a wrong choice of event system, a missing or too
 // long path (over 107 bytes after the root), no memory, or a connect that
 // failed at once with no retry left.
 ipcconn_client *ipcconn_uds_client_connect(const ipcconn_client_params *params);
+// The same over TCP to tcp_addr:tcp_port (TCP_NODELAY set: messages are
+// sent as they come).
+ipcconn_client *ipcconn_tcp_client_create(const ipcconn_client_params *params);
+
+// Synchronous clients: a blocking socket and no event system (ev_context and
+// ptask are not used, nor the callbacks). connect() is tried up to the retry
+// limit + 1 times in a row, without waiting between rounds (1000: 1001
+// tries); the identification message goes before the call returns. Null
+// when no try succeeded.
+ipcconn_client *ipcconn_uds_client_connect_sync(const ipcconn_client_params *params);
+ipcconn_client *ipcconn_tcp_client_connect(const ipcconn_client_params *params);
+// Sends the whole message before returning: 0; -101 as for
+// ipcconn_client_send; -103 when the socket failed (errno says why).
+int ipcconn_client_send_sync(ipcconn_client *clnt, uint32_t subtype, const void *buf, uint32_t length);
+// Waits for the next message (at most rcv_timeout seconds when one was
+// given): its payload length, with *msg in the client's read buffer until
+// the next call; messages of another type and error reports are skipped as
+// the asynchronous client skips them. -101 not a synchronous client or
+// closed; -105 the peer closed; -106 a read failed (errno EAGAIN: the time-out).
+int ipcconn_client_recv_sync(ipcconn_client *clnt, ipc_msg **msg);
+
+// Read-ready on and off for an asynchronous client: 0, or -1 after an error line.
+int ipcconn_client_enable_msg_callbacks(ipcconn_client *clnt);
+int ipcconn_client_disable_msg_callbacks(ipcconn_client *clnt);
+
 // Closes the client; from inside one of its callbacks the record is freed
 // once the callback has returned. Events stop at once.
 void ipcconn_client_close(ipcconn_client *clnt);

@@ -143,7 +143,6 @@ constexpr uint32_t mmf_node_bytes = 52;
 #define MMF_FLAG_SHARED 0x2u        // copied to the header at initialisation
 #define MMF_FLAG_COMMON_RESIZE 0x4u // the common block may be resized at open
 #define MMF_NO_ALLOC_MASK 0x3Au     // any of these bits forbids allocation
-#define MMF_MAX_UNLOCK_IN_PROGRESS 10
 
 // Debug switches (TVX_MMF_DEBUG, a number).
 #define MMF_DEBUG_VALIDATE_ALLOC 0x1u
@@ -192,10 +191,8 @@ struct mmf {
   uint64_t local_frees;
   uint8_t fatal;                   // validation failures assert while set
   volatile uint8_t closing;
-  pthread_t locker_thread;
-  uint32_t locker_cnt;
-  uint32_t unlock_in_progress_cnt;
-  pthread_t unlock_in_progress[MMF_MAX_UNLOCK_IN_PROGRESS];
+  pthread_t locker_thread;          // written by the holding thread only
+  uint32_t locker_cnt;             // likewise; other threads of the process read both
   pthread_t closing_thread;
   mmf_region_slot *region_table;   // region mode: one slot per region
   mmf_map_entry *entries;          // max_mapped_regions of them
@@ -206,6 +203,7 @@ struct mmf {
   uint64_t wait_ns;
   uint32_t last_valid_iters;
   uint32_t last_valid_seconds;
+  int64_t meminfo_offset;          // this file's record in the memory report; -1 never reported
   bool allocs_allowed;
   int64_t reserved_bytes;          // address space kept for the file to grow into in place
 };

@@ -37,7 +37,7 @@ enum : int {
   RTS_OPT_LOOPBACK_MASK = 6,  // 8 bytes
   RTS_OPT_ASYNC_MODE = 7,     // 4 bytes
   RTS_OPT_SLAVE_MODE = 8,     // 4 bytes
-  RTS_OPT_FILTER = 10,        // accepted, kept, not applied
+  RTS_OPT_FILTER = 10,        // the record of a compiled filter (rts_filter.h)
   RTS_OPT_ROUTE_VETO = 15,    // 4 bytes
   RTS_OPT_SYNC_MODE = 24,     // 4 bytes: bit 0 bulk
   RTS_OPT_BULK_ERROR = 25,    // get, 12 bytes: errno, messages accepted, messages in the batch

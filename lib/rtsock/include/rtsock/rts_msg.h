@@ -446,19 +446,110 @@ struct rts_raw_hdr {
 static_assert(sizeof(rts_raw_hdr) == 28);
 static_assert(offsetof(rts_raw_hdr, length) == 8);
 
-// Interface statistics, types 15 (device) and 16 (logical), version 99/100.
+// ---- Interface statistics, types 15 (device) and 16 (logical) ------------------
+// Raw records, version 99 and 100. A request is the fixed part alone, with
+// the index; the answer is the fixed part, then from ifsm_var_off:
+//   the name (ifsm_name_len bytes with its NUL), padded to 4;
+//   the current section: ifsm_cur_count 64-bit counters (slots below), padded to 4;
+//   the baseline section: ifsm_base_count counters, their values at the last
+//     clear (none when the interface was never cleared), padded to 4;
+//   TLVs up to hdr.length: u16 type, u16 length of the value, the value, the
+//     next TLV at the value's start + ((length + 3) & ~3); a length of 0 ends them.
+// Counters and 64-bit values sit on 4-byte boundaries: read them with memcpy.
+// rts_ifstats.h finds and builds these parts.
 struct rts_ifstats_msg {
-  rts_raw_hdr hdr;
-  uint32_t ifsm_index;
-  uint32_t ifsm_reserved;
-  uint64_t ifsm_ipackets;
-  uint64_t ifsm_ibytes;
-  uint64_t ifsm_opackets;
-  uint64_t ifsm_obytes;
-  uint64_t ifsm_ierrors;
-  uint64_t ifsm_oerrors;
+  rts_raw_hdr hdr;          // 0x00
+  uint16_t ifsm_var_off;    // 0x1C: where the variable data starts, from the record's start
+  uint8_t ifsm_flags;       // 0x1E: RTS_IFSM_*
+  uint8_t ifsm_name_len;    // 0x1F
+  uint8_t ifsm_cur_count;   // 0x20: counters in the current section
+  uint8_t ifsm_base_count;  // 0x21: counters in the baseline section
+  uint8_t ifsm_media;       // 0x22: the interface's media type (RTS_MEDIA_*)
+  uint8_t ifsm_reserved;
+  uint32_t ifsm_index;      // 0x24: device or logical index
+  uint16_t ifsm_link_type;  // 0x28
+  uint16_t ifsm_reserved2;
+  uint64_t ifsm_ibps;       // 0x2C: rates, bits and packets per second
+  uint64_t ifsm_ipps;
+  uint64_t ifsm_obps;
+  uint64_t ifsm_opps;
+  uint64_t ifsm_clear_time; // 0x4C: seconds since the epoch of the last clear, 0 never
 };
 static_assert(sizeof(rts_ifstats_msg) == 84);
+static_assert(offsetof(rts_ifstats_msg, ifsm_name_len) == 0x1F);
+static_assert(offsetof(rts_ifstats_msg, ifsm_cur_count) == 0x20);
+static_assert(offsetof(rts_ifstats_msg, ifsm_base_count) == 0x21);
+
+enum : uint8_t {
+  RTS_IFSM_UP = 0x1,        // administratively up
+  RTS_IFSM_LINK = 0x2,      // link up
+  RTS_IFSM_CLEARED = 0x4,   // the baseline section holds a clear
+};
+
+// Media types that tell Ethernet-like interfaces (with a link type other than
+// RTS_LINK_TYPE_NOT_ETHER): 11 to 14, 23, 31, 63, 86, 88.
+enum : uint8_t { RTS_MEDIA_ETHER = 11, RTS_MEDIA_LOOPBACK = 24, RTS_MEDIA_TUNNEL = 70 };
+constexpr uint16_t RTS_LINK_TYPE_NOT_ETHER = 0xD1;
+
+// Slots of the current and baseline sections. A device fills traffic and
+// errors; a logical interface fills traffic (locally terminated) and transit.
+enum rts_ifsm_slot : uint8_t {
+  RTS_IFSC_IBYTES, RTS_IFSC_IPACKETS, RTS_IFSC_IUCAST, RTS_IFSC_IMCAST, RTS_IFSC_IBCAST,
+  RTS_IFSC_OBYTES, RTS_IFSC_OPACKETS, RTS_IFSC_OUCAST, RTS_IFSC_OMCAST, RTS_IFSC_OBCAST,
+  RTS_IFSC_I6BYTES, RTS_IFSC_I6PACKETS, RTS_IFSC_O6BYTES, RTS_IFSC_O6PACKETS,
+  RTS_IFSC_IERRORS, RTS_IFSC_IDROPS, RTS_IFSC_IFRAMING, RTS_IFSC_IRUNTS, RTS_IFSC_IGIANTS,
+  RTS_IFSC_IDISCARDS, RTS_IFSC_IRESOURCE, RTS_IFSC_OERRORS, RTS_IFSC_ODROPS,
+  RTS_IFSC_OCOLLISIONS, RTS_IFSC_OAGED, RTS_IFSC_OMTU, RTS_IFSC_CARRIER,
+  // transit traffic of a logical interface, the same ten as the first
+  RTS_IFSC_TIBYTES, RTS_IFSC_TIPACKETS, RTS_IFSC_TIUCAST, RTS_IFSC_TIMCAST, RTS_IFSC_TIBCAST,
+  RTS_IFSC_TOBYTES, RTS_IFSC_TOPACKETS, RTS_IFSC_TOUCAST, RTS_IFSC_TOMCAST, RTS_IFSC_TOBCAST,
+  RTS_IFSC_COUNT
+};
+// The slot names ("ibytes", ... "tobcast"), as the peer's state file uses them.
+extern const char *const rts_ifsm_slot_names[RTS_IFSC_COUNT];
+
+// TLV types of the statistics message, below RTS_IFST_COUNT (487).
+constexpr uint32_t RTS_IFST_COUNT = 0x1E7;
+enum : uint16_t {
+  RTS_IFST_QUEUE = 0x20,       // per-queue counters: rts_ifst_queues, then the queues
+  RTS_IFST_QUEUE_BASE = 0x21,  // the same at the last clear
+  RTS_IFST_VOQ = 0x22,         // virtual output queues, in the same form
+  RTS_IFST_VOQ_BASE = 0x23,
+  RTS_IFST_ETHER_MAC = 0x41,   // rts_ifst_ether_mac, counters since the link came up
+  RTS_IFST_ETHER_LINK = 0x42,  // rts_ifst_ether_link
+};
+constexpr uint32_t RTS_IFST_COLORS = 4;  // drop colors of a queue
+struct rts_ifst_queues {
+  uint32_t n_queues;
+};
+struct rts_ifst_queue {
+  uint64_t queued_packets;
+  uint64_t queued_bytes;
+  uint64_t tx_packets;
+  uint64_t tx_bytes;
+  uint64_t tail_drop_packets;
+  uint64_t red_drop_packets[RTS_IFST_COLORS];
+  uint64_t red_drop_bytes[RTS_IFST_COLORS];
+};
+static_assert(sizeof(rts_ifst_queue) == 104);
+struct rts_ifst_ether_mac {
+  uint64_t in_octets, in_frames, in_ucast, in_mcast, in_bcast;
+  uint64_t in_crc_errors, in_align_errors, in_fragments, in_jabbers, in_oversized,
+      in_undersized, in_pause;
+  uint64_t out_octets, out_frames, out_ucast, out_mcast, out_bcast, out_pause;
+};
+static_assert(sizeof(rts_ifst_ether_mac) == 144);
+struct rts_ifst_ether_link {
+  uint64_t speed;         // bits per second
+  uint32_t mtu;
+  uint8_t duplex;         // 0 unknown, 1 half, 2 full
+  uint8_t autoneg;        // 0 off, 1 on, 2 complete
+  uint8_t flow_control;   // bit 0 receive, bit 1 transmit
+  uint8_t loopback;
+  uint8_t mac[6];
+  uint16_t reserved;
+};
+static_assert(sizeof(rts_ifst_ether_link) == 24);
 #pragma pack(pop)
 
 }  // extern "C"

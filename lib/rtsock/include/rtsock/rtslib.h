@@ -62,7 +62,13 @@ void rtslib_seq_error_register(rtslib_cookie *cookie, rtslib_seq_err_fn fn, void
 
 // ---- Memory hooks ----------------------------------------------------------------------
 
-enum : int { RTSLIB_MEM_READBUF = 7, RTSLIB_MEM_COOKIE = 8, RTSLIB_MEM_MSG = 76, RTSLIB_MEM_IDS = 80 };
+enum : int {
+  RTSLIB_MEM_ASYNC = 6,
+  RTSLIB_MEM_READBUF = 7,
+  RTSLIB_MEM_COOKIE = 8,
+  RTSLIB_MEM_MSG = 76,
+  RTSLIB_MEM_IDS = 80,
+};
 struct rtslib_mem_hooks {
   void *(*alloc)(int memid, size_t size);
   void *(*alloc_array)(int memid, size_t count, size_t size);  // zeroed
@@ -83,6 +89,17 @@ void rtslib_mem_hooks_set(const rtslib_mem_hooks *hooks);
 // ---- The handle --------------------------------------------------------------------------
 
 enum : uint32_t { RTS_SYNC_BULK_ENABLE = 0x1 };
+// Async mode bits (rtslib_set_async_mode): on, several messages per read,
+// the select through the caller's own loop.
+enum : uint32_t { RTSLIB_ASYNC_ON = 0x1, RTSLIB_ASYNC_BULK = 0x400, RTSLIB_ASYNC_EXTERNAL = 0x4000 };
+
+// Blob compression for generic configuration (rtslib_gencfg.h), given by the
+// caller with zlib's compress/uncompress signature: 0 on success, *dst_len in
+// is the room and out the bytes written.
+typedef int (*rtslib_compress_fn)(uint8_t *dst, unsigned long *dst_len, const uint8_t *src,
+                                  unsigned long src_len);
+
+struct rtslib_pending;
 
 struct rtslib_cookie {
   int fd;                  // -1 when not connected
@@ -103,6 +120,18 @@ struct rtslib_cookie {
   size_t wbuf_size;
   uint8_t *rbuf, *rbuf_pos, *rbuf_last;
   size_t rbuf_size;
+  // Asynchronous events (rtslib_async.h): the mode bits, the most reads of
+  // one rtslib_async_event_process, and the async side's part of rtslib_close.
+  uint32_t async_mode;
+  uint32_t read_limit;
+  void (*async_release)(rtslib_cookie *cookie);
+  // Generic configuration (rtslib_gencfg.h): the caller's compression.
+  rtslib_compress_fn compress_fn;
+  rtslib_compress_fn decompress_fn;
+  // Pending route additions by address (rtslib_gencfg.h), and the private
+  // socket that acknowledges route additions; null until first used.
+  rtslib_pending *pending;
+  rtslib_cookie *ack;
 };
 
 // Bytes of the last message written.

@@ -276,6 +276,10 @@ void ztrace_set_printf(int (*snp)(char *, size_t, const char *, ...), int (*fp)(
                        int (*vsnp)(char *, size_t, const char *, va_list),
                        int (*vfp)(FILE *, const char *, va_list));
 void ztrace_set_time(const char *(*time_string)(uint32_t *usec));
+// The formatter's extension look-ups (backend.ztask_ztrace_zext and _zgf),
+// kept across the first trace_init of the built-in context.
+void ztrace_set_format_lookups(int (*zext)(int letter, int argcount, int *code, int *value2, int *family),
+                               int (*zgf)(int gf, int *code, int *value));
 void ztrace_set_progname(const char *name);
 
 // Checks the context (magic, printf family), makes it the one in force,
