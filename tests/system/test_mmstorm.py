@@ -105,18 +105,23 @@ def test_writer_killed_at_crash_point(storm, point, region):
     elif point == "mmf_lock_takeover":
         # One writer dies holding the word; the other dies taking it over;
         # two more take it over from that one in turn.
-        waits += storm.wait(storm.writers(["mmf_alloc_done:60", spec], region))
+        # One after the other, so that the second always finds a dead holder.
+        waits += storm.wait(storm.writers(["mmf_alloc_done:60"], region))
+        waits += storm.wait(storm.writers([spec], region))
         waits += storm.wait(storm.writers([None, None], region))
     else:
         # The survivors open the file first: an opener that comes after a
         # writer died inside a growth finds the file longer than its header
         # and rebuilds it, under the feet of its users (the platform's rule).
-        # Growth points run with enough live blocks to grow several times.
-        live = 400 if point.startswith("mmf_grow") else 64
-        survivors = storm.writers([None, None], region, live=live)
+        # At a growth point the survivors keep few blocks, so that the file
+        # stays within its first size for them, and the armed writer alone
+        # keeps enough to need the growth it dies in, whoever runs first.
+        grow = point.startswith("mmf_grow")
+        survivors = storm.writers([None, None], region, live=64)
         for _, p in survivors:
             assert p.stdout.readline().endswith(": open\n")
-        waits += storm.wait(storm.writers([spec], region, live=live) + survivors)
+        armed = storm.writers([spec], region, live=2000 if grow else 64, ops=4000 if grow else 1500)
+        waits += storm.wait(armed + survivors)
 
     r = storm.check(region)
     out = r.stdout
