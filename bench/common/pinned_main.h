@@ -7,16 +7,21 @@
 #include <benchmark/benchmark.h>
 #include <sched.h>
 
-#define TVX_BENCH_PINNED_MAIN()                            \
-  int main(int argc, char **argv) {                        \
-    cpu_set_t allowed, one;                                \
-    CPU_ZERO(&one);                                        \
-    int first = 0;                                         \
-    if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) \
-      while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &allowed)) first++; \
-    CPU_SET(first, &one);                                  \
-    sched_setaffinity(0, sizeof one, &one);                \
-    benchmark::Initialize(&argc, argv);                    \
-    benchmark::RunSpecifiedBenchmarks();                   \
-    benchmark::Shutdown();                                 \
+// Pins the calling thread to the first CPU it may use.
+inline void tvx_bench_pin_first_cpu() {
+  cpu_set_t allowed, one;
+  CPU_ZERO(&one);
+  int first = 0;
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0)
+    while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &allowed)) first++;
+  CPU_SET(first, &one);
+  sched_setaffinity(0, sizeof one, &one);
+}
+
+#define TVX_BENCH_PINNED_MAIN()             \
+  int main(int argc, char **argv) {         \
+    tvx_bench_pin_first_cpu();              \
+    benchmark::Initialize(&argc, argv);     \
+    benchmark::RunSpecifiedBenchmarks();    \
+    benchmark::Shutdown();                  \
   }

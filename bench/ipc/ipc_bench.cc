@@ -29,8 +29,8 @@
 #include <string>
 
 #include <benchmark/benchmark.h>
-#include <sched.h>
 #include <zmq.h>
+#include "../common/pinned_main.h"
 #include "ipc/ipcconn.h"
 #include "ipc/ipcconn_server.h"
 #include "task/sched.h"
@@ -345,13 +345,7 @@ int main(int argc, char **argv) {
   if (!mkdtemp(root)) return 1;
   sock_path = std::string(root) + "/peer.sock";
   signal(SIGPIPE, SIG_IGN);
-  cpu_set_t allowed, one;
-  CPU_ZERO(&one);
-  int first = 0;
-  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0)
-    while (first < CPU_SETSIZE - 1 && !CPU_ISSET(first, &allowed)) first++;
-  CPU_SET(first, &one);
-  sched_setaffinity(0, sizeof one, &one);
+  tvx_bench_pin_first_cpu();
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

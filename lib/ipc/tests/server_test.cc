@@ -56,6 +56,11 @@ int on_msg(ipcconn_session *s, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
   return m->subtype == 99 ? -1 : 0;  // 99: the application refuses
 }
 
+// The messages an ipcconn client of these tests received.
+struct Back {
+  std::vector<std::string> msgs;
+};
+
 class Server : public Io, public ::testing::WithParamInterface<bool> {
  protected:
   __evContext ev{};
@@ -97,6 +102,20 @@ class Server : public Io, public ::testing::WithParamInterface<bool> {
   ipcconn_server *create() {
     seen.srv = ipcconn_uds_server_create(&params);
     return seen.srv;
+  }
+  // An ipcconn client on the same event system, its messages kept in back.
+  ipcconn_client_params client_params(Back *back, uint32_t app_id, uint32_t pid) {
+    ipcconn_client_params cp{};
+    cp.ev_context = params.ev_context;
+    cp.ptask = params.ptask;
+    cp.msg_cb = [](ipcconn_client *, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
+      static_cast<Back *>(cookie)->msgs.push_back(std::string(reinterpret_cast<char *>(ipc_msg_payload(m)), m->length));
+      return 0;
+    };
+    cp.cookie = back;
+    cp.app_id = app_id;
+    cp.pid = pid;
+    return cp;
   }
   // A peer's connected socket, bound to a name when one is given.
   int peer(const std::string &name = "") {
@@ -515,20 +534,9 @@ TEST_P(Server, CreationRefusesWhatItCannotUse) {
 TEST_P(Server, AnIpcconnClientIdentifiesAndTalks) {
   ipcconn_server *srv = create();
   ASSERT_NE(srv, nullptr);
-  struct Back {
-    std::vector<std::string> msgs;
-  } back;
-  ipcconn_client_params cp{};
-  cp.ev_context = params.ev_context;
-  cp.ptask = params.ptask;
+  Back back;
+  ipcconn_client_params cp = client_params(&back, 21, 2121);
   cp.peer_path = path.c_str();
-  cp.msg_cb = [](ipcconn_client *, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
-    static_cast<Back *>(cookie)->msgs.push_back(std::string(reinterpret_cast<char *>(ipc_msg_payload(m)), m->length));
-    return 0;
-  };
-  cp.cookie = &back;
-  cp.app_id = 21;
-  cp.pid = 2121;
   ipcconn_client *c = ipcconn_uds_client_connect(&cp);
   ASSERT_NE(c, nullptr);
   EXPECT_EQ(ipcconn_client_send(c, 1, "ping", 4, IPCCONN_MSG_PRIORITY_LOW), 0);  // queued while connecting
@@ -551,21 +559,10 @@ TEST_P(Server, OverTcp) {
   ASSERT_NE(srv, nullptr);
   uint16_t port = ntohs(reinterpret_cast<sockaddr_in *>(&srv->addr)->sin_port);
   ASSERT_NE(port, 0);
-  struct Back {
-    std::vector<std::string> msgs;
-  } back;
-  ipcconn_client_params cp{};
-  cp.ev_context = params.ev_context;
-  cp.ptask = params.ptask;
+  Back back;
+  ipcconn_client_params cp = client_params(&back, 31, 3131);
   cp.tcp_addr = htonl(INADDR_LOOPBACK);
   cp.tcp_port = port;
-  cp.msg_cb = [](ipcconn_client *, uint8_t *, uint32_t, ipc_msg *m, void *cookie) {
-    static_cast<Back *>(cookie)->msgs.push_back(std::string(reinterpret_cast<char *>(ipc_msg_payload(m)), m->length));
-    return 0;
-  };
-  cp.cookie = &back;
-  cp.app_id = 31;
-  cp.pid = 3131;
   ipcconn_client *c = ipcconn_tcp_client_create(&cp);
   ASSERT_NE(c, nullptr);
   EXPECT_EQ(ipcconn_client_send(c, 1, "over tcp", 8, IPCCONN_MSG_PRIORITY_LOW), 0);
