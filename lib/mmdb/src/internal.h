@@ -1,0 +1,87 @@
+// What the sources of the database library share.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "mmdb/mmdb.h"
+
+[[noreturn]] void mmdb_assert_fail(const char *expr, const char *file, int line);
+#define MMDB_ASSERT(e) ((e) ? (void)0 : mmdb_assert_fail(#e, __FILE__, __LINE__))
+// A chain that cannot be trusted: the database is marked invalid and the
+// process ends, as for any broken invariant.
+[[noreturn]] void mmdb_assert_corruption(mmdb *db, const char *what, int line);
+
+struct mmdb {
+  mmdb_params p;
+  uint32_t id;
+  mmf *hash, *data;
+  mmdb_hash_header_t *hdr;
+  mmdb_bucket_t *buckets;        // bucket_count + 1 slots; the last is the database-wide lock
+  uint8_t invalid;
+  uint32_t cookie_bytes;         // 8 where acknowledgements are on
+  volatile uint8_t closing;
+  pthread_t closing_thread;
+  mmdb_iterator *iter;           // the process's one iterator of this database
+  uint64_t locks;                // process-local count, for the memory report
+  FILE *log;
+};
+
+// A record's fields through memcpy-free access: records are packed to 4.
+inline mmdb_record_t *mmdb_rec(mmdb *db, uint64_t off, size_t len) {
+  return static_cast<mmdb_record_t *>(mmf_user_ptr(db->data, static_cast<off_t>(off), len));
+}
+inline uint8_t *mmdb_rec_key(mmdb_record_t *e) { return reinterpret_cast<uint8_t *>(e + 1); }
+inline uint8_t *mmdb_rec_value(mmdb *db, mmdb_record_t *e) {
+  return mmdb_rec_key(e) + e->keylen + db->cookie_bytes;
+}
+inline size_t mmdb_rec_len(mmdb *db, const mmdb_record_t *e) {
+  return MMDB_RECORD_BYTES + e->keylen + db->cookie_bytes + e->capacity;
+}
+inline uint64_t mmdb_load64(const uint64_t *p) {
+  uint64_t v;
+  memcpy(&v, p, 8);
+  return v;
+}
+
+// Bucket locks (lock.cc). Recursive per thread; the database-wide slot first
+// when the database asks for it.
+void mmdb_lock_bucket(mmdb *db, uint32_t b);
+void mmdb_unlock_bucket(mmdb *db, uint32_t b);
+// Clears the slots of dead holders, repairing their buckets.
+void mmdb_lock_clean(mmdb *db);
+// Drops the records a dead writer left half-written in bucket b (locked).
+void mmdb_repair_bucket(mmdb *db, uint32_t b);
+
+// Lookup (record.cc): the record's offset with its bucket locked and its
+// predecessor's offset (0: the bucket head), or 0 with the bucket unlocked.
+uint64_t mmdb_find(mmdb *db, const void *key, uint32_t keylen, uint32_t *bucket, uint64_t *prev);
+// Unlinks and frees a record of a locked bucket.
+void mmdb_unlink(mmdb *db, uint32_t b, uint64_t off, uint64_t prev);
+
+// Change messages (replicate.cc): to every replicator that wants them. A
+// message that cannot be queued marks the replicator's slot so that it
+// rescans. Called with the record's bucket locked, so that the messages of
+// one key are queued in the order of its changes.
+void mmdb_send_change(mmdb *db, const void *key, uint32_t keylen, bool del);
+// Every replicator that wants messages rescans (a dead writer's bucket).
+void mmdb_mark_lost(mmdb *db);
+// Dead slots, and message slots of processes that are not the replicator.
+void mmdb_clear_replicators(mmdb *db, bool closing);
+uint32_t mmdb_queue_number(uint32_t id, uint32_t slot);
+uint32_t mmdb_queue_receive(uint32_t queue, void *buf, uint32_t room);
+
+// The log (log.cc), a line per operation while MMDB_DEBUG_LOG is on.
+void mmdb_log(mmdb *db, const mmdb_record_t *e, uint32_t oper, const void *key, uint32_t keylen, int line);
+
+// The registry (registry.cc).
+void mmdb_registry_store(const mmdb_params *p);
+
+// Seconds of the cross-process waits, scaled as mmf's are.
+inline double mmdb_scaled(double s) { return s * mmf_time_scale(); }
+void mmdb_sleep_us(int64_t us);
+double mmdb_now(void);
