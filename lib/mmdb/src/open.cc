@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cinttypes>
+#include <set>
 
 #include "internal.h"
 #include "mmf/crashpoint.h"
@@ -266,6 +267,7 @@ int mmdb_verify_chains(mmdb *db, char *why, size_t whylen) {
     mmdb_lock_bucket(db, b);
     uint64_t off = mmdb_load64(&db->buckets[b].head);
     uint64_t n = 0;
+    std::set<std::string> keys;
     while (off) {
       mmdb_record_t *e = mmf_validate_user_offset(db->data, static_cast<off_t>(off), false)
                              ? mmdb_rec(db, off, MMDB_RECORD_BYTES)
@@ -284,6 +286,10 @@ int mmdb_verify_chains(mmdb *db, char *why, size_t whylen) {
         bad = "bucket %u: record at %" PRIu64 " hashes elsewhere";
       else if (++n > 1000000)
         bad = "bucket %u: chain too long at %" PRIu64;
+      else if (!keys.emplace(reinterpret_cast<const char *>(mmdb_rec_key(mmdb_rec(db, off, MMDB_RECORD_BYTES + e->keylen))),
+                             e->keylen)
+                    .second)
+        bad = "bucket %u: record at %" PRIu64 " repeats a key";
       if (bad) {
         mmdb_unlock_bucket(db, b);
         return fail(bad, b, off);
