@@ -32,8 +32,15 @@ struct mmdb {
 };
 
 // A record's fields through memcpy-free access: records are packed to 4.
+// In single mapping a record inside this process's mapping is reached
+// directly: its own offset, checked by every chain walk, is what proves it;
+// anything else (region mode, a file grown by another process, an offset out
+// of bounds) goes through mmf_user_ptr and its node checks.
 inline mmdb_record_t *mmdb_rec(mmdb *db, uint64_t off, size_t len) {
-  return static_cast<mmdb_record_t *>(mmf_user_ptr(db->data, static_cast<off_t>(off), len));
+  mmf *m = db->data;
+  if (m->single_mapping && off >= mmf_node_header_bytes && off + len <= static_cast<uint64_t>(m->mapped_bytes))
+    return reinterpret_cast<mmdb_record_t *>(reinterpret_cast<char *>(m->shared_info) + off);
+  return static_cast<mmdb_record_t *>(mmf_user_ptr(m, static_cast<off_t>(off), len));
 }
 inline uint8_t *mmdb_rec_key(mmdb_record_t *e) { return reinterpret_cast<uint8_t *>(e + 1); }
 inline uint8_t *mmdb_rec_value(mmdb *db, mmdb_record_t *e) {

@@ -33,8 +33,23 @@ inline uint64_t self() {
   return self_id;
 }
 
-// The pid is read per lock: a fork child must not take its parent's locks for its own.
-inline uint32_t me() { return static_cast<uint32_t>(getpid()); }
+// The pid, cached and refreshed in a fork child: a child must not take its
+// parent's locks for its own, and getpid is a system call.
+uint32_t cached_pid;
+pthread_once_t pid_once = PTHREAD_ONCE_INIT;
+void refresh_pid() { __atomic_store_n(&cached_pid, static_cast<uint32_t>(getpid()), __ATOMIC_RELAXED); }
+void setup_pid() {
+  refresh_pid();
+  pthread_atfork(nullptr, nullptr, refresh_pid);
+}
+inline uint32_t me() {
+  uint32_t p = __atomic_load_n(&cached_pid, __ATOMIC_RELAXED);
+  if (__builtin_expect(p == 0, 0)) {
+    pthread_once(&pid_once, setup_pid);
+    p = __atomic_load_n(&cached_pid, __ATOMIC_RELAXED);
+  }
+  return p;
+}
 
 void note_wait(mmdb *db, uint32_t rounds, int64_t waited_ns) {
   mmdb_lock_stats_t &s = db->hdr->lock;
