@@ -67,6 +67,9 @@ void mmdb_repair_bucket(mmdb *db, uint32_t b);
 // Lookup (record.cc): the record's offset with its bucket locked and its
 // predecessor's offset (0: the bucket head), or 0 with the bucket unlocked.
 uint64_t mmdb_find(mmdb *db, const void *key, uint32_t keylen, uint32_t *bucket, uint64_t *prev);
+// mmdb_find, the whole record mapped; null (bucket unlocked) on a miss.
+mmdb_record_t *mmdb_find_record(mmdb *db, const void *key, uint32_t keylen, uint32_t *bucket, uint64_t *prev,
+                                uint64_t *off);
 // Unlinks and frees a record of a locked bucket.
 void mmdb_unlink(mmdb *db, uint32_t b, uint64_t off, uint64_t prev);
 

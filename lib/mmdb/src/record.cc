@@ -79,6 +79,12 @@ bool bad_key(mmdb *db, const void *key, uint32_t keylen) {
   return !key || keylen == 0 || keylen > db->p.max_key;
 }
 
+// What every call on a key checks first.
+int precheck(mmdb *db, const void *key, uint32_t keylen) {
+  if (db->invalid) return MMDB_CORRUPT;
+  return bad_key(db, key, keylen) ? MMDB_INVALID_ARG : MMDB_SUCCESS;
+}
+
 }  // namespace
 
 uint64_t mmdb_find(mmdb *db, const void *key, uint32_t keylen, uint32_t *bucket, uint64_t *prev) {
@@ -103,6 +109,14 @@ uint64_t mmdb_find(mmdb *db, const void *key, uint32_t keylen, uint32_t *bucket,
   }
   mmdb_unlock_bucket(db, b);
   return 0;
+}
+
+mmdb_record_t *mmdb_find_record(mmdb *db, const void *key, uint32_t keylen, uint32_t *bucket, uint64_t *prev,
+                                uint64_t *off) {
+  *off = mmdb_find(db, key, keylen, bucket, prev);
+  if (!*off) return nullptr;
+  mmdb_record_t *e = mmdb_rec(db, *off, MMDB_RECORD_BYTES + keylen);
+  return mmdb_rec(db, *off, mmdb_rec_len(db, e));
 }
 
 void mmdb_unlink(mmdb *db, uint32_t b, uint64_t off, uint64_t prev) {
@@ -182,14 +196,11 @@ int mmdb_put(mmdb *db, const void *key, uint32_t keylen, const void *data, uint3
 
 int mmdb_get(mmdb *db, const void *key, uint32_t keylen, void *buf, uint32_t *len, uint32_t *replen) {
   if (!db || !len) return MMDB_INVALID_ARG;
-  if (db->invalid) return MMDB_CORRUPT;
-  if (bad_key(db, key, keylen)) return MMDB_INVALID_ARG;
+  if (int st = precheck(db, key, keylen)) return st;
   uint32_t b;
-  uint64_t prev;
-  uint64_t off = mmdb_find(db, key, keylen, &b, &prev);
-  if (!off) return MMDB_NOT_FOUND;
-  mmdb_record_t *e = mmdb_rec(db, off, MMDB_RECORD_BYTES + keylen);
-  e = mmdb_rec(db, off, mmdb_rec_len(db, e));
+  uint64_t prev, off;
+  mmdb_record_t *e = mmdb_find_record(db, key, keylen, &b, &prev, &off);
+  if (!e) return MMDB_NOT_FOUND;
   int st = MMDB_SUCCESS;
   if (*len < e->datalen || (e->datalen && !buf))
     st = MMDB_BUFFER_TOO_SMALL;
@@ -203,8 +214,7 @@ int mmdb_get(mmdb *db, const void *key, uint32_t keylen, void *buf, uint32_t *le
 
 int mmdb_delete(mmdb *db, const void *key, uint32_t keylen) {
   if (!db) return MMDB_INVALID_ARG;
-  if (db->invalid) return MMDB_CORRUPT;
-  if (bad_key(db, key, keylen)) return MMDB_INVALID_ARG;
+  if (int st = precheck(db, key, keylen)) return st;
   uint32_t b;
   uint64_t prev;
   uint64_t off = mmdb_find(db, key, keylen, &b, &prev);
@@ -221,11 +231,9 @@ int mmdb_append_replicated(mmdb *db, uint32_t keylen, const void *key, uint32_t 
   if (db->invalid) return MMDB_CORRUPT;
   if (bad_key(db, key, keylen) || len > db->p.max_replicated || (len && !data)) return MMDB_INVALID_ARG;
   uint32_t b;
-  uint64_t prev;
-  uint64_t off = mmdb_find(db, key, keylen, &b, &prev);
-  if (!off) return MMDB_NOT_FOUND;
-  mmdb_record_t *e = mmdb_rec(db, off, MMDB_RECORD_BYTES + keylen);
-  e = mmdb_rec(db, off, mmdb_rec_len(db, e));
+  uint64_t prev, off;
+  mmdb_record_t *e = mmdb_find_record(db, key, keylen, &b, &prev, &off);
+  if (!e) return MMDB_NOT_FOUND;
   uint32_t tail = e->datalen - e->replen, total = len + tail;
   if (total > db->p.max_data) {
     mmdb_unlock_bucket(db, b);
@@ -268,14 +276,11 @@ int mmdb_append_replicated(mmdb *db, uint32_t keylen, const void *key, uint32_t 
 
 int mmdb_get_dataptr(mmdb *db, const void *key, uint32_t keylen, void **data, mmdb_cookie *cookie) {
   if (!db || !data || !cookie) return MMDB_INVALID_ARG;
-  if (db->invalid) return MMDB_CORRUPT;
-  if (bad_key(db, key, keylen)) return MMDB_INVALID_ARG;
+  if (int st = precheck(db, key, keylen)) return st;
   uint32_t b;
-  uint64_t prev;
-  uint64_t off = mmdb_find(db, key, keylen, &b, &prev);
-  if (!off) return MMDB_NOT_FOUND;
-  mmdb_record_t *e = mmdb_rec(db, off, MMDB_RECORD_BYTES + keylen);
-  e = mmdb_rec(db, off, mmdb_rec_len(db, e));
+  uint64_t prev, off;
+  mmdb_record_t *e = mmdb_find_record(db, key, keylen, &b, &prev, &off);
+  if (!e) return MMDB_NOT_FOUND;
   *cookie = {b, off, e->keylen, e->replen, e->datalen, e->capacity, mmdb_rec_len(db, e), mmdb_hash(keylen, key)};
   *data = mmdb_rec_value(db, e);
   // The holder may write in place: should it die holding the reference, the

@@ -198,11 +198,8 @@ int rep_record(mmdb_iterator *it, const std::string &key, bool known_deleted, ui
   hd.op = MMDB_REP_DELETE;
   if (!known_deleted) {
     uint32_t b;
-    uint64_t prev;
-    uint64_t off = mmdb_find(db, key.data(), static_cast<uint32_t>(key.size()), &b, &prev);
-    if (off) {
-      mmdb_record_t *e = mmdb_rec(db, off, MMDB_RECORD_BYTES + key.size());
-      e = mmdb_rec(db, off, mmdb_rec_len(db, e));
+    uint64_t prev, off;
+    if (mmdb_record_t *e = mmdb_find_record(db, key.data(), static_cast<uint32_t>(key.size()), &b, &prev, &off)) {
       replen = e->replen;
       uint32_t room = db->p.transform ? db->p.max_replicated + 1024 : replen;
       rep.reset(new uint8_t[room ? room : 1]);
