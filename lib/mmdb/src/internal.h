@@ -31,6 +31,13 @@ struct mmdb {
   FILE *log;
 };
 
+// Invalid for this handle, or marked so in the file by any process (a
+// corrupt chain found by another): calls then answer 2 instead of walking
+// into the damage, until a reset.
+inline bool mmdb_is_invalid(const mmdb *db) {
+  return db->invalid || __atomic_load_n(&db->hdr->invalid, __ATOMIC_ACQUIRE);
+}
+
 // A record's fields through memcpy-free access: records are packed to 4.
 // In single mapping a record inside this process's mapping is reached
 // directly: its own offset, checked by every chain walk, is what proves it;

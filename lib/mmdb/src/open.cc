@@ -178,6 +178,12 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
     db->hdr->scan[MMDB_SCAN_VALUE_BYTES] = 0;
   }
   if (hash_new) mmdb_reset(db);
+  // A chain found corrupt by some process marked the file: the chains are
+  // checked now, and rebuilt empty when they fail, so that the damage ends
+  // here instead of killing every process that walks into it.
+  bool marked = db->hdr->invalid;
+  if (mmdb_verify(db) == MMDB_SUCCESS && marked && mmdb_verify_chains(db, nullptr, 0) != MMDB_SUCCESS)
+    mmdb_reset(db);
   if (mmdb_verify(db) != MMDB_SUCCESS) {
     mmf_destroy(db->hash);
     mmf_destroy(db->data);
@@ -343,7 +349,7 @@ int mmdb_reset(mmdb *db) {
 int mmdb_scan_all(mmdb *db, uint32_t *seen) {
   if (!db) return MMDB_INVALID_ARG;
   if (seen) *seen = 0;
-  if (db->invalid) return MMDB_CORRUPT;
+  if (mmdb_is_invalid(db)) return MMDB_CORRUPT;
   if (db->p.flags & MMDB_F_RESET_ON_RESYNC) return mmdb_reset(db);
   mmdb_log(db, nullptr, MMDB_OPER_RESYNC_PREPARE_START, nullptr, 0, __LINE__);
   memset(db->hdr->report, 0, sizeof db->hdr->report);

@@ -81,7 +81,7 @@ bool bad_key(mmdb *db, const void *key, uint32_t keylen) {
 
 // What every call on a key checks first.
 int precheck(mmdb *db, const void *key, uint32_t keylen) {
-  if (db->invalid) return MMDB_CORRUPT;
+  if (mmdb_is_invalid(db)) return MMDB_CORRUPT;
   return bad_key(db, key, keylen) ? MMDB_INVALID_ARG : MMDB_SUCCESS;
 }
 
@@ -138,7 +138,7 @@ void mmdb_unlink(mmdb *db, uint32_t b, uint64_t off, uint64_t prev) {
 int mmdb_put(mmdb *db, const void *key, uint32_t keylen, const void *data, uint32_t datalen, uint32_t capacity,
              uint32_t replen, bool must_be_new) {
   if (!db) return MMDB_INVALID_ARG;
-  if (db->invalid) return MMDB_CORRUPT;
+  if (mmdb_is_invalid(db)) return MMDB_CORRUPT;
   if (bad_key(db, key, keylen) || datalen > db->p.max_data || replen > db->p.max_replicated ||
       (datalen && !data))
     return MMDB_INVALID_ARG;
@@ -228,7 +228,7 @@ int mmdb_delete(mmdb *db, const void *key, uint32_t keylen) {
 
 int mmdb_append_replicated(mmdb *db, uint32_t keylen, const void *key, uint32_t len, const void *data) {
   if (!db) return MMDB_INVALID_ARG;
-  if (db->invalid) return MMDB_CORRUPT;
+  if (mmdb_is_invalid(db)) return MMDB_CORRUPT;
   if (bad_key(db, key, keylen) || len > db->p.max_replicated || (len && !data)) return MMDB_INVALID_ARG;
   uint32_t b;
   uint64_t prev, off;

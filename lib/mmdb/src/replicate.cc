@@ -303,7 +303,7 @@ void mmdb_iterator_delete(mmdb_iterator *it) {
 int mmdb_iterator_get_next(mmdb_iterator *it, void *key, uint32_t *keylen, void *data, uint32_t *datalen,
                            uint32_t *replen) {
   if (!it || !keylen || it->kind == MMDB_ITER_REP) return MMDB_INVALID_ARG;
-  if (it->db->invalid) return MMDB_CORRUPT;
+  if (mmdb_is_invalid(it->db)) return MMDB_CORRUPT;
   if (!load_bucket(it)) return MMDB_NO_MORE;
   const mmdb_iterator::rec &r = it->recs.front();
   bool fits = *keylen >= r.key.size() && (!datalen || *datalen >= r.value.size());
@@ -323,7 +323,7 @@ int mmdb_rep_iterator_get_next(mmdb_iterator *it, uint32_t *len, void *buf) {
     *len = 0;
     return MMDB_BUFFER_TOO_SMALL;
   }
-  if (it->db->invalid) return MMDB_CORRUPT;
+  if (mmdb_is_invalid(it->db)) return MMDB_CORRUPT;
   if (!it->scanning) return MMDB_NO_MORE;
   if (!it->start_sent) {
     it->start_sent = true;
@@ -345,7 +345,7 @@ int mmdb_rep_get_next(mmdb_iterator *it, uint32_t *len, void *buf) {
     return MMDB_BUFFER_TOO_SMALL;
   }
   mmdb *db = it->db;
-  if (db->invalid) return MMDB_CORRUPT;
+  if (mmdb_is_invalid(db)) return MMDB_CORRUPT;
   mmdb_hash_header_t *h = db->hdr;
   if (__atomic_load_n(&h->rep[it->slot].lost, __ATOMIC_ACQUIRE) != it->lost_seen ||
       __atomic_load_n(&h->resets, __ATOMIC_ACQUIRE) != it->resets_seen)

@@ -397,11 +397,38 @@ TEST_F(MmdbTest, CorruptChainAsserts) {
   auto *e = static_cast<mmdb_record_t *>(mmf_user_ptr(mmdb_data_mmf(db_), static_cast<off_t>(head), 40));
   e->next = head;  // self-linked
   EXPECT_DEATH(get_str(db_, "qbcd" /* same bucket: walks the chain */), "corrupt chain");
+  mmdb_header(db_)->invalid = 0;  // the dying child marked the file
   e->next = 0;
   e->offset = head + 8;
   EXPECT_DEATH(get_str(db_, "abcd"), "corrupt chain");
+  mmdb_header(db_)->invalid = 0;
   e->offset = head;
   EXPECT_EQ(get_str(db_, "abcd"), "v");
+}
+
+// A corrupt chain kills the process that walks into it, but marks the file:
+// others get status 2 instead of dying too, and the next open rebuilds.
+TEST_F(MmdbTest, CorruptChainMarksTheFileForEveryone) {
+  db_ = open_db(params());
+  ASSERT_NE(db_, nullptr);
+  ASSERT_EQ(put_str(db_, "abcd", "v"), MMDB_SUCCESS);
+  ASSERT_EQ(put_str(db_, "other", "w"), MMDB_SUCCESS);
+  uint32_t b = mmdb_hash(4, "abcd") % 16;
+  uint64_t bad = mmf_first_alloc_offset(mmdb_data_mmf(db_)) + 4000;  // inside some node, not a record
+  memcpy(&db_->buckets[b].head, &bad, 8);
+  EXPECT_DEATH(get_str(db_, "abcd"), "corrupt chain");
+  EXPECT_EQ(mmdb_header(db_)->invalid, 1u);
+  int st;
+  get_str(db_, "other", &st);
+  EXPECT_EQ(st, MMDB_CORRUPT);
+  EXPECT_EQ(put_str(db_, "new", "x"), MMDB_CORRUPT);
+  mmdb_close(db_);
+  db_ = open_db(params());
+  ASSERT_NE(db_, nullptr);
+  get_str(db_, "other", &st);
+  EXPECT_EQ(st, MMDB_NOT_FOUND);
+  EXPECT_EQ(put_str(db_, "new", "x"), MMDB_SUCCESS);
+  EXPECT_EQ(mmdb_verify_chains(db_, nullptr, 0), MMDB_SUCCESS);
 }
 
 TEST_F(MmdbTest, InvalidFileRefusesWritesUntilReset) {
