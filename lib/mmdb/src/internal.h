@@ -66,8 +66,9 @@ inline uint64_t mmdb_load64(const uint64_t *p) {
 // when the database asks for it.
 void mmdb_lock_bucket(mmdb *db, uint32_t b);
 void mmdb_unlock_bucket(mmdb *db, uint32_t b);
-// Clears the slots of dead holders, repairing their buckets.
-void mmdb_lock_clean(mmdb *db);
+// Clears the slots of dead holders, repairing their buckets (at open also
+// slots naming this process: stale, since it held no handle of the id).
+void mmdb_lock_clean(mmdb *db, bool at_open);
 // Drops the records a dead writer left half-written in bucket b (locked).
 void mmdb_repair_bucket(mmdb *db, uint32_t b);
 

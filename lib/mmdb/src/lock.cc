@@ -145,8 +145,15 @@ void mmdb_repair_bucket(mmdb *db, uint32_t b) {
   uint64_t prev = 0, off = mmdb_load64(&db->buckets[b].head);
   uint32_t n = 0;
   while (off) {
-    mmdb_record_t *e = mmdb_rec(db, off, MMDB_RECORD_BYTES);
-    if (!e || e->offset != off || ++n > 1000000) mmdb_assert_corruption(db, "chain", __LINE__);
+    mmdb_record_t *e = mmf_validate_user_offset(db->data, static_cast<off_t>(off), false)
+                           ? mmdb_rec(db, off, MMDB_RECORD_BYTES)
+                           : nullptr;
+    if (!e || e->offset != off || e->next == off || ++n > 1000000) {
+      // Damage, not a half-written record: the file is marked, and the next
+      // open rebuilds it.
+      __atomic_store_n(&db->hdr->invalid, uint8_t{1}, __ATOMIC_RELEASE);
+      break;
+    }
     uint64_t next = e->next;
     if (e->eflag & MMDB_EF_WRITING) {
       mmdb_log(db, e, MMDB_OPER_REMOVE_INTERNAL, nullptr, 0, __LINE__);
@@ -159,12 +166,14 @@ void mmdb_repair_bucket(mmdb *db, uint32_t b) {
   mmdb_mark_lost(db);
 }
 
-void mmdb_lock_clean(mmdb *db) {
+void mmdb_lock_clean(mmdb *db, bool at_open) {
   for (uint32_t b = 0; b <= db->p.bucket_count; b++) {
     mmdb_bucket_t *slot = &db->buckets[b];
     uint32_t holder = __atomic_load_n(&slot->pid, __ATOMIC_ACQUIRE);
-    if (!holder || mmf_holder_alive(db->hash, static_cast<pid_t>(holder))) continue;
-    if (holder == me()) continue;
+    // At open no thread of this process can hold a bucket of this database
+    // (one handle per id): a word naming this pid is stale.
+    if (!holder || (holder == me() && !at_open)) continue;
+    if (holder != me() && mmf_holder_alive(db->hash, static_cast<pid_t>(holder))) continue;
     if (!__atomic_compare_exchange_n(&slot->pid, &holder, me(), false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) continue;
     db->hdr->lock.stolen++;
     slot->thread = self();

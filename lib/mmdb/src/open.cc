@@ -31,6 +31,8 @@ pthread_mutex_t handles_mu = PTHREAD_MUTEX_INITIALIZER;
 
 const uint32_t kDefaultSizes[] = {64, 128, 256, 512, 1024, 2048, 4096};
 
+int check_chains(mmdb *db, char *why, size_t whylen, bool fix_count);
+
 // The machine-wide open lock, an open-file-description lock: unlike lockf it
 // survives the process closing another descriptor of the same file.
 int open_lock() {
@@ -153,7 +155,7 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
     hash_new = true;
     fresh_header(db);
   }
-  mmdb_lock_clean(db);
+  mmdb_lock_clean(db, true);
 
   // The data file: the caller's sizes plus the record header.
   uint32_t sizes[64];
@@ -178,12 +180,10 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
     db->hdr->scan[MMDB_SCAN_VALUE_BYTES] = 0;
   }
   if (hash_new) mmdb_reset(db);
-  // A chain found corrupt by some process marked the file: the chains are
-  // checked now, and rebuilt empty when they fail, so that the damage ends
-  // here instead of killing every process that walks into it.
-  bool marked = db->hdr->invalid;
-  if (mmdb_verify(db) == MMDB_SUCCESS && marked && mmdb_verify_chains(db, nullptr, 0) != MMDB_SUCCESS)
-    mmdb_reset(db);
+  // Every chain is walked once at open, as the mapped files' nodes are: a
+  // damaged chain (or one that some process found corrupt and marked) is
+  // rebuilt empty here, rather than killing every process that walks into it.
+  if (mmdb_verify(db) == MMDB_SUCCESS && check_chains(db, nullptr, 0, false) != MMDB_SUCCESS) mmdb_reset(db);
   if (mmdb_verify(db) != MMDB_SUCCESS) {
     mmf_destroy(db->hash);
     mmf_destroy(db->data);
@@ -263,6 +263,14 @@ int mmdb_verify(mmdb *db) {
 
 int mmdb_verify_chains(mmdb *db, char *why, size_t whylen) {
   if (!db) return MMDB_INVALID_ARG;
+  return check_chains(db, why, whylen, true);
+}
+
+namespace {
+
+// The walk of every chain; fix_count puts a record count right (only while
+// nobody writes: at open others may be writing, and the count is left be).
+int check_chains(mmdb *db, char *why, size_t whylen, bool fix_count) {
   auto fail = [&](const char *fmt, uint32_t b, uint64_t off) {
     if (why) snprintf(why, whylen, fmt, b, off);
     return MMDB_CORRUPT;
@@ -308,13 +316,15 @@ int mmdb_verify_chains(mmdb *db, char *why, size_t whylen) {
   // A writer that died between linking and counting leaves the count off by
   // one: the walk, taken while nothing changes, is the truth.
   uint32_t counted = __atomic_load_n(&db->hdr->record_count, __ATOMIC_RELAXED);
-  if (total != counted) {
+  if (fix_count && total != counted) {
     __atomic_store_n(&db->hdr->record_count, static_cast<uint32_t>(total), __ATOMIC_RELAXED);
     db->hdr->report[2]++;
     if (why) snprintf(why, whylen, "record count corrected from %u to %" PRIu64, counted, total);
   }
   return MMDB_SUCCESS;
 }
+
+}  // namespace
 
 int mmdb_reset(mmdb *db) {
   if (!db) return MMDB_INVALID_ARG;
@@ -330,7 +340,7 @@ int mmdb_reset(mmdb *db) {
     db->buckets = reinterpret_cast<mmdb_bucket_t *>(static_cast<char *>(common) + MMDB_HASH_HEADER_BYTES);
     fresh_header(db);
   }
-  mmdb_lock_clean(db);
+  mmdb_lock_clean(db, false);
   mmdb_hash_header_t *h = db->hdr;
   memset(&h->lock, 0, sizeof h->lock);
   memset(h->scan, 0, sizeof h->scan);
@@ -342,7 +352,7 @@ int mmdb_reset(mmdb *db) {
   // Replicators see the count move and start over.
   __atomic_add_fetch(&h->resets, 1u, __ATOMIC_RELEASE);
   mmf_reset(db->data);
-  mmdb_lock_clean(db);
+  mmdb_lock_clean(db, false);
   return mmdb_verify(db);
 }
 
