@@ -47,6 +47,10 @@ inline mmdb_record_t *mmdb_rec(mmdb *db, uint64_t off, size_t len) {
   mmf *m = db->data;
   if (m->single_mapping && off >= mmf_node_header_bytes && off + len <= static_cast<uint64_t>(m->mapped_bytes))
     return reinterpret_cast<mmdb_record_t *>(reinterpret_cast<char *>(m->shared_info) + off);
+  // An offset outside the heap is damage (null), not a pointer to fault on.
+  if (off < static_cast<uint64_t>(mmf_first_alloc_offset(m)) + mmf_node_header_bytes ||
+      off + len > m->shared_info->current_bytes)
+    return nullptr;
   return static_cast<mmdb_record_t *>(mmf_user_ptr(m, static_cast<off_t>(off), len));
 }
 inline uint8_t *mmdb_rec_key(mmdb_record_t *e) { return reinterpret_cast<uint8_t *>(e + 1); }
