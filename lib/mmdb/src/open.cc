@@ -155,7 +155,6 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
     hash_new = true;
     fresh_header(db);
   }
-  mmdb_lock_clean(db, true);
 
   // The data file: the caller's sizes plus the record header.
   uint32_t sizes[64];
@@ -173,6 +172,8 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
     *status = MMDB_NOMEM;
     return nullptr;
   }
+  // Locks of dead holders, once the data file is there to repair their buckets in.
+  mmdb_lock_clean(db, true);
   // A data file without allocations cannot hold the chains the buckets name.
   if (db->data->shared_info->allocated_bytes == 0) {
     for (uint32_t b = 0; b < db->p.bucket_count; b++) memset(&db->buckets[b].head, 0, 8);
