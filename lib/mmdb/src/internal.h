@@ -43,15 +43,17 @@ inline bool mmdb_is_invalid(const mmdb *db) {
 // directly: its own offset, checked by every chain walk, is what proves it;
 // anything else (region mode, a file grown by another process, an offset out
 // of bounds) goes through mmf_user_ptr and its node checks.
+// An offset that names no node (outside the heap, misaligned, no node
+// header) is damage: null, never a pointer to fault on.
 inline mmdb_record_t *mmdb_rec(mmdb *db, uint64_t off, size_t len) {
   mmf *m = db->data;
+  if (off % 4) return nullptr;
   if (m->single_mapping && off >= mmf_node_header_bytes && off + len <= static_cast<uint64_t>(m->mapped_bytes))
     return reinterpret_cast<mmdb_record_t *>(reinterpret_cast<char *>(m->shared_info) + off);
-  // An offset outside the heap is damage (null), not a pointer to fault on.
   if (off < static_cast<uint64_t>(mmf_first_alloc_offset(m)) + mmf_node_header_bytes ||
-      off + len > m->shared_info->current_bytes)
+      off + len > m->shared_info->current_bytes || !mmf_validate_user_offset(m, static_cast<off_t>(off), false))
     return nullptr;
-  return static_cast<mmdb_record_t *>(mmf_user_ptr(m, static_cast<off_t>(off), len));
+  return static_cast<mmdb_record_t *>(mmf_ensure_mapped(m, static_cast<off_t>(off), len));
 }
 inline uint8_t *mmdb_rec_key(mmdb_record_t *e) { return reinterpret_cast<uint8_t *>(e + 1); }
 inline uint8_t *mmdb_rec_value(mmdb *db, mmdb_record_t *e) {
