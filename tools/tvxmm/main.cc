@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "mmf/meminfo.h"
+#include "mmdb/mmdb.h"
 #include "mmf/mmf.h"
 #include "tvxmm.h"
 
@@ -129,6 +130,15 @@ int meminfo_show() {
     while (const meminfo_record_t *rec = meminfo_reader_next(r, t)) {
       if (t == MEMINFO_TYPE_MMF) {
         show_mmf_record(rec);
+      } else if (t == MEMINFO_TYPE_MMDB && rec->length - 16 >= sizeof(mmdb_meminfo_payload_t)) {
+        mmdb_meminfo_payload_t p;
+        memcpy(&p, meminfo_payload(rec), sizeof p);
+        p.name[sizeof p.name - 1] = 0;
+        printf("mmdb %u %s pid %u records %u buckets %u data %" PRIu64 " of %" PRIu64 " locks %" PRIu64
+               " contended %" PRIu64 " resets %u%s\n",
+               p.id, p.name, p.pid, p.record_count, p.bucket_count, static_cast<uint64_t>(p.data_current_bytes),
+               static_cast<uint64_t>(p.data_max_bytes), static_cast<uint64_t>(p.lock_count),
+               static_cast<uint64_t>(p.contended), p.resets, p.invalid ? " INVALID" : "");
       } else {
         char name[MEMINFO_NAME_BYTES + 1] = {};
         memcpy(name, meminfo_payload(rec), MEMINFO_NAME_BYTES);

@@ -28,8 +28,12 @@ struct mmdb {
   pthread_t closing_thread;
   mmdb_iterator *iter;           // the process's one iterator of this database
   uint64_t locks;                // process-local count, for the memory report
+  int64_t meminfo_offset;        // this database's record in the report, -1 none yet
   FILE *log;
 };
+
+// Writes the database's record in the memory report.
+void mmdb_meminfo_update(mmdb *db);
 
 // Invalid for this handle, or marked so in the file by any process (a
 // corrupt chain found by another): calls then answer 2 instead of walking

@@ -105,7 +105,7 @@ void lock_slot(mmdb *db, uint32_t b) {
   slot->thread = self();
   slot->cnt = 1;
   db->hdr->lock.lock_count++;
-  db->locks++;
+  if (__builtin_expect(++db->locks % 1000000 == 0, 0)) mmdb_meminfo_update(db);
   if (rounds) note_wait(db, rounds, waited);
   if (stolen) mmdb_repair_bucket(db, b);
 }

@@ -9,6 +9,7 @@
 
 #include "internal.h"
 #include "mmf/crashpoint.h"
+#include "mmf/meminfo.h"
 #include "platform/path.h"
 
 const char *const mmdb_crashpoints[] = {
@@ -105,6 +106,26 @@ void mmdb_file_name(const char *name, const char *suffix, char *out, size_t len)
   snprintf(out, len, "%s%s%s", name[0] == '/' ? "" : MMDB_DIR, name, suffix);
 }
 
+void mmdb_meminfo_update(mmdb *db) {
+  mmdb_meminfo_payload_t p = {};
+  memcpy(p.name, db->p.name, strnlen(db->p.name, sizeof p.name - 1));
+  const mmdb_hash_header_t *h = db->hdr;
+  p.id = db->id;
+  p.bucket_count = db->p.bucket_count;
+  p.record_count = h->record_count;
+  p.resets = h->resets;
+  p.data_current_bytes = db->data->shared_info->current_bytes;
+  p.data_max_bytes = db->p.max_bytes;
+  p.lock_count = h->lock.lock_count;
+  p.contended = h->lock.contended;
+  p.reps_registered = h->reps_registered;
+  p.pid = static_cast<uint32_t>(getpid());
+  p.invalid = h->invalid;
+  p.longest_key = h->longest_key;
+  p.longest_value = h->longest_value;
+  meminfo_update(MEMINFO_TYPE_MMDB, p.name, &p, sizeof p, &db->meminfo_offset);
+}
+
 mmdb *mmdb_open(const mmdb_params *params, int *status) {
   int dummy;
   if (!status) status = &dummy;
@@ -199,6 +220,8 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
   pthread_mutex_unlock(&handles_mu);
   mmdb_clear_replicators(db, false);
   mmdb_log(db, nullptr, MMDB_OPER_INIT, nullptr, 0, __LINE__);
+  db->meminfo_offset = -1;
+  mmdb_meminfo_update(db);
   mmdb_registry_store(&db->p);
   open_unlock(lockfd);
   *status = MMDB_SUCCESS;

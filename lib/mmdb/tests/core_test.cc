@@ -9,6 +9,7 @@
 
 #include "mmdb_fixture.h"
 #include "../src/internal.h"
+#include "mmf/meminfo.h"
 
 TEST(MmdbTexts, StatusAndOperations) {
   EXPECT_STREQ(mmdb_status_str(0), "mmdb: success");
@@ -558,4 +559,22 @@ TEST_F(MmdbTest, PrefixIterator) {
   }
   EXPECT_EQ(seen, (std::set<std::string>{"ab1", "ab2", "b"}));
   mmdb_iterator_delete(it);
+}
+
+TEST_F(MmdbTest, RecordInTheMemoryReport) {
+  db_ = open_db(params());
+  ASSERT_NE(db_, nullptr);
+  meminfo_reader *r = meminfo_reader_create();
+  ASSERT_NE(r, nullptr);
+  const meminfo_record_t *rec = meminfo_reader_next(r, MEMINFO_TYPE_MMDB);
+  ASSERT_NE(rec, nullptr);
+  EXPECT_EQ(rec->length, 176u + 16);
+  mmdb_meminfo_payload_t p;
+  memcpy(&p, meminfo_payload(rec), sizeof p);
+  EXPECT_STREQ(p.name, "db3");
+  EXPECT_EQ(p.id, 3u);
+  EXPECT_EQ(p.bucket_count, 16u);
+  EXPECT_EQ(p.pid, static_cast<uint32_t>(getpid()));
+  EXPECT_EQ(meminfo_reader_next(r, MEMINFO_TYPE_MMDB), nullptr);
+  meminfo_reader_delete(r);
 }

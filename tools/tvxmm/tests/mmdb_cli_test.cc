@@ -5,25 +5,9 @@
 
 #include "mmdb/mmdb.h"
 #include "mmf_fixture.h"
+#include "run_tvxmm.h"
 
 namespace {
-
-struct run_result {
-  int rc;
-  std::string out;
-};
-
-run_result tvxmm(const std::string &args) {
-  std::string cmd = std::string(TVXMM) + " " + args + " 2>&1";
-  FILE *p = popen(cmd.c_str(), "r");
-  run_result r{-1, {}};
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  int st = pclose(p);
-  r.rc = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
-}
 
 class MmdbCli : public MmfTest {
  protected:
@@ -100,6 +84,13 @@ TEST_F(MmdbCli, ShowVerifyReset) {
   EXPECT_EQ(r.rc, 0) << r.out;
   r = tvxmm("mmdb dump 7");
   EXPECT_EQ(r.out, "0 records\n");
+}
+
+TEST_F(MmdbCli, MemoryReportShowsTheDatabase) {
+  auto r = tvxmm("meminfo");
+  EXPECT_EQ(r.rc, 0);
+  EXPECT_NE(r.out.find("mmdb 7 routes pid "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(" buckets 32 "), std::string::npos) << r.out;
 }
 
 TEST_F(MmdbCli, Misuse) {

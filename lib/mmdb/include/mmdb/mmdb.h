@@ -195,6 +195,32 @@ struct mmdb_record_t {
 };
 #pragma pack(pop)
 
+// A database's record in the memory report (mmf/meminfo.h, type 3): written
+// at open and every 1,000,000 bucket locks of a handle.
+#pragma pack(push, 4)
+struct mmdb_meminfo_payload_t {
+  char name[96];
+  uint32_t id;
+  uint32_t bucket_count;
+  uint32_t record_count;
+  uint32_t resets;
+  uint64_t data_current_bytes;
+  uint64_t data_max_bytes;
+  uint64_t lock_count;
+  uint64_t contended;
+  uint8_t flags;                 // MEMINFO_REC_*, at 144 as in every record
+  uint8_t invalid;
+  uint8_t pad[2];
+  uint32_t reps_registered;
+  uint32_t pid;                  // the last writer
+  uint32_t longest_key;
+  uint32_t longest_value;
+  uint32_t spare[3];
+};
+#pragma pack(pop)
+static_assert(sizeof(mmdb_meminfo_payload_t) == 176);
+static_assert(offsetof(mmdb_meminfo_payload_t, flags) == 144);
+
 // Slots of the scan block (mmdb_hash_header_t::scan).
 enum { MMDB_SCAN_VALUE_BYTES, MMDB_SCAN_ENTRIES, MMDB_SCAN_WITH_DATA, MMDB_SCAN_KEY_BYTES, MMDB_SCAN_DATA_BYTES,
        MMDB_SCAN_REP_BYTES };
