@@ -17,28 +17,11 @@
 #include <cstring>
 #include <string>
 
+#include "../../mmf/fuzz/fuzz_root.h"
 #include "mmdb/mmdb.h"
 #include "platform/path.h"
 
 namespace {
-
-std::string root;
-
-void setup_root(void) {
-  if (!root.empty()) return;
-  char tmpl[] = "/tmp/mmdb_fuzz.XXXXXX";
-  if (!mkdtemp(tmpl)) abort();
-  root = tmpl;
-  tvx_path_set_root(root.c_str());
-  setenv("TAVOX_ROOT", root.c_str(), 1);
-  mmf_set_time_scale(0.01);
-  atexit([] {
-    mmdb_registry_close();
-    mmf_sem_remove();
-    std::string cmd = "rm -rf '" + root + "'";
-    if (system(cmd.c_str()) != 0) return;
-  });
-}
 
 mmdb_params params(void) {
   mmdb_params p = {};
@@ -82,7 +65,7 @@ void patch(const char *suffix, const uint8_t *data, size_t size, bool want_data)
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  setup_root();
+  mmf_fuzz_root("mmdb_fuzz", mmdb_registry_close);
   mmdb_remove("fuzzdb");
   mmdb_params p = params();
   int st;
