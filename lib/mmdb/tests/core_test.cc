@@ -407,6 +407,30 @@ TEST_F(MmdbTest, CorruptChainAsserts) {
   EXPECT_EQ(get_str(db_, "abcd"), "v");
 }
 
+// A chain that never ends (two records linked to each other) is walked to
+// the limit of 1,000,000 records, then ends in the corruption path.
+TEST_F(MmdbTest, EndlessChainHitsTheLimit) {
+  db_ = open_db(params());
+  ASSERT_NE(db_, nullptr);
+  // "abcd" and "qbcd" share a bucket; the later one is the head.
+  ASSERT_EQ(put_str(db_, "abcd", "1"), MMDB_SUCCESS);
+  ASSERT_EQ(put_str(db_, "qbcd", "2"), MMDB_SUCCESS);
+  uint32_t b = mmdb_hash(4, "abcd") % 16;
+  uint64_t head;
+  memcpy(&head, &db_->buckets[b].head, 8);
+  auto *first = static_cast<mmdb_record_t *>(mmf_user_ptr(mmdb_data_mmf(db_), static_cast<off_t>(head), 40));
+  uint64_t second = first->next;
+  auto *tail = static_cast<mmdb_record_t *>(mmf_user_ptr(mmdb_data_mmf(db_), static_cast<off_t>(second), 40));
+  tail->next = head;
+  EXPECT_DEATH(get_str(db_, "Abcd" /* same bucket, absent */), "corrupt chain");
+  char why[200] = "";
+  EXPECT_EQ(mmdb_verify_chains(db_, why, sizeof why), MMDB_CORRUPT);
+  EXPECT_NE(strstr(why, "repeats a key"), nullptr) << why;
+  tail->next = 0;
+  mmdb_header(db_)->invalid = 0;
+  EXPECT_EQ(get_str(db_, "abcd"), "1");
+}
+
 // A corrupt chain kills the process that walks into it, but marks the file:
 // others get status 2 instead of dying too, and the next open rebuilds.
 TEST_F(MmdbTest, CorruptChainMarksTheFileForEveryone) {
