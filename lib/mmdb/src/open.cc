@@ -173,7 +173,10 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
   db->hdr = static_cast<mmdb_hash_header_t *>(common);
   db->buckets = reinterpret_cast<mmdb_bucket_t *>(static_cast<char *>(common) + MMDB_HASH_HEADER_BYTES);
   if (hash_new || db->hdr->version != MMDB_HASH_VERSION || db->hdr->size != MMDB_HASH_HEADER_BYTES) {
+    // A rebuilt file hands the block out with whatever bytes it held: the
+    // bucket slots start empty, not with a stranger's lock words.
     hash_new = true;
+    memset(db->buckets, 0, (db->p.bucket_count + 1) * sizeof(mmdb_bucket_t));
     fresh_header(db);
   }
 
