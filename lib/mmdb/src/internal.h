@@ -99,7 +99,7 @@ void mmdb_send_change(mmdb *db, const void *key, uint32_t keylen, bool del);
 // Every replicator that wants messages rescans (a dead writer's bucket).
 void mmdb_mark_lost(mmdb *db);
 // Dead slots, and message slots of processes that are not the replicator.
-void mmdb_clear_replicators(mmdb *db, bool closing);
+void mmdb_clear_replicators(mmdb *db);
 uint32_t mmdb_queue_number(uint32_t id, uint32_t slot);
 uint32_t mmdb_queue_receive(uint32_t queue, void *buf, uint32_t room);
 

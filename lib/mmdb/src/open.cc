@@ -221,7 +221,7 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
   }
   handles[db->id] = db;
   pthread_mutex_unlock(&handles_mu);
-  mmdb_clear_replicators(db, false);
+  mmdb_clear_replicators(db);
   mmdb_log(db, nullptr, MMDB_OPER_INIT, nullptr, 0, __LINE__);
   db->meminfo_offset = -1;
   mmdb_meminfo_update(db);
@@ -252,7 +252,7 @@ void mmdb_close(mmdb *db) {
            db->buckets[b].thread != static_cast<uint64_t>(pthread_self()))
       mmdb_sleep_us(10000);
   if (db->iter) mmdb_iterator_delete(db->iter);
-  mmdb_clear_replicators(db, true);
+  mmdb_clear_replicators(db);
   pthread_mutex_lock(&handles_mu);
   if (handles[db->id] == db) handles[db->id] = nullptr;
   pthread_mutex_unlock(&handles_mu);

@@ -89,7 +89,7 @@ void mmdb_mark_lost(mmdb *db) {
     if (__atomic_load_n(&r.pid, __ATOMIC_ACQUIRE) && r.want_msgs) __atomic_add_fetch(&r.lost, 1u, __ATOMIC_RELEASE);
 }
 
-void mmdb_clear_replicators(mmdb *db, bool closing) {
+void mmdb_clear_replicators(mmdb *db) {
   mmf_lock(db->hash);
   uint32_t me = static_cast<uint32_t>(getpid());
   for (mmdb_replicator_t &r : db->hdr->rep) {
@@ -105,7 +105,6 @@ void mmdb_clear_replicators(mmdb *db, bool closing) {
   }
   count_slots(db->hdr);
   mmf_unlock(db->hash);
-  (void)closing;
 }
 
 // ---- Iterators ------------------------------------------------------------
