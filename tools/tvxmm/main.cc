@@ -5,13 +5,16 @@
 //   tvxmm mmf walk FILE    one line per node, to the first bad one
 //   tvxmm meminfo          the memory report: every mapped file in use
 //   tvxmm meminfo report FILE on|off   keep FILE's record current, or not
+//   tvxmm mmdb list|show|get|put|del|dump|verify|reset ...   the databases
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
 #include "mmf/meminfo.h"
+#include "mmdb/mmdb.h"
 #include "mmf/mmf.h"
+#include "tvxmm.h"
 
 namespace {
 
@@ -22,21 +25,37 @@ const char kUsage[] =
     "       tvxmm meminfo           the memory report: a record per mapped file in use\n"
     "       tvxmm meminfo report FILE on|off\n"
     "                               update FILE's record every 1000 locks, or stop\n"
+    "       tvxmm mmdb list         every database id in the registry, with its record count\n"
+    "       tvxmm mmdb show ID      the database's figures and replicators\n"
+    "       tvxmm mmdb get ID KEY   the value of KEY\n"
+    "       tvxmm mmdb put ID KEY VALUE [-r N]\n"
+    "                               set KEY; N leading bytes replicated (all by default)\n"
+    "       tvxmm mmdb del ID KEY   delete KEY\n"
+    "       tvxmm mmdb dump ID      every record\n"
+    "       tvxmm mmdb verify ID    check both files and every chain; exit 0 valid, 1 not\n"
+    "       tvxmm mmdb reset ID     empty the database\n"
     "FILE is the file's logical path (\"/mfs/var/...\"), put under TAVOX_ROOT.\n"
-    "Files are read as they stand: nothing is initialised or rebuilt.\n"
-    "Exit status: 0 done (or valid), 1 file or record missing, not of this format\n"
-    "or not valid, 2 usage.\n";
+    "mmf and meminfo read files as they stand: nothing is initialised or rebuilt.\n"
+    "mmdb opens the database of ID (1 to 22) as its programs do, by the registry.\n"
+    "KEY and VALUE are text, or hex after 0x; values print as text, or 0x and hex.\n"
+    "Exit status: 0 done (or valid), 1 file, record, id or key missing, not of this\n"
+    "format or not valid, 2 usage.\n";
 
 int usage(FILE *f, int rc) {
   fputs(kUsage, f);
   return rc;
 }
 
+}  // namespace
+
 // A one-line reason before the usage, so a mistyped command says what was wrong.
-int misuse(const char *why) {
+int tvxmm_misuse(const char *why) {
   fprintf(stderr, "tvxmm: %s\n", why);
   return usage(stderr, 2);
 }
+
+namespace {
+int misuse(const char *why) { return tvxmm_misuse(why); }
 
 void show_header(const mmf_shared_info_t *si) {
   printf("magic 0x%08x version %u header %u lock holder %u\n", si->magic, si->version, si->header_size,
@@ -111,6 +130,15 @@ int meminfo_show() {
     while (const meminfo_record_t *rec = meminfo_reader_next(r, t)) {
       if (t == MEMINFO_TYPE_MMF) {
         show_mmf_record(rec);
+      } else if (t == MEMINFO_TYPE_MMDB && rec->length - 16 >= sizeof(mmdb_meminfo_payload_t)) {
+        mmdb_meminfo_payload_t p;
+        memcpy(&p, meminfo_payload(rec), sizeof p);
+        p.name[sizeof p.name - 1] = 0;
+        printf("mmdb %u %s pid %u records %u buckets %u data %" PRIu64 " of %" PRIu64 " locks %" PRIu64
+               " contended %" PRIu64 " resets %u%s\n",
+               p.id, p.name, p.pid, p.record_count, p.bucket_count, static_cast<uint64_t>(p.data_current_bytes),
+               static_cast<uint64_t>(p.data_max_bytes), static_cast<uint64_t>(p.lock_count),
+               static_cast<uint64_t>(p.contended), p.resets, p.invalid ? " INVALID" : "");
       } else {
         char name[MEMINFO_NAME_BYTES + 1] = {};
         memcpy(name, meminfo_payload(rec), MEMINFO_NAME_BYTES);
@@ -138,7 +166,8 @@ int main(int argc, char **argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) return usage(stdout, 0);
   if (argc < 2) return misuse("a command is needed");
   if (strcmp(argv[1], "meminfo") == 0) return meminfo_main(argc, argv);
-  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (mmf or meminfo)");
+  if (strcmp(argv[1], "mmdb") == 0) return mmdb_main(argc, argv);
+  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (mmf, meminfo or mmdb)");
   if (argc != 4) return misuse("mmf takes a subcommand and a FILE");
   const char *cmd = argv[2], *file = argv[3];
   if (strcmp(cmd, "show") && strcmp(cmd, "valid") && strcmp(cmd, "walk"))

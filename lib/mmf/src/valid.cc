@@ -78,7 +78,13 @@ mmf_node_header_t *mmf_node_validate(mmf *m, off_t offset) {
   if (!CHECK(n->next_offset < si->current_bytes)) return nullptr;
   uint32_t nlen = n->len;
   if (!CHECK(nlen >= mmf_node_bytes && nlen % 4 == 0 && off + nlen <= si->current_bytes)) return nullptr;
-  if (m->single_mapping && static_cast<int64_t>(off + nlen) > mmf_view_bytes(m)) return nullptr;
+  // A node that begins inside this process's view and ends past it: another
+  // process grew the file and merged across the old end. Map the rest first.
+  if (m->single_mapping && static_cast<int64_t>(off + nlen) > mmf_view_bytes(m)) {
+    if (static_cast<int64_t>(si->current_bytes) != m->mapped_bytes) mmf_remap(m);
+    if (static_cast<int64_t>(off + nlen) > mmf_view_bytes(m)) return nullptr;
+    n = mmf_node_at(m, off);
+  }
   const mmf_node_trailer_t *t = mmf_trailer_at(m, off + nlen - 8);
   if (!t) return nullptr;
   if (!CHECK(t->pattern == MMF_TRAILER_PATTERN)) return nullptr;

@@ -3,6 +3,9 @@
 #include <cstring>
 #include <map>
 #include <random>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 #include "mmf_fixture.h"
 
@@ -310,3 +313,27 @@ TEST_F(Heap, ControlNodesNameDataInAnotherFile) {
 }
 
 }  // namespace
+
+// A process whose mapping trails another's growth judges the file by the
+// file, not by its own stale view, also where a node merged across the end
+// of that view.
+TEST_F(Heap, ValidAfterAnotherProcessGrewTheFile) {
+  mmf *m = open();
+  ASSERT_NE(m, nullptr);
+  int64_t before = m->mapped_bytes;
+  pid_t pid = fork();
+  if (pid == 0) {
+    std::vector<off_t> offs(200);
+    for (off_t &off : offs)
+      if (!mmf_alloc(m, 1000, &off)) _exit(1);
+    for (off_t off : offs) mmf_free_offset(m, off);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_GT(static_cast<int64_t>(m->shared_info->current_bytes), before);
+  EXPECT_EQ(m->mapped_bytes, before);  // nothing of ours has mapped since
+  EXPECT_TRUE(mmf_valid(m, false));
+  mmf_close(m);
+}
