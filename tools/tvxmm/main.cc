@@ -5,11 +5,14 @@
 //   tvxmm mmf walk FILE    one line per node, to the first bad one
 //   tvxmm meminfo          the memory report: every mapped file in use
 //   tvxmm meminfo report FILE on|off   keep FILE's record current, or not
+//   tvxmm mmcq show NAME   a queue's header
+//   tvxmm mmcq peek NAME [-n COUNT]    the messages waiting, none taken
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
+#include "mmcq_cmd.h"
 #include "mmf/meminfo.h"
 #include "mmf/mmf.h"
 
@@ -22,7 +25,11 @@ const char kUsage[] =
     "       tvxmm meminfo           the memory report: a record per mapped file in use\n"
     "       tvxmm meminfo report FILE on|off\n"
     "                               update FILE's record every 1000 locks, or stop\n"
-    "FILE is the file's logical path (\"/mfs/var/...\"), put under TAVOX_ROOT.\n"
+    "       tvxmm mmcq show NAME    a queue's header: offsets, pids, counts\n"
+    "       tvxmm mmcq peek NAME [-n COUNT]\n"
+    "                               the messages waiting (20 at most), none taken\n"
+    "FILE is the file's logical path (\"/mfs/var/...\"), put under TAVOX_ROOT;\n"
+    "a queue NAME is the file \"/mfs/var/mmcq/NAME\".\n"
     "Files are read as they stand: nothing is initialised or rebuilt.\n"
     "Exit status: 0 done (or valid), 1 file or record missing, not of this format\n"
     "or not valid, 2 usage.\n";
@@ -138,7 +145,8 @@ int main(int argc, char **argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) return usage(stdout, 0);
   if (argc < 2) return misuse("a command is needed");
   if (strcmp(argv[1], "meminfo") == 0) return meminfo_main(argc, argv);
-  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (mmf or meminfo)");
+  if (strcmp(argv[1], "mmcq") == 0) return mmcq_main(argc, argv, misuse);
+  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (mmf, mmcq or meminfo)");
   if (argc != 4) return misuse("mmf takes a subcommand and a FILE");
   const char *cmd = argv[2], *file = argv[3];
   if (strcmp(cmd, "show") && strcmp(cmd, "valid") && strcmp(cmd, "walk"))

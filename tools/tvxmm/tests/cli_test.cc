@@ -5,25 +5,9 @@
 #include <unistd.h>
 
 #include "mmf_fixture.h"
+#include "run_tvxmm.h"
 
 namespace {
-
-struct run_result {
-  int rc;
-  std::string out;
-};
-
-run_result tvxmm(const std::string &args) {
-  std::string cmd = std::string(TVXMM) + " " + args + " 2>&1";
-  FILE *p = popen(cmd.c_str(), "r");
-  run_result r{-1, {}};
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  int st = pclose(p);
-  r.rc = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
-}
 
 using Cli = MmfTest;
 
