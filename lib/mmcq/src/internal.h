@@ -22,8 +22,6 @@ inline bool mmcq_cas(uint32_t *p, uint32_t from, uint32_t to) {
 
 // Pointer to len bytes of the file at off, mapping what another process grew.
 void *mmcq_at(mmcq *h, uint32_t off, uint32_t len);
-// Re-derives the header pointer after anything that may have moved the mapping.
-void mmcq_rebase(mmcq *h);
 // Takes the grower word for this pid, waiting while another live process
 // holds it; a dead holder's word is taken over (a dead grower's journal is
 // then finished by the caller, who holds the file's lock).

@@ -23,11 +23,12 @@ uint32_t get_u32(const void *p) {
 // Grows the file by a step and moves the ring into it. Under the file's lock.
 bool grow(mmcq *h) {
   mmf *m = h->m;
+  ptrdiff_t at = reinterpret_cast<char *>(h->q) - reinterpret_cast<char *>(m->shared_info);
   if (static_cast<int64_t>(m->shared_info->current_bytes) >= m->max_bytes || !mmf_grow(m)) {
     mmcq_print(h, "mmcq mmf extend failed\n");
     return false;
   }
-  mmcq_rebase(h);
+  h->q = reinterpret_cast<mmcq_header_t *>(reinterpret_cast<char *>(m->shared_info) + at);
   mmcq_header_t *q = h->q;
   uint64_t cur = m->shared_info->current_bytes;
   if (cur > UINT32_MAX) cur = UINT32_MAX;
@@ -74,11 +75,13 @@ int send_locked(mmcq *h, const void *msg, uint32_t len) {
       MMCQ_ASSERT(q->take_offset < q->max_data_offset);
       if (skip) {
         if (skip >= 4) memset(mmcq_at(h, put, 4), 0, 4);
+        q = h->q;
         put = lo;
       }
       char *p = static_cast<char *>(mmcq_at(h, put, need));
       memcpy(p, &need, 4);
       memcpy(p + 4, msg, len);
+      q = h->q;
       TVX_CRASHPOINT("mmcq_send_written");
       uint32_t next = put + need;
       if (next >= hi) next = lo;
@@ -102,16 +105,14 @@ void enter_read(mmcq *h) { mmcq_claim(h); }
 
 }  // namespace
 
-void mmcq_rebase(mmcq *h) {
-  const mmf_shared_info_t *si = h->m->shared_info;
-  h->q = reinterpret_cast<mmcq_header_t *>(reinterpret_cast<char *>(h->m->shared_info) + si->common_offset);
-}
-
 void *mmcq_at(mmcq *h, uint32_t off, uint32_t len) {
   mmf *m = h->m;
   if (m->single_mapping && static_cast<int64_t>(off) + len > m->mapped_bytes) {
+    // A file grown past this process's reservation is mapped anew: the
+    // header moves with it, at the same distance from the file's start.
+    ptrdiff_t at = reinterpret_cast<char *>(h->q) - reinterpret_cast<char *>(m->shared_info);
     MMCQ_ASSERT(mmf_refresh(m));
-    mmcq_rebase(h);
+    h->q = reinterpret_cast<mmcq_header_t *>(reinterpret_cast<char *>(m->shared_info) + at);
   }
   return mmf_ensure_mapped(m, off, len);
 }

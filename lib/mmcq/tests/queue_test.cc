@@ -239,7 +239,7 @@ TEST_F(MmcqTest, FullAtMaximumUntilTheReceiverTakes) {
 TEST_F(MmcqTest, GrowerKilledAtEachPointLeavesAReadableRing) {
   ASSERT_TRUE(tvx_crashpoints_built());
   const char *points[] = {"mmcq_grow_marked", "mmcq_grow_copied", "mmcq_grow_copied:2", "mmcq_grow_committing",
-                          "mmcq_send_written", "mmf_grow_stored"};
+                          "mmcq_send_written", "mmf_grow_extended", "mmf_grow_stored"};
   int round = 0;
   for (const char *point : points) {
     SCOPED_TRACE(point);
