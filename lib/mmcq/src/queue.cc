@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -301,7 +302,20 @@ void mmcq_assert_fail(const char *expr, const char *file, int line) {
   abort();
 }
 
-int mmcq_self(void) { return static_cast<int>(getpid()); }
+namespace {
+// The pid, cached: a read takes it twice per message. A forked child
+// forgets it.
+int cached_pid;
+void forget_pid() { cached_pid = 0; }
+}  // namespace
+
+int mmcq_self(void) {
+  if (__builtin_expect(cached_pid != 0, 1)) return cached_pid;
+  static pthread_once_t once = PTHREAD_ONCE_INIT;
+  pthread_once(&once, [] { pthread_atfork(nullptr, nullptr, forget_pid); });
+  cached_pid = static_cast<int>(getpid());
+  return cached_pid;
+}
 
 void mmcq_print(const mmcq *h, const char *fmt, ...) {
   if (h && !h->print) return;
