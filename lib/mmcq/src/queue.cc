@@ -138,21 +138,20 @@ void take_over(mmcq *h) {
   uint32_t me = static_cast<uint32_t>(mmcq_self());
   mmf_lock(h->m);
   uint32_t prev = q->receiver_pid;
-  if (prev && prev != me) {
-    q->takeovers++;
-    if (mmf_pid_alive(static_cast<pid_t>(prev))) {
-      char line[512];
-      std::string log = tvx_path("/var/tmp/dupe_mmcq.log");
-      tvx_mkdirs(log.substr(0, log.rfind('/')).c_str(), 0755);
-      snprintf(line, sizeof line, "echo \"queue %s, pidPrev %d, pidNew %d\" >> '%s'", h->name, prev, me,
-               log.c_str());
-      mmf_run_shell(line);
-      snprintf(line, sizeof line, "ps -fp %d %d | tail -2 >> '%s' 2>&1", prev, me, log.c_str());
-      mmf_run_shell(line);
-    }
-  }
+  bool live = prev && prev != me && mmf_pid_alive(static_cast<pid_t>(prev));
+  if (prev && prev != me) q->takeovers++;
   mmcq_store(&q->receiver_pid, me);
   mmf_unlock(h->m);
+  if (!live) return;
+  // Two receivers at once is a configuration fault worth a trace; the shell
+  // runs with the lock released, so senders do not wait for it.
+  char line[512];
+  std::string log = tvx_path("/var/tmp/dupe_mmcq.log");
+  tvx_mkdirs(log.substr(0, log.rfind('/')).c_str(), 0755);
+  snprintf(line, sizeof line, "echo \"queue %s, pidPrev %d, pidNew %d\" >> '%s'", h->name, prev, me, log.c_str());
+  mmf_run_shell(line);
+  snprintf(line, sizeof line, "ps -fp %d %d | tail -2 >> '%s' 2>&1", prev, me, log.c_str());
+  mmf_run_shell(line);
 }
 
 void on_readable(mm_ctx *ctx) { mmcq_receiver_receive(static_cast<mmcq *>(ctx->arg)); }

@@ -62,7 +62,8 @@ TEST_F(MmcqTest, FreshHeaderIsLaidOutAsDesigned) {
   ASSERT_EQ(b.size(), static_cast<size_t>(2 * kPage));
   const mmf_shared_info_t *si = reinterpret_cast<const mmf_shared_info_t *>(b.data());
   ASSERT_EQ(si->common_len, MMCQ_HEADER_SIZE);
-  const uint8_t *h = b.data() + si->common_offset;
+  const uint64_t common = si->common_offset;
+  const uint8_t *h = b.data() + common;
   auto u32 = [&](size_t off) {
     uint32_t v;
     memcpy(&v, h + off, 4);
@@ -89,7 +90,7 @@ TEST_F(MmcqTest, FreshHeaderIsLaidOutAsDesigned) {
   memcpy(&w, b.data() + kPage, 4);
   EXPECT_EQ(w, 9u);
   EXPECT_EQ(std::string(reinterpret_cast<char *>(b.data()) + kPage + 4, 5), "hello");
-  memcpy(&w, b.data() + si->common_offset + 0x3c, 4);
+  memcpy(&w, b.data() + common + 0x3c, 4);
   EXPECT_EQ(w, kPage + 9);
   mmcq_delete(s);
   mmcq_delete(r);
