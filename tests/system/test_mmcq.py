@@ -10,7 +10,6 @@ the message the first receiver had logged but not taken must be delivered
 again to the next (at least once, never lost).
 """
 
-import os
 import re
 import signal
 import subprocess
@@ -28,14 +27,9 @@ class Peer:
     def __init__(self, ns, build_dir, tmp_path):
         self.ns = ns
         self.bin = str(build_dir / "tools/mmcqpeer/mmcqpeer")
-        # Nobody may be judged stuck; if someone were, this gcore records it.
-        fake = tmp_path / "bin"
-        fake.mkdir()
-        self.gcore_log = tmp_path / "gcore.log"
-        (fake / "gcore").write_text(f'#!/bin/sh\necho "$@" >> {self.gcore_log}\n')
-        (fake / "gcore").chmod(0o755)
+        path, self.gcore_log = tvxns.fake_gcore(tmp_path)
         self.env = {"TAVOX_ROOT": ROOT, "TVX_MM_TIME_SCALE": "0.05",
-                    "PATH": f"{fake}:{os.environ.get('PATH', '/usr/bin:/bin')}"}
+                    "PATH": path}
 
     def start(self, args, crashpoint=""):
         # Unbuffered bytes: a line read here must leave the rest of the output
