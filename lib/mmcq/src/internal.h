@@ -30,6 +30,9 @@ void mmcq_release(mmcq *h);
 // Moves the ring as the journal says and commits: the growth itself, and
 // its completion for a grower that died. Under the file's lock and the word.
 void mmcq_run_grow(mmcq *h);
+// A dead grower's journal, finished by a process that holds the file's lock:
+// takes the word, runs the move if it is still pending, counts it.
+void mmcq_finish_grow(mmcq *h);
 // The waits between processes: sleeps from first_us, 1 ms longer each round
 // up to 100 ms, at most 30 s (scaled) in all, then the process ends.
 // Returns when *word no longer holds pid, clearing it if pid died.

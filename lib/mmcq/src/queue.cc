@@ -71,18 +71,23 @@ void initialise(mmcq *h, uint32_t max_msg_bytes) {
   mmcq_store(&q->magic, MMCQ_MAGIC_READY);
 }
 
-// A damaged header and a journal that makes no sense are both rebuilt.
+// A growth's journal that can be finished: the ring's start and the
+// journal's offsets inside the file as it is.
+bool journal_ok(const mmcq *h) {
+  const mmcq_header_t *q = h->q;
+  uint32_t nm = q->grow_new_max, om = q->grow_old_max;
+  return q->version == MMCQ_VERSION && q->size == MMCQ_HEADER_SIZE && nm > om &&
+         nm <= h->m->shared_info->current_bytes && q->min_data_offset >= h->m->page_size &&
+         q->min_data_offset < om && q->grow_old_take >= q->min_data_offset && q->grow_old_take < om &&
+         q->grow_old_put >= q->min_data_offset && q->grow_old_put < om && q->grow_low >= q->grow_old_take &&
+         q->grow_low <= om && (q->max_data_offset == om || q->max_data_offset == nm);
+}
+
+// A damaged header is rebuilt.
 bool usable(const mmcq *h) {
   const mmcq_header_t *q = h->q;
-  const mmf_shared_info_t *si = h->m->shared_info;
-  if (mmcq_load(&q->magic) != MMCQ_MAGIC_READY || !mmcq_header_sane(q, h->m->page_size)) return false;
-  if (q->max_data_offset > si->current_bytes) return false;
-  uint32_t nm = q->grow_new_max;
-  if (nm && (nm <= q->grow_old_max || nm > si->current_bytes || q->grow_old_max != q->max_data_offset ||
-             q->grow_old_take < q->min_data_offset || q->grow_old_take >= q->grow_old_max ||
-             q->grow_low < q->grow_old_take || q->grow_low > q->grow_old_max))
-    return false;
-  return true;
+  return mmcq_load(&q->magic) == MMCQ_MAGIC_READY && mmcq_header_sane(q, h->m->page_size) &&
+         q->max_data_offset <= h->m->shared_info->current_bytes && q->grow_new_max == 0;
 }
 
 // Opens the file, checks or builds the header. Under no lock on return.
@@ -119,16 +124,13 @@ bool init_q(mmcq *h, uint32_t max_msg_bytes) {
     }
     mmf_lock(h->m);
   }
+  // A growth in the journal under the lock is a dead grower's (a grower
+  // holds the lock throughout): finish it, then judge the header it leaves.
+  if (mmcq_load(&h->q->magic) == MMCQ_MAGIC_READY && mmcq_load(&h->q->grow_new_max) && journal_ok(h))
+    mmcq_finish_grow(h);
   if (!usable(h)) initialise(h, max_msg_bytes);
   if (max_msg_bytes > h->q->max_msg_bytes && max_msg_bytes <= h->q->max_data_bytes)
     h->q->max_msg_bytes = max_msg_bytes;
-  if (mmcq_load(&h->q->grow_new_max) && !mmf_pid_alive(static_cast<pid_t>(h->q->grower_pid))) {
-    // A grower died inside its move: finish it before anyone reads.
-    mmcq_claim(h);
-    mmcq_run_grow(h);
-    h->q->grows_finished++;
-    mmcq_release(h);
-  }
   mmf_unlock(h->m);
   return true;
 }

@@ -45,18 +45,8 @@ bool grow(mmcq *h) {
   return true;
 }
 
-// A dead grower's journal, finished by a sender that now holds the lock.
-void finish_dead_grow(mmcq *h) {
-  mmcq_claim(h);
-  if (mmcq_load(&h->q->grow_new_max)) {
-    mmcq_run_grow(h);
-    h->q->grows_finished++;
-  }
-  mmcq_release(h);
-}
-
 int send_locked(mmcq *h, const void *msg, uint32_t len) {
-  if (mmcq_load(&h->q->grow_new_max)) finish_dead_grow(h);
+  if (mmcq_load(&h->q->grow_new_max)) mmcq_finish_grow(h);
   for (;;) {
     mmcq_header_t *q = h->q;
     uint32_t lo = q->min_data_offset, hi = q->max_data_offset;
@@ -163,6 +153,15 @@ void mmcq_claim(mmcq *h) {
     mmcq_wait(h, &q->grower_pid, other, 100);
   }
   if (waited) mmcq_store(&q->reader_pid, 0u);
+}
+
+void mmcq_finish_grow(mmcq *h) {
+  mmcq_claim(h);
+  if (mmcq_load(&h->q->grow_new_max)) {
+    mmcq_run_grow(h);
+    h->q->grows_finished++;
+  }
+  mmcq_release(h);
 }
 
 void mmcq_release(mmcq *h) { mmcq_cas(&h->q->grower_pid, static_cast<uint32_t>(mmcq_self()), 0); }

@@ -236,57 +236,87 @@ TEST_F(MmcqTest, FullAtMaximumUntilTheReceiverTakes) {
 
 // A sender killed at each crash point of its growth: the receiver (here)
 // still reads every message the sender was told was queued, in order, and
-// never a damaged one; the next sender grows on.
+// never a damaged one; the next sender grows on. A growth cut short is
+// finished by whoever comes first: the receiver, a sender that was already
+// open, or a process that opens the queue.
+enum class First { receiver, open_sender, new_opener };
+
+void kill_grower(const char *point, int64_t region, First first, int round) {
+  SCOPED_TRACE(std::string(point) + (region ? " in regions" : "") + " finished by " +
+               (first == First::receiver ? "the receiver" : first == First::open_sender ? "a sender" : "an opener"));
+  std::string name = "g" + std::to_string(round);
+  const int64_t def = 2 * kPage, max = 64 * kPage;
+  auto open_sender = [&] { return mmcq_sender_create(name.c_str(), nullptr, 1000, def, max, region, nullptr, nullptr); };
+  mmcq *r = mmcq_receiver_create(name.c_str(), nullptr, 1000, def, max, region, nullptr, nullptr, nullptr);
+  ASSERT_NE(r, nullptr);
+  mmcq *early = open_sender();
+  for (int n = 0; n < 3; n++) ASSERT_EQ(mmcq_send(early, msg(2, n, 1000).data(), 1000), MMCQ_SUCCESS);
+  // Take two of three, so that the next sends wrap and a growth must move data.
+  EXPECT_EQ(next(r), msg(2, 0, 1000));
+  EXPECT_EQ(next(r), msg(2, 1, 1000));
+  // The pipe tells which sends the child was told succeeded.
+  int p2[2];
+  ASSERT_EQ(pipe(p2), 0);
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(p2[0]);
+    tvx_crashpoint_set(point);
+    mmcq *s = open_sender();
+    for (int i = 3; i < 40; i++) {
+      if (mmcq_send(s, msg(2, i, 1000).data(), 1000) != MMCQ_SUCCESS) _exit(4);
+      if (write(p2[1], &i, sizeof i) != sizeof i) _exit(5);
+    }
+    _exit(0);
+  }
+  close(p2[1]);
+  int last = 2, i;
+  while (read(p2[0], &i, sizeof i) == static_cast<ssize_t>(sizeof i)) last = i;
+  close(p2[0]);
+  int st = wait_child(pid);
+  ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL) << st;
+  bool cut = strncmp(point, "mmcq_grow", 9) == 0;
+  EXPECT_EQ(r->q->grow_new_max != 0, cut);
+  int k = 0;
+  mmcq *later = nullptr;
+  if (first == First::open_sender) {
+    ASSERT_EQ(mmcq_send(early, msg(3, k, 1000).data(), 1000), MMCQ_SUCCESS);
+    k++;
+  } else if (first == First::new_opener) {
+    later = open_sender();
+  }
+  if (first != First::receiver) {
+    EXPECT_EQ(r->q->grow_new_max, 0u);
+    EXPECT_EQ(r->q->grows_finished, cut ? 1u : 0u);
+  }
+  // Senders go on (growing again); then every acknowledged message of the
+  // dead one comes, in order (one more may be there: stored before the kill
+  // but not acknowledged), and then all of theirs.
+  mmcq *s = later ? later : open_sender();
+  for (int j = k; j < 30; j++) ASSERT_EQ(mmcq_send(s, msg(3, j, 1000).data(), 1000), MMCQ_SUCCESS);
+  int expect = 2;
+  std::string m = next(r);
+  for (; !m.empty() && m[0] == '2'; m = next(r), expect++) ASSERT_EQ(m, msg(2, expect, 1000));
+  EXPECT_GE(expect, last + 1);
+  EXPECT_LE(expect, last + 2);
+  EXPECT_EQ(r->q->grow_new_max, 0u);
+  EXPECT_EQ(r->q->grows_finished, cut ? 1u : 0u);
+  for (int j = 0; j < 30; j++, m = next(r)) ASSERT_EQ(m, msg(3, j, 1000));
+  EXPECT_EQ(m, "");
+  mmcq_delete(s);
+  mmcq_delete(early);
+  mmcq_delete(r);
+}
+
 TEST_F(MmcqTest, GrowerKilledAtEachPointLeavesAReadableRing) {
   ASSERT_TRUE(tvx_crashpoints_built());
   const char *points[] = {"mmcq_grow_marked", "mmcq_grow_copied", "mmcq_grow_copied:2", "mmcq_grow_committing",
                           "mmcq_send_written", "mmf_grow_extended", "mmf_grow_stored"};
   int round = 0;
-  for (const char *point : points) {
-    SCOPED_TRACE(point);
-    std::string name = "g" + std::to_string(round++);
-    mmcq *r = receiver(name.c_str(), 2 * kPage, 64 * kPage, 0, 1000);
-    ASSERT_NE(r, nullptr);
-    mmcq *first = sender(name.c_str(), 2 * kPage, 64 * kPage, 0, 1000);
-    for (int n = 0; n < 3; n++) ASSERT_EQ(mmcq_send(first, msg(2, n, 1000).data(), 1000), MMCQ_SUCCESS);
-    mmcq_delete(first);
-    // Take two of three, so that the next sends wrap.
-    EXPECT_EQ(next(r), msg(2, 0, 1000));
-    EXPECT_EQ(next(r), msg(2, 1, 1000));
-    // The pipe tells which sends the child was told succeeded.
-    int p2[2];
-    ASSERT_EQ(pipe(p2), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-      close(p2[0]);
-      tvx_crashpoint_set(point);
-      mmcq *s = sender(name.c_str(), 2 * kPage, 64 * kPage, 0, 1000);
-      for (int i = 3; i < 40; i++) {
-        if (mmcq_send(s, msg(2, i, 1000).data(), 1000) != MMCQ_SUCCESS) _exit(4);
-        if (write(p2[1], &i, sizeof i) != sizeof i) _exit(5);
-      }
-      _exit(0);
-    }
-    close(p2[1]);
-    int last = 2, i;
-    while (read(p2[0], &i, sizeof i) == static_cast<ssize_t>(sizeof i)) last = i;
-    close(p2[0]);
-    int st = wait_child(pid);
-    ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL) << st;
-    // Every acknowledged message, in order; one more may be there (it was
-    // stored before the kill but not acknowledged).
-    int expect = 2;
-    for (std::string m = next(r); !m.empty(); m = next(r), expect++) ASSERT_EQ(m, msg(2, expect, 1000));
-    EXPECT_GE(expect, last + 1);
-    EXPECT_LE(expect, last + 2);
-    // A sender after it grows and sends on; the receiver keeps up.
-    mmcq *s = sender(name.c_str(), 2 * kPage, 64 * kPage, 0, 1000);
-    for (int k = 0; k < 30; k++) ASSERT_EQ(mmcq_send(s, msg(3, k, 1000).data(), 1000), MMCQ_SUCCESS);
-    for (int k = 0; k < 30; k++) ASSERT_EQ(next(r), msg(3, k, 1000));
-    EXPECT_EQ(r->q->grow_new_max, 0u);
-    mmcq_delete(s);
-    mmcq_delete(r);
-  }
+  for (int64_t region : {int64_t(0), 2 * kPage})
+    for (const char *point : points) kill_grower(point, region, First::receiver, round++);
+  for (First first : {First::open_sender, First::new_opener})
+    for (const char *point : {"mmcq_grow_marked", "mmcq_grow_copied:2", "mmcq_grow_committing"})
+      kill_grower(point, 0, first, round++);
 }
 
 // A receiver that died leaves its messages; the next one is handed them.
