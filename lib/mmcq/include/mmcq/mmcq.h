@@ -124,7 +124,8 @@ const char *mmcq_status_str(int status);
 #define MMCQ_HANDLE_SIZE 0x88u
 #define MMCQ_NAME_MAX 64
 
-// Flags.
+// Flags (mmcq_init_common). The three trace bits are accepted and kept in
+// the handle; nothing traces by them yet.
 #define MMCQ_FLAG_NO_NOTIFY 0x01u  // senders never write the wake-up byte
 #define MMCQ_FLAG_TRACE 0x10u
 #define MMCQ_FLAG_VERBOSE 0x20u
