@@ -129,8 +129,9 @@ void mmcq_claim(mmcq *h) {
   bool waited = false;
   for (;;) {
     if (mmcq_cas(&q->grower_pid, 0, me)) break;
+    // Our own pid is another thread of this process (a sender growing
+    // while this thread receives, say): waited for like anyone else.
     uint32_t other = mmcq_load(&q->grower_pid);
-    if (other == me) break;
     if (!h->sender) {
       mmcq_store(&q->reader_pid, me);
       waited = true;

@@ -3,12 +3,14 @@
 // wake-ups.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -416,6 +418,54 @@ TEST_F(MmcqTest, ManySendersKeepTheirOrder) {
   for (pid_t k : kids) EXPECT_EQ(wait_child(k), 0);
   EXPECT_EQ(next(r), "");
   mmcq_delete(r);
+}
+
+// Threads of one process share a sender handle (the file's lock tells
+// them apart) while the receiver takes in another thread; the ring grows
+// under them, in one mapping and in regions.
+TEST_F(MmcqTest, ThreadsShareASenderHandle) {
+  for (int64_t region : {int64_t(0), 2 * kPage}) {
+    SCOPED_TRACE(region);
+    std::string name = "t" + std::to_string(region);
+    mmcq *r = receiver(name.c_str(), 2 * kPage, 64 * kPage, region, 512);
+    mmcq *s = sender(name.c_str(), 2 * kPage, 64 * kPage, region, 512);
+    ASSERT_NE(s, nullptr);
+    const int kThreads = 3, kEach = 2000;
+    std::vector<std::thread> ts;
+    std::atomic<int> failures{0};
+    for (int w = 0; w < kThreads; w++)
+      ts.emplace_back([&, w] {
+        for (int i = 0; i < kEach;) {
+          std::string m = msg(w, i, 10 + (i * 13 + w) % 480);
+          int st = mmcq_send(s, m.data(), static_cast<uint32_t>(m.size()));
+          if (st == MMCQ_SUCCESS)
+            i++;
+          else if (st == MMCQ_Q_FULL)
+            std::this_thread::yield();
+          else
+            failures++, i++;
+        }
+      });
+    std::vector<int> seen(kThreads, 0);
+    for (int total = 0; total < kThreads * kEach && failures == 0;) {
+      std::string m = next(r);
+      if (m.empty()) {
+        std::this_thread::yield();
+        continue;
+      }
+      int w = m[0] - '0';
+      ASSERT_TRUE(w >= 0 && w < kThreads) << m.substr(0, 20);
+      ASSERT_EQ(m, msg(w, seen[w], 10 + (seen[w] * 13 + w) % 480));
+      seen[w]++;
+      total++;
+    }
+    for (auto &t : ts) t.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_GT(r->q->grows, 0u);
+    EXPECT_EQ(next(r), "");
+    mmcq_delete(s);
+    mmcq_delete(r);
+  }
 }
 
 struct Counter {
