@@ -31,6 +31,10 @@
 // at any point is finished by whoever comes next (a sender, or the receiver
 // that finds it dead): the receiver never reads a half-moved ring.
 //
+// Threads: the threads of a process may share a sender handle (the file's
+// lock tells them apart); a receiver handle belongs to one thread at a time.
+// A receiver and senders may live in one process.
+//
 // Time: waits between processes (for a grower, for a file being initialised)
 // scale with mmf_time_scale (TVX_MM_TIME_SCALE).
 #pragma once
