@@ -176,11 +176,34 @@ std::string Server::command(const std::string &line) {
   if (verb == "clients") return admin_clients();
   if (verb == "fault") return admin_fault(rest);
   if (verb == "flood") return admin_flood(rest);
+  if (verb == "stats") return admin_stats(rest);
   if (verb == "help")
     return "add|change|delete KIND field=value ...\nshow [KIND]\nclients\nflood COUNT KIND key=value ...\n"
            "fault fail KIND|TYPE ERRNO | fault silent KIND|TYPE | fault raw all|CLIENT HEX\n"
-           "fault version iface N | fault version count N | fault version type TYPE N | fault clear\nok\n";
+           "fault version iface N | fault version count N | fault version type TYPE N | fault clear\n"
+           "stats set|bump ifdstats|iflstats index=N field=value ... | stats clear|delete KIND index=N | "
+           "stats show\nok\n";
   return error("unknown command " + verb);
+}
+
+std::string Server::admin_stats(const std::string &rest) {
+  std::istringstream in(rest);
+  std::string verb, tail, why;
+  in >> verb;
+  std::getline(in, tail);
+  Counters &c = store_.counters;
+  bool ok;
+  if (verb == "set" || verb == "bump")
+    ok = c.set(tail, verb == "bump", &why);
+  else if (verb == "clear")
+    ok = c.clear(tail, static_cast<uint64_t>(time(nullptr)), &why);
+  else if (verb == "delete")
+    ok = c.erase(tail, &why);
+  else if (verb == "show")
+    return c.show() + "ok\n";
+  else
+    return error("stats set|bump|clear|delete|show");
+  return ok ? "ok\n" : error(why);
 }
 
 std::string Server::admin_change(uint8_t op, const std::string &rest) {

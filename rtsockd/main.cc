@@ -18,7 +18,8 @@ using namespace rtsockd;
 
 namespace {
 
-// Each line of the state file is an object as the admin socket's "add" takes it.
+// Each line of the state file is an object as the admin socket's "add" takes
+// it, or the counters of an interface as "stats set" takes them.
 bool load(const char *file, Store &store) {
   std::ifstream in(file);
   if (!in) {
@@ -32,6 +33,13 @@ bool load(const char *file, Store &store) {
     uint32_t type;
     std::unique_ptr<Object> obj;
     std::string why;
+    if (line.compare(start, 8, "ifdstats") == 0 || line.compare(start, 8, "iflstats") == 0) {
+      if (!store.counters.set(line.substr(start), false, &why)) {
+        log("%s:%d: %s", file, n, why.c_str());
+        return false;
+      }
+      continue;
+    }
     if (!parse_object(line.substr(start), &type, &obj, &why)) {
       log("%s:%d: %s", file, n, why.c_str());
       return false;

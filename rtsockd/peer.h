@@ -10,6 +10,7 @@
 
 #include "rtsock/rts_codec.h"
 #include "rtsock/rts_msg.h"
+#include "stats.h"
 
 namespace rtsockd {
 
@@ -69,6 +70,8 @@ class Store {
   size_t size() const;
   size_t bytes() const { return bytes_; }
   const Object *find_exact(uint32_t type, const std::string &key) const;
+  // The counters served in statistics messages (types 15 and 16).
+  Counters counters;
 
  private:
   const Object *find_next(uint32_t type, const std::string &key) const;

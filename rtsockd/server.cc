@@ -864,17 +864,29 @@ int Server::handle_raw(Client &c, const uint8_t *buf, size_t n, std::vector<uint
     return EOPNOTSUPP;
   rts_ifstats_msg m;
   memcpy(&m, buf, sizeof m);
-  std::string key;
+  // Counters given for the index are served whether or not the interface is
+  // in the stores; a known interface without them has counted nothing.
+  const StatsEntry *e = store_.counters.find(h.type, m.ifsm_index);
+  std::string key, name;
   uint32_t type = h.type == RTS_T_IFDSTATS ? RTS_T_IFDEV : RTS_T_IFLOGICAL;
   for (int i = type == RTS_T_IFDEV ? 1 : 3; i >= 0; i--) key += static_cast<char>(m.ifsm_index >> (8 * i));
-  if (!store_.find_exact(type, key)) return ENOENT;
-  // Counters are not kept here: an interface that exists has seen nothing.
-  rts_ifstats_msg reply{};
-  reply.hdr = h;
-  reply.hdr.length = sizeof reply;
-  reply.ifsm_index = m.ifsm_index;
-  auto *b = reinterpret_cast<const uint8_t *>(&reply);
-  replies->insert(replies->end(), b, b + sizeof reply);
+  const Object *obj = type == RTS_T_IFDEV && m.ifsm_index > 0xFFFF ? nullptr : store_.find_exact(type, key);
+  if (!obj && !e) return ENOENT;
+  if (h.operation == RTS_OP_CLEAR) {
+    if (e) store_.counters.clear(h.type, m.ifsm_index, static_cast<uint64_t>(time(nullptr)));
+    return 0;
+  }
+  if (h.operation != RTS_OP_GET) return EOPNOTSUPP;
+  if (obj && type == RTS_T_IFDEV) {
+    auto *d = static_cast<const rts_ifd_msg *>(obj->rec());
+    if (d->ifdm_name) name = d->ifdm_name;
+  } else if (obj) {
+    auto *l = static_cast<const rts_ifl_msg *>(obj->rec());
+    if (l->iflm_name) name = std::string(l->iflm_name) + "." + std::to_string(l->iflm_unit);
+  }
+  std::vector<uint8_t> reply = stats_message(h, m.ifsm_index, e, name);
+  if (reply.empty()) return EMSGSIZE;  // past what a reader takes: never with the bounds of Counters
+  replies->insert(replies->end(), reply.begin(), reply.end());
   return 0;
 }
 

@@ -144,6 +144,7 @@ class Server {
   std::string admin_show(const std::string &rest);
   std::string admin_clients();
   std::string admin_flood(const std::string &rest);
+  std::string admin_stats(const std::string &rest);
 
   Store &store_;
   std::string path_;

@@ -18,7 +18,7 @@
 #include "format/task_fmt.h"
 #include "krt/krt.h"
 #include "platform/compat.h"
-#include "sockaddr/families.h"
+#include "sockaddr/routing.h"
 #include "task/lifecycle.h"
 #include "task/sched.h"
 #include "trace/trace.h"
@@ -67,6 +67,11 @@ void families_init(void) {
   zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
   for (const af_row &r : af_table)
     if (r.register_fn) r.register_fn(r.id);
+  // The routing, composite and flow families too: kernel messages may carry
+  // any of them.
+  for (unsigned i = 0; zsock_table_rows[i].name; i++)
+    if (unsigned gf = zsock_table_daemon_gf(i); !zsock_family_row(gf))
+      zsock_register_row(zsock_table_rows[i].short_name, gf);
 }
 
 }  // namespace

@@ -3,12 +3,19 @@
 // "%s %A %d %T" against the same text composed by hand with inet_ntop,
 // localtime_r and snprintf (and libfmt, for information). SockCompare:
 // common_sockaddrcmp2 of two INET6 addresses against memcmp of their 16 bytes.
+// FormatEvpn: "%A" of an EVPN MAC route against snprintf building the same
+// text with ether_ntoa_r and inet_ntop. FlowCompare: the order of two flow
+// specifications that differ in their last byte against memcmp of their
+// bytes. RegisterFamilies: zsock_register_every_family() once more; the RSS
+// that the first registration added is its counter rss_added_kB.
 // Every case formats the same rotating inputs; the texts are checked equal
 // before timing.
 #include <benchmark/benchmark.h>
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/ether.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +26,8 @@
 
 #include "format/task_fmt.h"
 #include "sockaddr/families.h"
+#include "sockaddr/flow.h"
+#include "sockaddr/routing.h"
 
 namespace {
 
@@ -32,6 +41,25 @@ struct world {
   std::vector<uint32_t> words;       // the same addresses, network order
   std::vector<int32_t> times;        // seconds with a non-zero hour in UTC
   std::vector<zsockaddr_t *> a6, b6;  // INET6 pairs differing in the last byte
+  struct evpn_route {
+    uint32_t asn, num, tag;
+    uint8_t esi[10];
+    ether_addr mac;
+    uint32_t ip;
+  };
+  std::vector<evpn_route> routes;
+  std::vector<zsockaddr_t *> evpn;                // the same routes as addresses, owned
+  std::vector<std::vector<uint8_t>> fa, fb;       // inetflow pairs differing in the last byte
+  long rss_added_kb = 0;
+
+  static long rss_kb() {
+    long pages = 0, resident = 0;
+    if (FILE *f = fopen("/proc/self/statm", "r")) {
+      if (fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+      fclose(f);
+    }
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+  }
 
   world() {
     setenv("TZ", "UTC", 1);
@@ -42,8 +70,9 @@ struct world {
     h.free = b_free;
     task_fmt_zsock_hooks(&h);
     zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 4096, &h);
-    zsock_register_inet(GF_INET);
-    zsock_register_inet6(GF_INET6);
+    long before = rss_kb();
+    zsock_register_every_family();
+    rss_added_kb = rss_kb() - before;
     std::mt19937 rng(4789);
     for (size_t i = 0; i < kN; i++) {
       uint32_t w = rng();
@@ -55,6 +84,29 @@ struct world {
       a6.push_back(sockcreate_in6(0, b));
       b[15] ^= 1;
       b6.push_back(sockcreate_in6(0, b));
+
+      evpn_route r{uint32_t(rng() & 0xffff), uint32_t(rng()), uint32_t(rng() & 0xffffff), {}, {}, uint32_t(rng())};
+      for (auto &e : r.esi) e = static_cast<uint8_t>(rng());
+      for (auto &m : r.mac.ether_addr_octet) m = static_cast<uint8_t>(rng());
+      routes.push_back(r);
+      uint8_t rd[8] = {0, 0, uint8_t(r.asn >> 8), uint8_t(r.asn), uint8_t(r.num >> 24), uint8_t(r.num >> 16),
+                       uint8_t(r.num >> 8), uint8_t(r.num)};
+      evpn.push_back(sockdup(evpn_addr_build_mac(rd, r.esi, r.tag, r.mac.ether_addr_octet, sockbuild_in(0, r.ip))));
+
+      // dst prefix, protocol, two port ranges and a DSCP value: 26 bytes.
+      std::vector<uint8_t> room(64);
+      zsockaddr_t *f = flow_common_init(room.data(), room.size(), GF_INETFLOW, nullptr);
+      inetflow_add_prefix(f, room.size(), FLOW_DST, static_cast<uint32_t>(rng()), 24);
+      flow_term proto[] = {{FLOW_OP_EQ, 6}, {FLOW_OP_EQ, 17}};
+      flow_common_add_terms(f, room.size(), FLOW_PROTO, proto, 2);
+      flow_term ports[] = {{FLOW_OP_GT | FLOW_OP_EQ, 1024}, {FLOW_OP_AND | FLOW_OP_LT, 2048 + rng() % 1000}};
+      flow_common_add_terms(f, room.size(), FLOW_DSTPORT, ports, 2);
+      flow_term dscp[] = {{FLOW_OP_EQ, rng() % 64}};
+      flow_common_add_terms(f, room.size(), FLOW_DSCP, dscp, 1);
+      room.resize(socklen(f));
+      fa.push_back(room);
+      room.back() ^= 1;
+      fb.push_back(room);
     }
   }
 };
@@ -182,8 +234,80 @@ void SockCompareMemcmp(benchmark::State &state) {
   }
 }
 
+// --- FormatEvpn ---
+void FormatEvpnOurs(benchmark::State &state) {
+  auto &x = w();
+  char buf[128];
+  size_t i = 0;
+  for (auto _ : state) {
+    task_fmt_snprintf(buf, sizeof buf, "%A", x.evpn[i]);
+    benchmark::DoNotOptimize(buf);
+    i = (i + 1) % kN;
+  }
+}
+
+void evpn_snprintf(char *buf, size_t size, const world::evpn_route &r) {
+  char mac[24], ip[INET_ADDRSTRLEN];
+  ether_ntoa_r(&r.mac, mac);
+  inet_ntop(AF_INET, &r.ip, ip, sizeof ip);
+  const uint8_t *e = r.esi;
+  snprintf(buf, size, "%d:%u:%u:%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x:%u:%d.%s:%s", 2, r.asn, r.num,
+           e[0], e[1], e[2], e[3], e[4], e[5], e[6], e[7], e[8], e[9], r.tag, 48, mac, ip);
+}
+
+void FormatEvpnSnprintf(benchmark::State &state) {
+  auto &x = w();
+  char buf[128], ours[128];
+  for (size_t k = 0; k < kN; k++) {
+    task_fmt_snprintf(ours, sizeof ours, "%A", x.evpn[k]);
+    evpn_snprintf(buf, sizeof buf, x.routes[k]);
+    if (strcmp(buf, ours) != 0) {
+      state.SkipWithError("texts differ");
+      return;
+    }
+  }
+  size_t i = 0;
+  for (auto _ : state) {
+    evpn_snprintf(buf, sizeof buf, x.routes[i]);
+    benchmark::DoNotOptimize(buf);
+    i = (i + 1) % kN;
+  }
+}
+
+// --- FlowCompare ---
+void FlowCompareOurs(benchmark::State &state) {
+  auto &x = w();
+  size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(flow_common_sockaddrcmp2(reinterpret_cast<const zsockaddr_t *>(x.fa[i].data()),
+                                                      reinterpret_cast<const zsockaddr_t *>(x.fb[i].data())));
+    i = (i + 1) % kN;
+  }
+}
+
+void FlowCompareMemcmp(benchmark::State &state) {
+  auto &x = w();
+  size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(memcmp(x.fa[i].data(), x.fb[i].data(), x.fa[i].size()));
+    i = (i + 1) % kN;
+  }
+}
+
+// --- RegisterFamilies ---
+void RegisterFamiliesOurs(benchmark::State &state) {
+  auto &x = w();
+  for (auto _ : state) zsock_register_every_family();
+  state.counters["rss_added_kB"] = static_cast<double>(x.rss_added_kb);
+}
+
 }  // namespace
 
+BENCHMARK(FormatEvpnOurs)->Name("FormatEvpn/ours");
+BENCHMARK(FormatEvpnSnprintf)->Name("FormatEvpn/snprintf");
+BENCHMARK(FlowCompareOurs)->Name("FlowCompare/ours");
+BENCHMARK(FlowCompareMemcmp)->Name("FlowCompare/memcmp");
+BENCHMARK(RegisterFamiliesOurs)->Name("RegisterFamilies/ours")->Unit(benchmark::kMicrosecond);
 BENCHMARK(FormatInetOurs)->Name("FormatInet/ours");
 BENCHMARK(FormatInetGlibc)->Name("FormatInet/glibc");
 BENCHMARK(FormatPlainOurs)->Name("FormatPlain/ours");

@@ -40,6 +40,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string why;
     if (!parse_object(line, &type, &obj, &why) || store.apply(RTS_OP_ADD, type, obj->rec())) abort();
   }
+  std::string why;
+  if (!store.counters.set("ifdstats index=2 ibytes=5 base.ibytes=1 queue.0.tx_packets=3 mac.in_frames=1 link.speed=1",
+                          false, &why))
+    abort();
   Server server(store, "/nonexistent/rtsock");
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, sv) != 0) abort();

@@ -15,7 +15,13 @@ TEST(PeerText, LinesReadBackAsTheyArePrinted) {
       "route af=28 prefix=2001:db8::/32",
       "ifd index=2 name=ge-0/0/0 snmp_index=501 speed=1000000000 mac=02:00:00:00:00:02",
       "ifl ifd_index=1 index=70 name=lo0 snmp_index=17",
+      "ifd index=3 name=ae0 agg_parentidx=9 state=4 duplex=2 autoneg=1 mcae.rg_id=1 mcae.mcae_id=3 "
+      "mcae.mode=1 mcae.local_port_id=2 ep.flags=1 ep.lacp_mode=2 fw.input=11 fw.output=12",
+      "ifl ifd_index=3 index=72 name=ae0 agg_index=80 df_role=1 bw_weight=100 vtep.flags=1 vtep.udp_port=4789 "
+      "vtep.src=c0:00:02:01:00:00:00:00:00:00:00:00:00:00:00:00",
       "iff ifl_index=70 af=2 mtu=65535 name=lo0.0",
+      "iff ifl_index=72 af=28 mtu=1500 name=ae0.0 max_mtu=9192 features=4294967298",
+      "rttable index=9 af=2 name=blue attr=3",
       "ifa ifl_index=71 af=2 local=192.0.2.1/32 dest=192.0.2.0/24",
       "bd index=5 rtb_id=7 name=bd5 vlan.vlan=0a:00:00:00 mac.mac_limit=9 cfg_flags=2048 vnid=100",
   };

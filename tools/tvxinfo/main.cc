@@ -3,6 +3,8 @@
 //   tvxinfo path LOGICAL...   real path of each logical path under TAVOX_ROOT
 //   tvxinfo sysctl [KEY...]   values of the sysctl table (all keys by default)
 //   tvxinfo version           the build's version banner
+//   tvxinfo addr FAMILY TEXT...  an address of any family, parsed and printed
+//   tvxinfo families          the address family table
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -11,6 +13,7 @@
 #include "platform/path.h"
 #include "platform/sysctl.h"
 #include "platform/version.h"
+#include "sockaddr/routing.h"
 
 namespace {
 
@@ -18,12 +21,81 @@ const char *all_keys[] = {"kern.smp.cpus",       "hw.512bmem",          "hw.512b
                           "hw.chassis.macaddrs", "hw.product.system_mac_base", "kern.gencfg_cfg2_peermask",
                           "debug.enable_kbt",    "hw.re.tvx_rebooting"};
 
+const char kUsage[] =
+    "usage: tvxinfo path LOGICAL...\n"
+    "       tvxinfo sysctl [KEY...]\n"
+    "       tvxinfo version\n"
+    "       tvxinfo addr FAMILY TEXT...\n"
+    "       tvxinfo families\n";
+
 int usage() {
-  fprintf(stderr,
-          "usage: tvxinfo path LOGICAL...\n"
-          "       tvxinfo sysctl [KEY...]\n"
-          "       tvxinfo version\n");
+  fputs(kUsage, stderr);
   return 2;
+}
+
+int help() {
+  fputs(kUsage, stdout);
+  fputs("\n"
+        "path      the real path of each logical path under TAVOX_ROOT\n"
+        "sysctl    values of the sysctl table (all keys when none is named)\n"
+        "version   the build's version banner\n"
+        "addr      parses each TEXT as an address of FAMILY (a name from 'tvxinfo families',\n"
+        "          short or long, or an index) and prints it back, with its prefix length,\n"
+        "          index, length and bytes\n"
+        "families  index, kind, offset, maximum size, masks and names of every family\n"
+        "\n"
+        "Exit status: 0 done, 1 a key without value or a text that does not parse, 2 usage.\n",
+        stdout);
+  return 0;
+}
+
+void families_start() {
+  static zsock_hooks h = zsock_hooks_libc();
+  zsock_init(GF_MAX_DAEMON, zsock_daemon_family_names, 8192, &h);
+  zsock_register_every_family();
+}
+
+int show_addr(const char *family, char **texts, int n) {
+  families_start();
+  int gf = zsock_family_lookup(family);
+  if (gf < 0) {
+    fprintf(stderr, "tvxinfo: unknown address family: %s\n", family);
+    return 2;
+  }
+  static uint8_t buf[ZSOCK_LONG_MAX + 1];
+  static char text[16384];
+  auto *a = reinterpret_cast<zsockaddr_t *>(buf);
+  int rc = 0;
+  for (int i = 0; i < n; i++) {
+    int plen = -1;
+    if (!sockparse_prefix(gf, texts[i], sizeof buf, a, &plen)) {
+      fprintf(stderr, "tvxinfo: %s: not an address of family %s\n", texts[i], family);
+      rc = 1;
+      continue;
+    }
+    sockprint(text, sizeof text, a, 0);
+    printf("%s", text);
+    if (plen >= 0) printf("/%d", plen);
+    printf("  family %s index %d, %u bytes:", zsock_family_row(gf)->gf_name, gf, socklen(a));
+    for (unsigned k = 0; k < socklen(a); k++) printf(" %02x", buf[k]);
+    printf("\n");
+  }
+  return rc;
+}
+
+int show_families() {
+  families_start();
+  printf("%-5s %-5s %-6s %-5s %-6s %-14s %s\n", "index", "kind", "offset", "max", "masks", "short", "name");
+  const zsock_family *u = zsock_family_row(GF_UNSPEC);
+  printf("%-5u %-5u %-6u %-5u %-6u %-14s %s\n", 0u, unsigned{u->gf_kind}, unsigned{u->gf_offset},
+         unsigned{u->gf_max_size}, 0u, "unspec", u->gf_name);
+  for (unsigned i = 0; zsock_table_rows[i].name; i++) {
+    const zsock_table_row &t = zsock_table_rows[i];
+    const zsock_family *r = zsock_family_row(zsock_table_daemon_gf(i));
+    printf("%-5u %-5u %-6u %-5u %-6u %-14s %s\n", zsock_table_daemon_gf(i), t.kind, t.offset, t.max_size,
+           r ? r->gf_masks.mt_count : 0, t.short_name, t.name);
+  }
+  return 0;
 }
 
 int show_key(const char *key) {
@@ -47,6 +119,12 @@ int show_key(const char *key) {
 
 int main(int argc, char **argv) {
   if (argc < 2) return usage();
+  if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) return help();
+  if (strcmp(argv[1], "addr") == 0) {
+    if (argc < 4) return usage();
+    return show_addr(argv[2], argv + 3, argc - 3);
+  }
+  if (strcmp(argv[1], "families") == 0) return argc == 2 ? show_families() : usage();
   if (strcmp(argv[1], "path") == 0) {
     if (argc < 3) return usage();
     for (int i = 2; i < argc; i++) printf("%s\n", tvx_path(argv[i]).c_str());

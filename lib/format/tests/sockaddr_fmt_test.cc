@@ -11,6 +11,8 @@
 #include "format/task_fmt.h"
 #include "daemon_families.h"
 #include "sockaddr/families.h"
+#include "sockaddr/flow.h"
+#include "sockaddr/routing.h"
 
 namespace {
 
@@ -71,6 +73,31 @@ TEST_F(Addr, Inet6) {
   EXPECT_EQ(fmt("%A", a), "2001:db8::1");
   EXPECT_EQ(fmt("%#A", a), "2001:db8::1+179");
   EXPECT_EQ(fmt("%A / %A", inet6_build_v4_mapped_dest(in("1.2.3.4")), in("1.2.3.4")), "::ffff:1.2.3.4 / 1.2.3.4");
+}
+
+// The other rows of the family table print through %A as their printers do,
+// a flow past 255 bytes too.
+TEST_F(Addr, EveryRowOfTheTableReachesPercentA) {
+  for (unsigned i = 0; zsock_table_rows[i].name; i++)
+    if (unsigned gf = zsock_table_daemon_gf(i); !zsock_family_row(gf))
+      zsock_register_row(zsock_table_rows[i].short_name, gf);
+  for (unsigned gf = 0; gf < zsock_gf_max(); gf++) {
+    if (!zsock_family_row(gf) || gf == kNoPrinter) continue;
+    zsockaddr_t *a = sockbuild_empty(gf, 4);  // 4 bytes: the long families' least
+    EXPECT_NE(fmt("%A", a), "Func Null") << "family " << gf;
+  }
+  const uint8_t rd[8] = {0, 0, 0xfd, 0xe8, 0, 0, 0, 1}, esi[10] = {}, mac[6] = {0, 0x11, 0x22, 0x33, 0x44, 0x55};
+  zsockaddr_t *route = evpn_addr_build_mac(rd, esi, 100, mac, in("10.0.0.1"));
+  EXPECT_EQ(fmt("<%A>", route), "<2:65000:1:00:00:00:00:00:00:00:00:00:00:100:48.0:11:22:33:44:55:10.0.0.1>");
+  static uint8_t room[1024];
+  zsockaddr_t *f = flow_common_init(room, sizeof room, GF_INETFLOW, nullptr);
+  flow_term ports[120];
+  for (unsigned p = 0; p < 120; p++) ports[p] = {FLOW_OP_EQ, 1000 + p};
+  flow_common_add_terms(f, sizeof room, FLOW_PORT, ports, 120);
+  ASSERT_GT(socklen(f), 255u);
+  std::string text = fmt("%A|%d", f, 7);
+  EXPECT_EQ(text.substr(0, 21), "port=1000|=1001|=1002");
+  EXPECT_EQ(text.size(), 255u) << "cut at the buffer, whatever the address's length";
 }
 
 TEST_F(Addr, FailureWords) {

@@ -202,7 +202,7 @@ TEST_F(Scan, RawRecordsAreScannedAsTheyCome) {
     peer.push(raw(RTS_T_IFDSTATS, {}, q.hdr.seq + 1000, RTS_OP_CHANGE));
     rts_ifstats_msg r = q;
     r.ifsm_index = next;
-    r.ifsm_ipackets = next * 10;
+    r.ifsm_ibps = next * 10;
     peer.push(FakePeer::Msg(reinterpret_cast<uint8_t *>(&r), reinterpret_cast<uint8_t *>(&r) + sizeof r));
     return 0;
   };

@@ -7,6 +7,7 @@
 
 #include "platform/backtrace.h"
 #include "platform/compat.h"
+#include "platform/pvidb.h"
 #include "platform/version.h"
 
 TEST(Compat, StrlcpyAndStrlcatTruncateAndReport) {
@@ -80,4 +81,27 @@ TEST(Version, BannerAndXml) {
   EXPECT_NE(s.find("<product>TUNECHOD</product>"), std::string::npos);
   EXPECT_NE(s.find("<compiler>"), std::string::npos);
   EXPECT_FALSE(xml_on_board());
+}
+
+// ---- Platform attributes ----------------------------------------------------------------
+
+TEST(Pvidb, DefaultsOverridesAndUnknownNames) {
+  uint64_t v = 9;
+  ASSERT_EQ(pvidb_get("platform.support_transit_acccounting", &v), 0);
+  EXPECT_EQ(v, 1u);
+  ASSERT_EQ(pvidb_get("global.retrieve_ifl_stats_from_cntd", &v), 0);
+  EXPECT_EQ(v, 0u);
+  setenv("TVX_PVIDB_GLOBAL_RETRIEVE_IFL_STATS_FROM_CNTD", "yes", 1);
+  ASSERT_EQ(pvidb_get("global.retrieve_ifl_stats_from_cntd", &v), 0);
+  EXPECT_EQ(v, 1u);
+  setenv("TVX_PVIDB_GLOBAL_RETRIEVE_IFL_STATS_FROM_CNTD", "0x10", 1);
+  ASSERT_EQ(pvidb_get("global.retrieve_ifl_stats_from_cntd", &v), 0);
+  EXPECT_EQ(v, 16u);
+  for (const char *bad : {"", "maybe", "-1", "12x"}) {
+    setenv("TVX_PVIDB_GLOBAL_RETRIEVE_IFL_STATS_FROM_CNTD", bad, 1);
+    EXPECT_EQ(pvidb_get("global.retrieve_ifl_stats_from_cntd", &v), EINVAL) << bad;
+  }
+  unsetenv("TVX_PVIDB_GLOBAL_RETRIEVE_IFL_STATS_FROM_CNTD");
+  EXPECT_EQ(pvidb_get("platform.no_such_thing", &v), ENOENT);
+  EXPECT_EQ(pvidb_get(nullptr, &v), ENOENT);
 }

@@ -146,28 +146,49 @@ using T = rts_rtb_msg;
 constexpr auto kRtb = with_masks(std::array{
     F_NESTED(T, hdr, rts_hdr_struct, 1), F_INT(T, rtbm_index, 2), F_INT(T, rtbm_af, 3),
     F_INT(T, rtbm_type, 4), F_INT(T, rtbm_flags, 5), F_BLOB(T, rtbm_name, rtbm_name_len, 6),
-    F_INT(T, rtbm_parent, 7), F_INT(T, rtbm_route_count, 8)});
+    F_INT(T, rtbm_parent, 7), F_INT(T, rtbm_route_count, 8), F_INT(T, rtbm_attr, 9)});
 
 // ---- Interfaces ----------------------------------------------------------------------
+using MA = rts_ifd_mcae;
+constexpr auto kMcae = std::array{F_INT(MA, rg_id, 1), F_INT(MA, mcae_id, 2), F_INT(MA, mode, 3),
+                                  F_INT(MA, status, 4), F_INT(MA, local_port_id, 5),
+                                  F_INT(MA, chassis_id, 6)};
+using EP = rts_ifd_ep;
+constexpr auto kEp = std::array{F_INT(EP, flags, 1), F_INT(EP, lacp_mode, 2), F_INT(EP, lacp_period, 3),
+                                F_INT(EP, system_priority, 4)};
+using FW = rts_ifd_fw;
+constexpr auto kFw = std::array{F_INT(FW, input, 1), F_INT(FW, output, 2)};
+using VT = rts_ifl_vtep;
+constexpr auto kVtep = std::array{F_INT(VT, flags, 1), F_INT(VT, udp_port, 2), F_FIXED(VT, src, 3)};
+constexpr rts_struct kMcaeStruct = make("rts_ifd_mcae", kMcae, sizeof(rts_ifd_mcae));
+constexpr rts_struct kEpStruct = make("rts_ifd_ep", kEp, sizeof(rts_ifd_ep));
+constexpr rts_struct kFwStruct = make("rts_ifd_fw", kFw, sizeof(rts_ifd_fw));
+constexpr rts_struct kVtepStruct = make("rts_ifl_vtep", kVtep, sizeof(rts_ifl_vtep));
+
 using D = rts_ifd_msg;
 constexpr auto kIfd = with_masks(std::array{
     F_NESTED(D, hdr, rts_hdr_struct, 1), F_INT(D, ifdm_index, 2),
     F_BLOB(D, ifdm_name, ifdm_name_len, 3), F_INT(D, ifdm_snmp_index, 4),
     F_INT(D, ifdm_flags, 5), F_INT(D, ifdm_devflags, 6), F_INT(D, ifdm_porttype, 7),
     F_INT(D, ifdm_mtu, 8), F_INT(D, ifdm_speed, 9), F_FIXED(D, ifdm_mac, 10),
-    F_INT(D, ifdm_agg_parentidx, 11)});
+    F_INT(D, ifdm_agg_parentidx, 11), F_INT(D, ifdm_ifh_parentidx, 12), F_INT(D, ifdm_state, 13),
+    F_INT(D, ifdm_duplex, 14), F_INT(D, ifdm_autoneg, 15), F_NESTED(D, ifdm_mcae, kMcaeStruct, 16),
+    F_NESTED(D, ifdm_ep, kEpStruct, 17), F_NESTED(D, ifdm_fw, kFwStruct, 18)});
 
 using L = rts_ifl_msg;
 constexpr auto kIfl = with_masks(std::array{
     F_NESTED(L, hdr, rts_hdr_struct, 1), F_INT(L, iflm_ifd_index, 2), F_INT(L, iflm_index, 3),
     F_INT(L, iflm_unit, 4), F_BLOB(L, iflm_name, iflm_name_len, 5),
     F_INT(L, iflm_snmp_index, 6), F_INT(L, iflm_flags, 7), F_INT(L, iflm_rtb_id, 8),
-    F_INT(L, iflm_encaps, 9), F_INT(L, iflm_vlan, 10), F_INT(L, iflm_bandwidth, 11)});
+    F_INT(L, iflm_encaps, 9), F_INT(L, iflm_vlan, 10), F_INT(L, iflm_bandwidth, 11),
+    F_INT(L, iflm_agg_index, 12), F_INT(L, iflm_df_role, 13), F_INT(L, iflm_bw_weight, 14),
+    F_NESTED(L, iflm_vtep, kVtepStruct, 15)});
 
 using F = rts_iff_msg;
 constexpr auto kIff = with_masks(std::array{
     F_NESTED(F, hdr, rts_hdr_struct, 1), F_INT(F, iffm_ifl_index, 2), F_INT(F, iffm_af, 3),
-    F_INT(F, iffm_flags, 4), F_INT(F, iffm_mtu, 5), F_BLOB(F, iffm_name, iffm_name_len, 6)});
+    F_INT(F, iffm_flags, 4), F_INT(F, iffm_mtu, 5), F_BLOB(F, iffm_name, iffm_name_len, 6),
+    F_INT(F, iffm_max_mtu, 7), F_INT(F, iffm_features, 8)});
 
 using A = rts_ifa_msg;
 constexpr auto kIfa = with_masks(std::array{

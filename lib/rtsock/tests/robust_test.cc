@@ -192,20 +192,20 @@ TEST_F(Robust, RawStatisticsSkipStaleReplies) {
     rts_ifstats_msg req;
     memcpy(&req, m.data(), sizeof req);
     answer.hdr.seq = req.hdr.seq - 1;
-    answer.ifsm_ipackets = 1;
+    answer.ifsm_ibps = 1;
     peer.queue.push_back(raw_record(&answer, sizeof answer));
     answer.hdr.type = RTS_T_IFLSTATS;  // right number, wrong type
     answer.hdr.seq = req.hdr.seq;
     peer.queue.push_back(raw_record(&answer, sizeof answer));
     answer.hdr.type = RTS_T_IFDSTATS;
-    answer.ifsm_ipackets = 2;
+    answer.ifsm_ibps = 2;
     peer.queue.push_back(raw_record(&answer, sizeof answer));
     return 0;
   };
   rts_ifstats_msg *st = nullptr;
   ASSERT_EQ(rtslib_ifdsm_get_by_index(c, 3, &st), 0);
   ASSERT_NE(st, nullptr);
-  EXPECT_EQ(uint64_t{st->ifsm_ipackets}, 2u);
+  EXPECT_EQ(uint64_t{st->ifsm_ibps}, 2u);
   EXPECT_EQ(mismatches, 0);
   EXPECT_TRUE(peer.queue.empty());
   rtslib_msg_idl_release(c, st);

@@ -395,7 +395,7 @@ TEST_F(Rtslib, RawStatisticsAndTheSequenceCheck) {
   answer.hdr.type = RTS_T_IFLSTATS;
   answer.hdr.length = sizeof answer;
   answer.ifsm_index = 70;
-  answer.ifsm_ipackets = 12345;
+  answer.ifsm_ibps = 12345;
   uint32_t seq_delta = 0;
   peer.on_write = [&](const FakePeer::Msg &m) {
     rts_ifstats_msg req;
@@ -406,7 +406,7 @@ TEST_F(Rtslib, RawStatisticsAndTheSequenceCheck) {
   };
   rts_ifstats_msg *st;
   ASSERT_EQ(rtslib_iflsm_get_by_index(c, 70, &st), 0);
-  EXPECT_EQ(uint64_t{st->ifsm_ipackets}, 12345u);
+  EXPECT_EQ(uint64_t{st->ifsm_ibps}, 12345u);
   rtslib_msg_idl_release(c, st);
   EXPECT_EQ(peer.written.back().size(), sizeof(rts_ifstats_msg));
   EXPECT_EQ(peer.written.back()[0] | peer.written.back()[1], 0) << "a raw record starts with a zero word";

@@ -158,6 +158,7 @@ inline rts_rtb_msg rtb(Store &s) {
   m.rtbm_name_len = 11;
   m.rtbm_parent = 0;
   m.rtbm_route_count = 12;
+  m.rtbm_attr = 0x21;
   return m;
 }
 
@@ -176,6 +177,13 @@ inline rts_ifd_msg ifd(Store &s) {
   const uint8_t mac[6] = {0x02, 0, 0, 0, 0, 1};
   memcpy(m.ifdm_mac, mac, 6);
   m.ifdm_agg_parentidx = 0;
+  m.ifdm_ifh_parentidx = 3;
+  m.ifdm_state = RTS_IFD_STATE_LINKDOWN;
+  m.ifdm_duplex = 2;
+  m.ifdm_autoneg = 1;
+  m.ifdm_mcae = {5, 9, 1, 2, 0x0102, 1};
+  m.ifdm_ep = {RTS_IFD_EP_FLOW_CONTROL, 2, 1, 127};
+  m.ifdm_fw = {11, 12};
   return m;
 }
 
@@ -193,6 +201,13 @@ inline rts_ifl_msg ifl(Store &s) {
   m.iflm_encaps = 1;
   m.iflm_vlan = 0;
   m.iflm_bandwidth = 1000000000ull;
+  m.iflm_agg_index = 80;
+  m.iflm_df_role = 1;
+  m.iflm_bw_weight = 200;
+  m.iflm_vtep.flags = 1;
+  m.iflm_vtep.udp_port = 4789;
+  const uint8_t src[4] = {192, 0, 2, 1};
+  memcpy(m.iflm_vtep.src, src, 4);
   return m;
 }
 
@@ -205,6 +220,8 @@ inline rts_iff_msg iff(Store &s) {
   m.iffm_mtu = 1500;
   m.iffm_name = s.bytes<char>("lo0.0", 6);
   m.iffm_name_len = 6;
+  m.iffm_max_mtu = 9192;
+  m.iffm_features = 0x100000002ull;
   return m;
 }
 

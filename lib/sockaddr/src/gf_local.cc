@@ -10,11 +10,13 @@
 
 #include "sockaddr/families.h"
 #include "zsock_internal.h"
+#include "zsock_rows.h"
 #include "zsock_text.h"
 
 using namespace zsock;
 
 unsigned gf_unix = GF_UNSPEC;
+static unsigned gf_str = GF_UNSPEC;
 unsigned gf_i802 = GF_UNSPEC;
 
 extern "C" const zsock_family_name zsock_daemon_family_names[] = {
@@ -60,6 +62,21 @@ void unix_init(zsock_ops *ops) {
   ops->sock2unix = unix_to_native;
 }
 
+// A string address: text without a terminator, as a UNIX path is held.
+bool str_parse(const char *text, zsockaddr_t *buf, size_t size, int *result_len) {
+  size_t n = strlen(text);
+  if (n + 2 > 255 || n + 2 > size) return false;
+  socksetlen(buf, gf_str, n + 2);
+  memcpy(buf->zs_data, text, n);
+  *result_len = -1;
+  return true;
+}
+
+void str_init(zsock_ops *ops) {
+  ops->printer = unix_print;
+  ops->parse = str_parse;
+}
+
 int i802_print(char *text, size_t size, const zsockaddr_t *a, int) {
   static constexpr char hex[] = "0123456789abcdef";
   char buf[18];
@@ -95,6 +112,15 @@ void i802_init(zsock_ops *ops) {
 }
 
 }  // namespace
+
+namespace zsock {
+
+void register_str(unsigned gf, unsigned kind, const char *name) {
+  gf_str = gf;
+  zsock_init_family(kind, gf, 2, 0, nullptr, 0, name, str_init);
+}
+
+}  // namespace zsock
 
 extern "C" {
 

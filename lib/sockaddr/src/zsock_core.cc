@@ -6,7 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <algorithm>
+
 #include "platform/compat.h"
+#include "zsock_fields.h"
 #include "zsock_internal.h"
 
 namespace zsock {
@@ -31,6 +34,31 @@ extern "C" {
 namespace {
 void *libc_alloc(unsigned, size_t size) { return calloc(1, size); }
 void libc_free(void *p, unsigned) { free(p); }
+// An address of no family prints its bytes from 2 in dotted hex, and parses
+// back from that text.
+int unspec_print(char *text, size_t size, const zsockaddr_t *a, int) {
+  Out o(text, size);
+  unsigned len = std::min(socklen(a), 156u);
+  o.dotted_hex(a->zs_data, len > 2 ? len - 2 : 0);
+  return o.len();
+}
+
+bool unspec_parse(const char *text, zsockaddr_t *buf, size_t size, int *result_len) {
+  uint8_t b[154];
+  size_t k;
+  const char *t = text;
+  if (!read_dotted_hex(t, b, sizeof b, &k) || *t || k + 2 > size) return false;
+  socksetlen(buf, GF_UNSPEC, k + 2);
+  memcpy(buf->zs_data, b, k);
+  *result_len = -1;
+  return true;
+}
+
+void unspec_init(zsock_ops *ops) {
+  ops->printer = unspec_print;
+  ops->parse = unspec_parse;
+}
+
 }  // namespace
 
 zsock_hooks zsock_hooks_libc(void) {
@@ -56,7 +84,7 @@ void zsock_init(unsigned gf_max, const zsock_family_name *names, size_t ring_siz
   g.ring = static_cast<uint8_t *>(alloc(ZSOCK_CLASS_RING, ring_size));
   memset(g.ring, 0, ring_size);
   g.ring_size = ring_size;
-  zsock_init_family(147, GF_UNSPEC, 2, 156, nullptr, 0, "zsockaddr_gf_unspec", nullptr);
+  zsock_init_family(147, GF_UNSPEC, 2, 156, nullptr, 0, "zsockaddr_gf_unspec", unspec_init);
 }
 
 void zsock_shutdown(void) {
@@ -91,6 +119,11 @@ void zsock_init_family(unsigned kind, unsigned gf, unsigned offset, unsigned max
   if (init) init(ops);
   r.gf_ops = ops;
   if (ops->printer && g.hooks.printf_ext) g.hooks.printf_ext(gf, ops->printer, ZTASK_FMT_ZSOCKA, r.gf_native);
+}
+
+void zsock_init_composite_info(unsigned gf, const void *info) {
+  ZSOCK_ASSERT(row(gf) != nullptr);
+  g.table[gf].gf_composite = const_cast<void *>(info);
 }
 
 unsigned zsock_gf_max(void) { return g.gf_max; }
@@ -206,7 +239,11 @@ zsockaddr_t *sockbuild(unsigned gf, unsigned len) {
 const zsockaddr_t *sockmask_for_len(unsigned gf, unsigned bits) {
   const zsock_family *r = row(gf);
   if (!r || bits >= r->gf_masks.mt_count) return nullptr;
-  return reinterpret_cast<const zsockaddr_t *>(r->gf_masks.mt_start + bits * r->gf_masks.mt_entry_size);
+  // A count worked out from a maximum size that is not a multiple of 4 (the
+  // iso row's) says more than the table holds: past its end there is none.
+  const uint8_t *m = r->gf_masks.mt_start + size_t{bits} * r->gf_masks.mt_entry_size;
+  if (m + r->gf_masks.mt_entry_size > r->gf_masks.mt_end) return nullptr;
+  return reinterpret_cast<const zsockaddr_t *>(m);
 }
 
 int sockmask_index(const zsock_family *r, const zsockaddr_t *mask) {
@@ -232,7 +269,7 @@ bool sockparse(unsigned gf, const char *text, size_t size, zsockaddr_t *result) 
 }
 
 int sockparse_len(unsigned gf, const char *text) {
-  alignas(8) uint8_t buf[ZSOCK_GF_LIMIT];
+  alignas(8) uint8_t buf[ZSOCK_LONG_MAX + 1];
   auto *a = reinterpret_cast<zsockaddr_t *>(buf);
   return sockparse(gf, text, sizeof buf, a) ? static_cast<int>(socklen(a)) : -1;
 }

@@ -297,7 +297,7 @@ TEST_F(Core, NamesAndRegistrationsReachTheHooks) {
     EXPECT_EQ(code, unsigned{ZTASK_FMT_ZSOCKA});
     gfs.push_back(gf);
   }
-  EXPECT_EQ(gfs, (std::vector<unsigned>{GF_INET, GF_INET6, GF_UNIX, GF_I802}));
+  EXPECT_EQ(gfs, (std::vector<unsigned>{GF_UNSPEC, GF_INET, GF_INET6, GF_UNIX, GF_I802}));
   EXPECT_EQ(ledger.letters, "imp");
   EXPECT_EQ(zsock_family_row(GF_UNSPEC)->gf_kind, 147);
   EXPECT_EQ(zsock_family_row(GF_UNSPEC)->gf_max_size, 156);

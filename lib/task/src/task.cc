@@ -39,13 +39,13 @@ namespace {
 
 bool on_any_list(const task *tp) {
   if (tp->task_forw) return true;
-  for (const auto &l : tp->task_notify_links)
-    if (l[0] || l[1]) return true;
+  for (unsigned i = 0; i < TASK_NOTIFY_LISTS; i++)
+    if (task_notify_list_has(tp, i)) return true;
   return false;
 }
 
 void unlink_all(task *tp) {
-  for (auto &l : tp->task_notify_links) l[0] = l[1] = nullptr;
+  for (unsigned i = 0; i < TASK_NOTIFY_LISTS; i++) task_notify_list_remove(tp, i);
   if (tp->task_forw) {
     tp->task_back->task_forw = tp->task_forw;
     tp->task_forw->task_back = tp->task_back;

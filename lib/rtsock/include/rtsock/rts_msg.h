@@ -255,30 +255,89 @@ struct rts_rtb_msg {
   uint32_t rtbm_name_len;
   uint16_t rtbm_parent;
   uint32_t rtbm_route_count;
+  uint16_t rtbm_attr;     // the table's attribute word; a change of it is a change of the table
 };
 constexpr uint16_t RTS_RTB_INDEX_BY_NAME = 65535;
 
 // Interface names in requests: at most 60 bytes with the terminator.
 constexpr uint32_t RTS_IFNAME_MAX = 60;
 
-// Interface device, type 5, version 106.
+// Interface records, types 5 to 8. The fields below are this platform's
+// choice (the kernel's own lists are not published): what a mirror of the
+// interfaces keeps and compares, each under its own tag. Nested groups are
+// written "group.field" in rtsockd's text form ("mcae.rg_id=1").
+
+// Multichassis aggregate (MC-AE) options of a device; rg_id 0: none.
+struct rts_ifd_mcae {
+  uint32_t rg_id;          // redundancy group
+  uint32_t mcae_id;
+  uint8_t mode;            // 1 active-active, 2 active-standby
+  uint8_t status;          // 1 active, 2 standby
+  uint16_t local_port_id;  // this chassis's port id inside the group
+  uint8_t chassis_id;
+};
+// Ethernet-port options of a device: LACP and link options.
+struct rts_ifd_ep {
+  uint32_t flags;          // RTS_IFD_EP_*
+  uint8_t lacp_mode;       // 0 off, 1 passive, 2 active
+  uint8_t lacp_period;     // 0 slow, 1 fast
+  uint16_t system_priority;
+};
+enum : uint32_t { RTS_IFD_EP_FLOW_CONTROL = 0x1, RTS_IFD_EP_LOOPBACK = 0x2, RTS_IFD_EP_NO_AUTONEG = 0x4 };
+// Firewall filters bound to a device, by filter index (0: none bound):
+// binding type 1 is input, 2 output.
+struct rts_ifd_fw {
+  uint32_t input;
+  uint32_t output;
+};
+enum : uint8_t { RTS_FW_BIND_INPUT = 1, RTS_FW_BIND_OUTPUT = 2 };
+
+// Interface device, type 5, version 106. An aggregate member names its
+// parent device by agg_parentidx, an interface-hierarchy child by
+// ifh_parentidx; never both.
 struct rts_ifd_msg {
   rts_msg_hdr hdr;
   uint16_t ifdm_index;
   char *ifdm_name;
   uint32_t ifdm_name_len;
   uint32_t ifdm_snmp_index;
-  uint32_t ifdm_flags;
+  uint32_t ifdm_flags;      // RTS_IFF_* below
   uint32_t ifdm_devflags;
-  uint16_t ifdm_porttype;
+  uint16_t ifdm_porttype;   // media: the port type, fixed once the device exists
   uint32_t ifdm_mtu;
   uint64_t ifdm_speed;
   uint8_t ifdm_mac[6];
   uint16_t ifdm_agg_parentidx;
+  uint16_t ifdm_ifh_parentidx;
+  uint32_t ifdm_state;      // RTS_IFD_STATE_* (why a device is down)
+  uint8_t ifdm_duplex;      // 0 auto, 1 half, 2 full
+  uint8_t ifdm_autoneg;     // 0 off, 1 on, 2 complete
+  rts_ifd_mcae ifdm_mcae;
+  rts_ifd_ep ifdm_ep;
+  rts_ifd_fw ifdm_fw;
+};
+// Flag bits of devices and logical interfaces, in the order their names are
+// printed: "Broadcast", "PointToPoint", "Simplex", "Absent", "AbsentDown",
+// "NoAge", "Localup", "OamDown", "Refresh". RTS_IFF_UP is the link state.
+enum : uint32_t {
+  RTS_IFF_BROADCAST = 0x1, RTS_IFF_POINTOPOINT = 0x2, RTS_IFF_SIMPLEX = 0x4, RTS_IFF_ABSENT = 0x8,
+  RTS_IFF_ABSENTDOWN = 0x10, RTS_IFF_NOAGE = 0x20, RTS_IFF_LOCALUP = 0x40, RTS_IFF_OAMDOWN = 0x80,
+  RTS_IFF_REFRESH = 0x100, RTS_IFF_UP = 0x8000,
+};
+// Down causes of a device: "harddown", "admindown", "linkdown".
+enum : uint32_t { RTS_IFD_STATE_HARDDOWN = 0x1, RTS_IFD_STATE_ADMINDOWN = 0x2, RTS_IFD_STATE_LINKDOWN = 0x4 };
+
+// VTEP data of a logical interface that is a VXLAN tunnel end point;
+// flags 0: not one.
+struct rts_ifl_vtep {
+  uint32_t flags;       // bit 0: a VTEP; bit 1: the source is IPv6
+  uint16_t udp_port;
+  uint8_t src[16];      // the source address, 4 or 16 bytes used
 };
 
 // Logical interface, type 6, version 107. The name is the device's; the
-// logical interface is "<name>.<unit>".
+// logical interface is "<name>.<unit>". rtb_id is the routing instance it
+// belongs to; agg_index the aggregate's logical interface (0 none).
 struct rts_ifl_msg {
   rts_msg_hdr hdr;
   uint16_t iflm_ifd_index;
@@ -292,10 +351,16 @@ struct rts_ifl_msg {
   uint16_t iflm_encaps;
   uint16_t iflm_vlan;
   uint64_t iflm_bandwidth;
+  uint32_t iflm_agg_index;
+  uint8_t iflm_df_role;       // EVPN designated forwarder: 0 none, 1 DF, 2 non-DF
+  uint16_t iflm_bw_weight;    // 0 on the wire means the default, 32768
+  rts_ifl_vtep iflm_vtep;
 };
 
 // Address family on a logical interface, type 7, version 102. The name is the
-// logical interface's ("<device>.<unit>").
+// logical interface's ("<device>.<unit>"). mtu is the configured value,
+// max_mtu what the device allows; the family's effective MTU is the smaller
+// non-zero one. features is the family's 64-bit feature word.
 struct rts_iff_msg {
   rts_msg_hdr hdr;
   uint32_t iffm_ifl_index;
@@ -304,9 +369,11 @@ struct rts_iff_msg {
   uint32_t iffm_mtu;
   char *iffm_name;
   uint32_t iffm_name_len;
+  uint32_t iffm_max_mtu;
+  uint64_t iffm_features;
 };
 
-// Interface address, type 8, version 101.
+// Interface address, type 8, version 101. flags: RTS_IFA_* below.
 struct rts_ifa_msg {
   rts_msg_hdr hdr;
   uint32_t ifam_ifl_index;
@@ -322,6 +389,7 @@ struct rts_ifa_msg {
   uint16_t ifam_bcast_plen;
   uint8_t *ifam_bcast;
 };
+enum : uint32_t { RTS_IFA_PRIMARY = 0x1, RTS_IFA_PREFERRED = 0x2, RTS_IFA_DEST = 0x10 };
 
 // Generic configuration, type 72, version 105.
 #pragma pack(push, 4)
@@ -378,19 +446,110 @@ struct rts_raw_hdr {
 static_assert(sizeof(rts_raw_hdr) == 28);
 static_assert(offsetof(rts_raw_hdr, length) == 8);
 
-// Interface statistics, types 15 (device) and 16 (logical), version 99/100.
+// ---- Interface statistics, types 15 (device) and 16 (logical) ------------------
+// Raw records, version 99 and 100. A request is the fixed part alone, with
+// the index; the answer is the fixed part, then from ifsm_var_off:
+//   the name (ifsm_name_len bytes with its NUL), padded to 4;
+//   the current section: ifsm_cur_count 64-bit counters (slots below), padded to 4;
+//   the baseline section: ifsm_base_count counters, their values at the last
+//     clear (none when the interface was never cleared), padded to 4;
+//   TLVs up to hdr.length: u16 type, u16 length of the value, the value, the
+//     next TLV at the value's start + ((length + 3) & ~3); a length of 0 ends them.
+// Counters and 64-bit values sit on 4-byte boundaries: read them with memcpy.
+// rts_ifstats.h finds and builds these parts.
 struct rts_ifstats_msg {
-  rts_raw_hdr hdr;
-  uint32_t ifsm_index;
-  uint32_t ifsm_reserved;
-  uint64_t ifsm_ipackets;
-  uint64_t ifsm_ibytes;
-  uint64_t ifsm_opackets;
-  uint64_t ifsm_obytes;
-  uint64_t ifsm_ierrors;
-  uint64_t ifsm_oerrors;
+  rts_raw_hdr hdr;          // 0x00
+  uint16_t ifsm_var_off;    // 0x1C: where the variable data starts, from the record's start
+  uint8_t ifsm_flags;       // 0x1E: RTS_IFSM_*
+  uint8_t ifsm_name_len;    // 0x1F
+  uint8_t ifsm_cur_count;   // 0x20: counters in the current section
+  uint8_t ifsm_base_count;  // 0x21: counters in the baseline section
+  uint8_t ifsm_media;       // 0x22: the interface's media type (RTS_MEDIA_*)
+  uint8_t ifsm_reserved;
+  uint32_t ifsm_index;      // 0x24: device or logical index
+  uint16_t ifsm_link_type;  // 0x28
+  uint16_t ifsm_reserved2;
+  uint64_t ifsm_ibps;       // 0x2C: rates, bits and packets per second
+  uint64_t ifsm_ipps;
+  uint64_t ifsm_obps;
+  uint64_t ifsm_opps;
+  uint64_t ifsm_clear_time; // 0x4C: seconds since the epoch of the last clear, 0 never
 };
 static_assert(sizeof(rts_ifstats_msg) == 84);
+static_assert(offsetof(rts_ifstats_msg, ifsm_name_len) == 0x1F);
+static_assert(offsetof(rts_ifstats_msg, ifsm_cur_count) == 0x20);
+static_assert(offsetof(rts_ifstats_msg, ifsm_base_count) == 0x21);
+
+enum : uint8_t {
+  RTS_IFSM_UP = 0x1,        // administratively up
+  RTS_IFSM_LINK = 0x2,      // link up
+  RTS_IFSM_CLEARED = 0x4,   // the baseline section holds a clear
+};
+
+// Media types that tell Ethernet-like interfaces (with a link type other than
+// RTS_LINK_TYPE_NOT_ETHER): 11 to 14, 23, 31, 63, 86, 88.
+enum : uint8_t { RTS_MEDIA_ETHER = 11, RTS_MEDIA_LOOPBACK = 24, RTS_MEDIA_TUNNEL = 70 };
+constexpr uint16_t RTS_LINK_TYPE_NOT_ETHER = 0xD1;
+
+// Slots of the current and baseline sections. A device fills traffic and
+// errors; a logical interface fills traffic (locally terminated) and transit.
+enum rts_ifsm_slot : uint8_t {
+  RTS_IFSC_IBYTES, RTS_IFSC_IPACKETS, RTS_IFSC_IUCAST, RTS_IFSC_IMCAST, RTS_IFSC_IBCAST,
+  RTS_IFSC_OBYTES, RTS_IFSC_OPACKETS, RTS_IFSC_OUCAST, RTS_IFSC_OMCAST, RTS_IFSC_OBCAST,
+  RTS_IFSC_I6BYTES, RTS_IFSC_I6PACKETS, RTS_IFSC_O6BYTES, RTS_IFSC_O6PACKETS,
+  RTS_IFSC_IERRORS, RTS_IFSC_IDROPS, RTS_IFSC_IFRAMING, RTS_IFSC_IRUNTS, RTS_IFSC_IGIANTS,
+  RTS_IFSC_IDISCARDS, RTS_IFSC_IRESOURCE, RTS_IFSC_OERRORS, RTS_IFSC_ODROPS,
+  RTS_IFSC_OCOLLISIONS, RTS_IFSC_OAGED, RTS_IFSC_OMTU, RTS_IFSC_CARRIER,
+  // transit traffic of a logical interface, the same ten as the first
+  RTS_IFSC_TIBYTES, RTS_IFSC_TIPACKETS, RTS_IFSC_TIUCAST, RTS_IFSC_TIMCAST, RTS_IFSC_TIBCAST,
+  RTS_IFSC_TOBYTES, RTS_IFSC_TOPACKETS, RTS_IFSC_TOUCAST, RTS_IFSC_TOMCAST, RTS_IFSC_TOBCAST,
+  RTS_IFSC_COUNT
+};
+// The slot names ("ibytes", ... "tobcast"), as the peer's state file uses them.
+extern const char *const rts_ifsm_slot_names[RTS_IFSC_COUNT];
+
+// TLV types of the statistics message, below RTS_IFST_COUNT (487).
+constexpr uint32_t RTS_IFST_COUNT = 0x1E7;
+enum : uint16_t {
+  RTS_IFST_QUEUE = 0x20,       // per-queue counters: rts_ifst_queues, then the queues
+  RTS_IFST_QUEUE_BASE = 0x21,  // the same at the last clear
+  RTS_IFST_VOQ = 0x22,         // virtual output queues, in the same form
+  RTS_IFST_VOQ_BASE = 0x23,
+  RTS_IFST_ETHER_MAC = 0x41,   // rts_ifst_ether_mac, counters since the link came up
+  RTS_IFST_ETHER_LINK = 0x42,  // rts_ifst_ether_link
+};
+constexpr uint32_t RTS_IFST_COLORS = 4;  // drop colors of a queue
+struct rts_ifst_queues {
+  uint32_t n_queues;
+};
+struct rts_ifst_queue {
+  uint64_t queued_packets;
+  uint64_t queued_bytes;
+  uint64_t tx_packets;
+  uint64_t tx_bytes;
+  uint64_t tail_drop_packets;
+  uint64_t red_drop_packets[RTS_IFST_COLORS];
+  uint64_t red_drop_bytes[RTS_IFST_COLORS];
+};
+static_assert(sizeof(rts_ifst_queue) == 104);
+struct rts_ifst_ether_mac {
+  uint64_t in_octets, in_frames, in_ucast, in_mcast, in_bcast;
+  uint64_t in_crc_errors, in_align_errors, in_fragments, in_jabbers, in_oversized,
+      in_undersized, in_pause;
+  uint64_t out_octets, out_frames, out_ucast, out_mcast, out_bcast, out_pause;
+};
+static_assert(sizeof(rts_ifst_ether_mac) == 144);
+struct rts_ifst_ether_link {
+  uint64_t speed;         // bits per second
+  uint32_t mtu;
+  uint8_t duplex;         // 0 unknown, 1 half, 2 full
+  uint8_t autoneg;        // 0 off, 1 on, 2 complete
+  uint8_t flow_control;   // bit 0 receive, bit 1 transmit
+  uint8_t loopback;
+  uint8_t mac[6];
+  uint16_t reserved;
+};
+static_assert(sizeof(rts_ifst_ether_link) == 24);
 #pragma pack(pop)
 
 }  // extern "C"

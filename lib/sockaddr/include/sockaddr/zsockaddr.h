@@ -155,6 +155,8 @@ void zsock_init(unsigned gf_max, const zsock_family_name *names, size_t ring_siz
 zsock_hooks zsock_hooks_libc(void);
 void zsock_init_family(unsigned kind, unsigned gf, unsigned offset, unsigned max_size, const void *mask_table,
                        size_t mask_table_bytes, const char *name, zsock_family_init_fn init);
+// Attaches a composite family's row (sockaddr/composite.h) to its table row.
+void zsock_init_composite_info(unsigned gf, const void *info);
 // Drops every table (tests and orderly shutdown); zsock_init may run again.
 void zsock_shutdown(void);
 

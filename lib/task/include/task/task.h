@@ -90,6 +90,28 @@ enum { TASK_ACCT_READ, TASK_ACCT_WRITE, TASK_ACCT_TIMER, TASK_ACCT_OTHER, TASK_A
 
 typedef void (*task_change_fn)(task *tp, void *arg);
 
+// Kernel-state mirrors (lib/ifstate): the objects whose changes tasks hear of.
+struct if_device;
+struct if_link;
+struct if_family;
+struct if_address;
+struct if_agg_member;
+struct rt_instance;
+// The change callbacks and filters (ifstate/ifchange.h tells what each gets).
+typedef void (*task_iffreplay_fn)(task *tp, void *object, void *arg, int flag, int number);
+typedef void (*task_ifachange_fn)(task *tp, if_address *ifa);
+typedef void (*task_iffchange_fn)(task *tp, if_family *iff, uint32_t previous, void *arg, int number);
+typedef void (*task_iflchange_fn)(task *tp, if_link *ifl);
+typedef void (*task_ifdchange_fn)(task *tp, if_device *ifd, void *arg, uint32_t extra);
+typedef void (*task_iff_flag_change_fn)(task *tp, if_family *iff, uint32_t old_flags, uint32_t new_flags,
+                                        void *arg);
+typedef void (*task_ifl_agg_change_fn)(task *tp, const if_agg_member *member);
+typedef void (*task_rttchange_fn)(task *tp, rt_instance *rti);
+typedef int (*task_ifa_filter_fn)(task *tp, const if_address *ifa);
+typedef int (*task_iff_filter_fn)(task *tp, const if_family *iff);
+typedef int (*task_ifl_filter_fn)(task *tp, const if_link *ifl);
+typedef int (*task_ifd_filter_fn)(task *tp, const if_device *ifd);
+
 struct task {
   task *task_forw;
   task *task_back;
@@ -149,6 +171,22 @@ struct task {
   task_method task_aio;
   task_method task_ack;
   uint8_t task_ack_stopped;  // acknowledgements are not run while set
+  // Change notification of the kernel-state mirrors (ifstate/ifchange.h sets
+  // them and links the task into task_notify_links). Kept behind the fields
+  // the scheduler's pass reads.
+  task_iffreplay_fn task_iffreplay;
+  task_ifachange_fn task_ifachange;
+  task_iffchange_fn task_iffchange;
+  task_iflchange_fn task_iflchange;
+  task_ifdchange_fn task_ifdchange;
+  task_iff_flag_change_fn task_iff_flag_change;
+  task_ifl_agg_change_fn task_ifl_agg_change;
+  task_rttchange_fn task_rttchange;
+  task_ifa_filter_fn task_ifa_filter;
+  task_iff_filter_fn task_iff_filter;
+  task_ifl_filter_fn task_ifl_filter;
+  task_ifd_filter_fn task_ifd_filter;
+  uint8_t task_ifreplay_wanted;  // broadcasts marked "replay" reach the task
 };
 
 // ---- The application record ---------------------------------------------------
@@ -281,6 +319,17 @@ void task_verify_parent(const task *tp);
 
 task *task_get_head(void);
 task *task_next(const task *tp);
+
+// Notification lists: per-thread lists of tasks through
+// task_notify_links[list], ordered by task_priority (equal priorities in the
+// order added). A task leaves every list when its record is collected, so a
+// list never points at a freed task; a walk reads the next task before
+// calling out, and a deleted task stays on the list, flagged, until then.
+void task_notify_list_add(task *tp, unsigned list);     // no-op when already on it
+void task_notify_list_remove(task *tp, unsigned list);  // no-op when not on it
+bool task_notify_list_has(const task *tp, unsigned list);
+task *task_notify_list_first(unsigned list);
+task *task_notify_list_next(const task *tp, unsigned list);
 // Live tasks of the current context.
 uint32_t task_count(void);
 
