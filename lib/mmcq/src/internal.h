@@ -35,7 +35,9 @@ void mmcq_run_grow(mmcq *h);
 void mmcq_finish_grow(mmcq *h);
 // The waits between processes: sleeps from first_us, 1 ms longer each round
 // up to 100 ms, at most 30 s (scaled) in all, then the process ends.
-// Returns when *word no longer holds pid, clearing it if pid died.
+// Returns when *word no longer holds pid, clearing it if pid died. A live
+// process without the file mapped counts as dead: every grower and receiver
+// maps it, so such a pid is a dead one's reused, or damage.
 void mmcq_wait(const mmcq *h, uint32_t *word, uint32_t pid, uint32_t first_us);
 int mmcq_self(void);
 void mmcq_print(const mmcq *h, const char *fmt, ...) __attribute__((format(printf, 2, 3)));

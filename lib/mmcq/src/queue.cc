@@ -118,7 +118,7 @@ bool init_q(mmcq *h, uint32_t max_msg_bytes) {
     mmf_unlock(h->m);
     double limit = 121 * mmf_time_scale(), waited = 0;
     while (mmcq_load(&h->q->magic) != MMCQ_MAGIC_READY && waited < limit &&
-           mmf_pid_alive(static_cast<pid_t>(h->q->creator_pid))) {
+           mmf_holder_alive(h->m, static_cast<pid_t>(h->q->creator_pid))) {
       usleep(10000);
       waited += 0.01;
     }
@@ -140,7 +140,7 @@ void take_over(mmcq *h) {
   uint32_t me = static_cast<uint32_t>(mmcq_self());
   mmf_lock(h->m);
   uint32_t prev = q->receiver_pid;
-  bool live = prev && prev != me && mmf_pid_alive(static_cast<pid_t>(prev));
+  bool live = prev && prev != me && mmf_holder_alive(h->m, static_cast<pid_t>(prev));
   if (prev && prev != me) q->takeovers++;
   mmcq_store(&q->receiver_pid, me);
   mmf_unlock(h->m);

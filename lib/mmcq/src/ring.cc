@@ -107,12 +107,12 @@ void *mmcq_at(mmcq *h, uint32_t off, uint32_t len) {
   return mmf_ensure_mapped(m, off, len);
 }
 
-void mmcq_wait(const mmcq *, uint32_t *word, uint32_t pid, uint32_t first_us) {
+void mmcq_wait(const mmcq *h, uint32_t *word, uint32_t pid, uint32_t first_us) {
   double limit = 30 * mmf_time_scale() * 1e6, waited = 0;
   uint32_t us = first_us ? first_us : 1;
   for (;;) {
     if (mmcq_load(word) != pid) return;
-    if (!mmf_pid_alive(static_cast<pid_t>(pid))) {
+    if (!mmf_holder_alive(h->m, static_cast<pid_t>(pid))) {
       mmcq_cas(word, pid, 0);
       return;
     }
@@ -136,7 +136,7 @@ void mmcq_claim(mmcq *h) {
       mmcq_store(&q->reader_pid, me);
       waited = true;
     }
-    if (!h->sender && !mmf_pid_alive(static_cast<pid_t>(other)) && mmcq_load(&q->grow_new_max)) {
+    if (!h->sender && !mmf_holder_alive(h->m, static_cast<pid_t>(other)) && mmcq_load(&q->grow_new_max)) {
       // A grower died inside its move; its lock is ours once the file's
       // lock word is taken over, and the move is finished before reading.
       mmf_lock(h->m);

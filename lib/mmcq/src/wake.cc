@@ -65,7 +65,7 @@ bool mmcq_check_receiver(mmcq *h) {
   if (!h || !h->sender) return false;
   mmcq_header_t *q = h->q;
   uint32_t pid = mmcq_load(&q->receiver_pid);
-  bool alive = pid && mmf_pid_alive(static_cast<pid_t>(pid));
+  bool alive = pid && mmf_holder_alive(h->m, static_cast<pid_t>(pid));
   if (pid && !alive) {
     mmf_lock(h->m);
     mmcq_cas(&h->q->receiver_pid, pid, 0);

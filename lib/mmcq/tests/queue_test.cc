@@ -555,4 +555,26 @@ TEST_F(MmcqTest, DamagedHeaderIsRebuiltAtOpen) {
   mmcq_delete(r);
 }
 
+// A pid in the grower word or the receiver's of a process that does not
+// have the file mapped (pid 1 here) is damage or a dead process's pid
+// reused: taken over, never waited on until the wait limit kills us.
+TEST_F(MmcqTest, UnrelatedLivePidsAreNotWaitedOn) {
+  mmcq *r = receiver();
+  mmcq *s = sender();
+  ASSERT_EQ(mmcq_send(s, "x", 1), MMCQ_SUCCESS);
+  uint32_t one = 1;
+  const uint64_t grower = s->m->shared_info->common_offset + offsetof(mmcq_header_t, grower_pid);
+  poke(grower, &one, 4, "/mfs/var/mmcq/q");
+  EXPECT_EQ(next(r), "x");
+  poke(grower, &one, 4, "/mfs/var/mmcq/q");
+  std::string big(400, 'b');
+  for (int i = 0; i < 40; i++) ASSERT_EQ(mmcq_send(s, big.data(), 400), MMCQ_SUCCESS);  // grows
+  EXPECT_GT(s->q->grows, 0u);
+  poke(s->m->shared_info->common_offset + offsetof(mmcq_header_t, receiver_pid), &one, 4, "/mfs/var/mmcq/q");
+  EXPECT_FALSE(mmcq_check_receiver(s));
+  EXPECT_EQ(s->q->receiver_pid, 0u);
+  mmcq_delete(s);
+  mmcq_delete(r);
+}
+
 }  // namespace
