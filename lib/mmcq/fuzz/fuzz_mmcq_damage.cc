@@ -17,25 +17,9 @@
 
 #include "mmcq/mmcq.h"
 #include "platform/path.h"
+#include "../../mmf/fuzz/fuzz_root.h"
 
 namespace {
-
-std::string root;
-
-void setup_root(void) {
-  if (!root.empty()) return;
-  char tmpl[] = "/tmp/mmcq_fuzz.XXXXXX";
-  if (!mkdtemp(tmpl)) abort();
-  root = tmpl;
-  tvx_path_set_root(root.c_str());
-  setenv("TAVOX_ROOT", root.c_str(), 1);
-  mmf_set_time_scale(0.01);
-  atexit([] {
-    mmf_sem_remove();
-    std::string cmd = "rm -rf '" + root + "'";
-    if (system(cmd.c_str()) != 0) return;
-  });
-}
 
 mmcq *receiver(void) { return mmcq_receiver_create("fz", nullptr, 300, 8192, 65536, 0, nullptr, nullptr, nullptr); }
 mmcq *sender(void) { return mmcq_sender_create("fz", nullptr, 300, 8192, 65536, 0, nullptr, nullptr); }
@@ -43,7 +27,7 @@ mmcq *sender(void) { return mmcq_sender_create("fz", nullptr, 300, 8192, 65536, 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  setup_root();
+  mmf_fuzz_setup_root();
   mmcq_unlink("fz");
   mmcq *r = receiver(), *s = sender();
   if (!r || !s) abort();

@@ -17,34 +17,18 @@
 
 #include "mmf/mmf.h"
 #include "platform/path.h"
+#include "fuzz_root.h"
 
 namespace {
 
 const uint32_t kSizes[3] = {64, 256, 1024};
 const char *const kName = "/mfs/var/fuzz/heap";
-std::string root;
-
 mmf *open_file(void) { return mmf_create(kName, 1 << 20, 16 << 10, 16 << 10, true, 0, 1, 3, kSizes, 0, nullptr); }
-
-void setup_root(void) {
-  if (!root.empty()) return;
-  char tmpl[] = "/tmp/mmf_fuzz.XXXXXX";
-  if (!mkdtemp(tmpl)) abort();
-  root = tmpl;
-  tvx_path_set_root(root.c_str());
-  setenv("TAVOX_ROOT", root.c_str(), 1);
-  mmf_set_time_scale(0.01);
-  atexit([] {
-    mmf_sem_remove();
-    std::string cmd = "rm -rf '" + root + "'";
-    if (system(cmd.c_str()) != 0) return;
-  });
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  setup_root();
+  mmf_fuzz_setup_root();
   mmf_unlink(kName);
   mmf *m = open_file();
   if (!m) abort();
