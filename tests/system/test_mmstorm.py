@@ -51,14 +51,9 @@ class Storm:
     def __init__(self, ns, build_dir, tmp_path):
         self.ns = ns
         self.bin = str(build_dir / "tools/mmstorm/mmstorm")
-        # A stuck holder would be dumped by gcore: this one records instead.
-        fake = tmp_path / "bin"
-        fake.mkdir()
-        self.gcore_log = tmp_path / "gcore.log"
-        (fake / "gcore").write_text(f'#!/bin/sh\necho "$@" >> {self.gcore_log}\n')
-        (fake / "gcore").chmod(0o755)
+        path, self.gcore_log = tvxns.fake_gcore(tmp_path)
         self.env = {"TAVOX_ROOT": ROOT, "TVX_MM_TIME_SCALE": SCALE,
-                    "PATH": f"{fake}:{os.environ.get('PATH', '/usr/bin:/bin')}"}
+                    "PATH": path}
         self.next_id = 0
 
     def writers(self, specs, region, ops=1500, live=64):

@@ -150,6 +150,20 @@ class Namespace:
             os.close(theirs)
 
 
+def fake_gcore(tmp_path):
+    """A gcore that records its arguments in tmp_path/gcore.log instead of dumping.
+
+    Mapped-file programs dump a lock holder they judge stuck with gcore; in a
+    test nobody may be judged stuck, and a real dump could fill the disk.
+    Returns (PATH with the fake first, the log's path)."""
+    fake = tmp_path / "bin"
+    fake.mkdir()
+    log = tmp_path / "gcore.log"
+    (fake / "gcore").write_text(f'#!/bin/sh\necho "$@" >> {log}\n')
+    (fake / "gcore").chmod(0o755)
+    return f"{fake}:{os.environ.get('PATH', '/usr/bin:/bin')}", log
+
+
 def wait_for(predicate, timeout=10.0, what="condition"):
     """Polls predicate until it holds; for readiness of a real process, not for timers."""
     end = time.monotonic() + timeout

@@ -6,11 +6,14 @@
 //   tvxmm meminfo          the memory report: every mapped file in use
 //   tvxmm meminfo report FILE on|off   keep FILE's record current, or not
 //   tvxmm mmdb list|show|get|put|del|dump|verify|reset ...   the databases
+//   tvxmm mmcq show NAME   a queue's header
+//   tvxmm mmcq peek NAME [-n COUNT]    the messages waiting, none taken
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
+#include "mmcq_cmd.h"
 #include "mmf/meminfo.h"
 #include "mmdb/mmdb.h"
 #include "mmf/mmf.h"
@@ -34,8 +37,12 @@ const char kUsage[] =
     "       tvxmm mmdb dump ID      every record\n"
     "       tvxmm mmdb verify ID    check both files and every chain; exit 0 valid, 1 not\n"
     "       tvxmm mmdb reset ID     empty the database\n"
-    "FILE is the file's logical path (\"/mfs/var/...\"), put under TAVOX_ROOT.\n"
-    "mmf and meminfo read files as they stand: nothing is initialised or rebuilt.\n"
+    "       tvxmm mmcq show NAME    a queue's header: offsets, pids, counts\n"
+    "       tvxmm mmcq peek NAME [-n COUNT]\n"
+    "                               the messages waiting (20 at most), none taken\n"
+    "FILE is the file's logical path (\"/mfs/var/...\"), put under TAVOX_ROOT;\n"
+    "a queue NAME is the file \"/mfs/var/mmcq/NAME\".\n"
+    "mmf, mmcq and meminfo read files as they stand: nothing is initialised or rebuilt.\n"
     "mmdb opens the database of ID (1 to 22) as its programs do, by the registry.\n"
     "KEY and VALUE are text, or hex after 0x; values print as text, or 0x and hex.\n"
     "Exit status: 0 done (or valid), 1 file, record, id or key missing, not of this\n"
@@ -167,7 +174,8 @@ int main(int argc, char **argv) {
   if (argc < 2) return misuse("a command is needed");
   if (strcmp(argv[1], "meminfo") == 0) return meminfo_main(argc, argv);
   if (strcmp(argv[1], "mmdb") == 0) return mmdb_main(argc, argv);
-  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (mmf, meminfo or mmdb)");
+  if (strcmp(argv[1], "mmcq") == 0) return mmcq_main(argc, argv, misuse);
+  if (strcmp(argv[1], "mmf") != 0) return misuse("unknown command (mmf, mmcq, mmdb or meminfo)");
   if (argc != 4) return misuse("mmf takes a subcommand and a FILE");
   const char *cmd = argv[2], *file = argv[3];
   if (strcmp(cmd, "show") && strcmp(cmd, "valid") && strcmp(cmd, "walk"))

@@ -311,6 +311,17 @@ bool mmf_grow(mmf *m) {
     return false;
   }
   si = m->shared_info;
+  if (m->flags & MMF_FLAG_RAW_DATA) {
+    // The caller's bytes: no nodes to write or list.
+    TVX_CRASHPOINT("mmf_grow_written");
+    si->current_bytes = target;
+    TVX_CRASHPOINT("mmf_grow_stored");
+    si->grow_count++;
+    si->grown_bytes += target - cur;
+    mmf_unlock(m);
+    meminfo_mmf_update(m);
+    return true;
+  }
   // The new nodes are written before current_bytes lets anyone reach them,
   // and listed after: a writer dying between leaves a walkable file.
   cut_free_space(m, cur, target, false);

@@ -27,15 +27,16 @@ constexpr double kDumpLookFor = 30;
 
 void sleep_scaled(double seconds) { mmf_sleep_ns(static_cast<int64_t>(mmf_scaled(seconds) * 1e9)); }
 
-// /bin/sh -c LINE with the signal mask emptied; the exit status, or -1.
-int run_shell(const std::string &line) {
+}  // namespace
+
+int mmf_run_shell(const char *line) {
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
   sigset_t none;
   sigemptyset(&none);
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-  const char *argv[] = {"/bin/sh", "-c", line.c_str(), nullptr};
+  const char *argv[] = {"/bin/sh", "-c", line, nullptr};
   pid_t child;
   int rc = posix_spawn(&child, "/bin/sh", nullptr, &attr, const_cast<char **>(argv), environ);
   posix_spawnattr_destroy(&attr);
@@ -46,6 +47,8 @@ int run_shell(const std::string &line) {
   return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
+namespace {
+
 // gcore of pid into PREFIX.pid, unless that core exists already. For another
 // process, waits until the core stops growing.
 void dump(const char *name, pid_t pid, bool other) {
@@ -53,7 +56,7 @@ void dump(const char *name, pid_t pid, bool other) {
   std::string core = prefix + "." + std::to_string(pid);
   struct stat st;
   if (stat(core.c_str(), &st) == 0) return;
-  if (run_shell("gcore -o '" + prefix + "' " + std::to_string(pid) + " >/dev/null 2>&1") != 0) return;
+  if (mmf_run_shell(("gcore -o '" + prefix + "' " + std::to_string(pid) + " >/dev/null 2>&1").c_str()) != 0) return;
   sleep_scaled(kDumpSettleSeconds);
   if (!other) return;
   off_t last = -1;

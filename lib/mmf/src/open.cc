@@ -220,7 +220,7 @@ void initialise(mmf *m, uint32_t n, const uint32_t *sizes) {
   si->init_calls++;
   // The whole file, not only default_bytes: a file that had grown keeps its
   // size, and its walk must reach current_bytes.
-  mmf_add_free_space(m, si->first_alloc_offset, si->current_bytes);
+  if (!(m->flags & MMF_FLAG_RAW_DATA)) mmf_add_free_space(m, si->first_alloc_offset, si->current_bytes);
   si->alloc_count = si->free_count = 0;
   TVX_CRASHPOINT("mmf_init_built");
   if (!m->single_mapping) mmf_unmap_regions(m);
@@ -234,7 +234,7 @@ bool init_shared_info(mmf *m, uint32_t n, const uint32_t *sizes) {
     mmf_lock(m);
     if (si->allocated_bytes == 0) mmf_set_allocation_info(si, n, sizes);
     mmf_unlock(m);
-    if (!program_is_rosterd() && !mmf_valid(m, false)) si->magic = 0;
+    if (!program_is_rosterd() && !(m->flags & MMF_FLAG_RAW_DATA) && !mmf_valid(m, false)) si->magic = 0;
     if (si->magic == MMF_MAGIC_READY) return true;
   }
   if (si->magic == MMF_MAGIC_INIT) wait_for_initialiser(m);
@@ -258,6 +258,11 @@ bool mmf_extend(int fd, uint64_t bytes) {
 void mmf_sem_remove(void) {
   int id = semget(tvx_path_key(kSemKey), 1, 0600);
   if (id >= 0) semctl(id, 0, IPC_RMID);
+}
+
+bool mmf_refresh(mmf *m) {
+  if (!m->single_mapping || static_cast<int64_t>(m->shared_info->current_bytes) <= m->mapped_bytes) return true;
+  return mmf_remap(m);
 }
 
 bool mmf_remap(mmf *m) { return mmf_remap_to(m, static_cast<int64_t>(m->shared_info->current_bytes)); }
@@ -311,7 +316,7 @@ mmf *mmf_create(const char *name, int64_t max_bytes, int64_t default_bytes,
   m->single_mapping = single_mapping;
   m->read_only = (flags & MMF_FLAG_READ_ONLY) != 0;
   m->shared_flag = (flags & MMF_FLAG_SHARED) ? 1 : 0;
-  m->allocs_allowed = (flags & MMF_NO_ALLOC_MASK) == 0;
+  m->allocs_allowed = (flags & (MMF_NO_ALLOC_MASK | MMF_FLAG_RAW_DATA)) == 0;
   uint32_t largest = 0;
   for (uint32_t i = 0; i < num_alloc_sizes; i++) largest = alloc_sizes[i] > largest ? alloc_sizes[i] : largest;
   int64_t floor = round_up(MMF_HEADER_SIZE, m->page_size) + largest;

@@ -143,6 +143,11 @@ constexpr uint32_t mmf_node_bytes = 52;
 #define MMF_FLAG_SHARED 0x2u        // copied to the header at initialisation
 #define MMF_FLAG_COMMON_RESIZE 0x4u // the common block may be resized at open
 #define MMF_NO_ALLOC_MASK 0x3Au     // any of these bits forbids allocation
+// The bytes from the first allocation offset to the end belong to the caller
+// (a ring, say), not to the heap: no nodes are written there, at
+// initialisation or growth, and the open does not walk them. Only the common
+// block, the lock word and growth are of use on such a file.
+#define MMF_FLAG_RAW_DATA 0x40u
 
 // Debug switches (TVX_MMF_DEBUG, a number).
 #define MMF_DEBUG_VALIDATE_ALLOC 0x1u
@@ -273,6 +278,9 @@ void mmf_show_to(FILE *f, const char *title, mmf *m);
 
 // Pointer to len bytes at a file offset, in this process.
 void *mmf_ensure_mapped(mmf *m, off_t offset, size_t len);
+// Maps what another process grew the file to (single mapping; region mode
+// maps on demand anyway). False when the file could not be mapped further.
+bool mmf_refresh(mmf *m);
 // mmf_ensure_mapped of a user offset after checking that it names a node.
 void *mmf_user_ptr(mmf *m, off_t user_offset, size_t len);
 // The file's lock: recursive for the thread that holds it, taken over from a
@@ -307,6 +315,9 @@ void mmf_kill_holder(const char *name, pid_t pid);
 // Records the line in mmf_fatal_line and ends the process.
 [[noreturn]] void mmf_detected_fatal_problem(int line);
 extern int mmf_fatal_line;
+// Runs /bin/sh -c LINE with an empty signal mask and waits for it: its exit
+// status, or -1.
+int mmf_run_shell(const char *line);
 // Whether a process is alive by /proc (a zombie is dead).
 bool mmf_pid_alive(pid_t pid);
 // Whether pid is alive and has this file mapped, as every holder of its lock
