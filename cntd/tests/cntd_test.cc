@@ -149,6 +149,17 @@ TEST_F(Cntd, ASessionHearsCntdGoAndReconnectsWhenItIsBack) {
   ASSERT_TRUE(pump([&] { return heard.ifl.size() == 2; }));
   EXPECT_EQ(heard.ifl, (std::vector<std::string>{"0:71:1300", "0:72:5"}));  // 72: the kernel's alone
   EXPECT_EQ(s->counters.empty_replies, 1u);
+  // A bare record has no route socket behind it: cntd's figures alone.
+  uint8_t record[LS_REQ_LEN];
+  ls_ifl_request bare{};
+  bare.ifl = 71;
+  bare.flags = LS_REQ_FULL | LS_REQ_ASYNC;
+  bare.id = 500;
+  ls_ifl_request_write(record, bare);
+  ASSERT_EQ(libstats_send_iflstats_full_request(s, record, LS_IFLSTATS_FULL_REQUEST), 0);
+  ASSERT_TRUE(pump([&] { return heard.ifl.size() == 3; }));
+  EXPECT_EQ(heard.ifl[2], "0:71:300");
+  heard.ifl.pop_back();
 
   // Refused before anything is sent: no session, no cookie, a private interface.
   EXPECT_EQ(libstats_rtslib_async_iflsm_get_by_index(nullptr, rl, 71, nullptr), LIBSTATS_NULL_SESSION);

@@ -357,10 +357,19 @@ int libstats_compose_and_send_iflstats_full_request(rtslib_cookie *rl, uint32_t 
 int libstats_send_iflstats_full_request(libstats_session *s, const uint8_t *request, uint32_t msg_type) {
   if (!s) return LIBSTATS_NULL_SESSION;
   if (!request) return LIBSTATS_INVALID_ARG;
+  ls_ifl_request r;
+  ls_ifl_request_read(request, LS_REQ_LEN, &r);
+  libstats_pending *p = pending_find(s, r.id);
+  if (!p) p = pending_add(s, r.id, r.ifl, r.flags, nullptr, nullptr);
+  if (!p)
+    return ls_fail(s, LIBSTATS_KIND_FULL, LIBSTATS_ERR_MEMORY, LIBSTATS_MEMORY_ALLOC_FAILURE,
+                   "ifl:%u: %d requests await their reply", r.ifl, LIBSTATS_MAX_PENDING);
   uint8_t msg[LS_REQ_MSG_LEN];
   ls_hdr_write(msg, LS_REQ_MSG_LEN, msg_type);
   memcpy(msg + LS_HDR_LEN, request, LS_REQ_LEN);
-  return libstats_send_msg_to_cntd(s, msg, sizeof msg);
+  int st = libstats_send_msg_to_cntd(s, msg, sizeof msg);
+  if (st) p->used = 0;
+  return st;
 }
 
 int libstats_rtslib_async_iflsm_get_by_index(libstats_session *s, rtslib_cookie *rl, uint32_t ifl, void *ctx) {
@@ -442,8 +451,9 @@ bool ls_handle_ifl_reply(libstats_session *s, const ls_reply &r, uint8_t *) {
   }
   rts_ifstats_msg *out = nullptr;
   int status = LIBSTATS_SUCCESS;
-  if (set) {
-    // Interface sets live in the forwarding plane alone: no kernel figures.
+  if (set || !req.rtslib) {
+    // Interface sets live in the forwarding plane alone, and a request sent
+    // as a bare record has no route socket to merge with: cntd's figures alone.
     if (usable) {
       rts_ifstats_msg fixed{};
       fixed.hdr.type = RTS_T_IFLSTATS;

@@ -177,7 +177,9 @@ int libstats_process_msg(ipcconn_client *client, uint8_t *space, uint32_t overhe
 int libstats_compose_and_send_iflstats_full_request(rtslib_cookie *rtslib, uint32_t ifl, libstats_session *s,
                                                     uint32_t flags, uint32_t subtype, const uint8_t *filter,
                                                     uint32_t id, uint32_t *id_out);
-// Sends a request record already filled (LS_REQ_LEN bytes) as msg_type.
+// Sends a request record already filled (LS_REQ_LEN bytes) as msg_type. Its
+// reply comes to cb.iflstats with cntd's figures alone (no route socket to
+// merge with), status 10 when cntd has none.
 int libstats_send_iflstats_full_request(libstats_session *s, const uint8_t *request, uint32_t msg_type);
 
 // Asynchronous forms: the answer comes through cb.iflstats with req_ctx.
