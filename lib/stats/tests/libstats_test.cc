@@ -394,8 +394,11 @@ TEST_F(LibstatsSession, AFailedConnectionClearsTheClientAndTheNextSendMakesANewO
   unlink(path.c_str());
   real_passes(2);
   EXPECT_EQ(heard.conn, (std::vector<int>{LIBSTATS_SOCKET_OPEN, LIBSTATS_SOCKET_CLOSED}));
-  // Retries run out only after the retry limit: give the event directly.
-  libstats_conn_event_handler(s->ipcconn_client, IPCCONN_EVENT_FAILED, s);
+  // Retries run out only after the retry limit: give the event directly, and
+  // close the client as ipcconn does after it.
+  ipcconn_client *old = s->ipcconn_client;
+  libstats_conn_event_handler(old, IPCCONN_EVENT_FAILED, s);
+  ipcconn_client_close(old);
   EXPECT_EQ(s->ipcconn_client, nullptr);
   EXPECT_EQ(s->ipcconn_client_active, 0);
   listen_now();
