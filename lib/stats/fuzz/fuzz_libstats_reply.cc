@@ -42,7 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }();
   auto *fake = reinterpret_cast<ipcconn_client *>(s);  // compared, never used
   s->ipcconn_client = fake;
+  memset(s->pending, 0, sizeof s->pending);
   for (uint32_t id = 0; id < 4; id++) s->pending[id] = libstats_pending{id, id, 0, nullptr, nullptr, 1};
+  s->n_pending = 4;
   std::vector<uint8_t> buf(IPC_MSG_HDR_LEN + size);
   ipc_msg h{0x417, 5, static_cast<uint16_t>(size), 1, 0};
   memcpy(buf.data(), &h, sizeof h);

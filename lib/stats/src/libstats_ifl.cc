@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,12 +79,8 @@ void add_queue(rts_ifst_queue *a, const rts_ifst_queue *b) {
   memcpy(a, x, sizeof x);
 }
 
-void put_tlv(std::vector<uint8_t> &out, uint16_t type, const void *value, uint32_t len) {
-  size_t at = out.size();
-  uint32_t n = rts_ifsm_tlv_encode(type, nullptr, static_cast<uint16_t>(len), nullptr, 0);
-  out.resize(at + n);
-  rts_ifsm_tlv_encode(type, value, static_cast<uint16_t>(len), out.data() + at, n);
-}
+// Everything but the queues, which count only up to n_queues.
+void clear(libstats_ifl_figures *f) { memset(f, 0, offsetof(libstats_ifl_figures, queues)); }
 
 bool merge_wanted(int how) {
   if (how == LIBSTATS_MERGE_ALWAYS) return true;
@@ -95,7 +92,7 @@ bool merge_wanted(int how) {
 }  // namespace
 
 int libstats_iflstats_full_convert_from_tlvs_to_iflsm(const uint8_t *tlv, uint32_t len, libstats_ifl_figures *f) {
-  memset(f, 0, sizeof *f);
+  clear(f);
   bool ok = walk(tlv, len, [&](uint16_t type, const uint8_t *v, uint16_t vlen) {
     if (type == LS_TLV_FIXED) {
       if (vlen < LS_TLV_FIXED_LEN) return false;
@@ -128,7 +125,7 @@ int libstats_iflstats_full_convert_from_tlvs_to_iflsm(const uint8_t *tlv, uint32
 }
 
 int libstats_figures_from_iflsm(const void *msg, uint32_t len, libstats_ifl_figures *f) {
-  memset(f, 0, sizeof *f);
+  clear(f);
   rts_ifsm_parts parts;
   if (!rts_ifsm_parts_of(msg, len, &parts)) return EINVAL;
   rts_ifstats_msg fixed;
@@ -212,31 +209,43 @@ uint32_t libstats_rtslib_pack_iflstats_msg(const rts_ifstats_msg *fixed, const c
     fx.ifsm_opps = f->rates[3];
     fx.ifsm_clear_time = f->clear_time;
   }
-  std::vector<uint8_t> tlv;
+  // The TLVs in place: every queue set full, the MAC and link records, their headers.
+  uint8_t tlv[4 * (8 + LS_MAX_QUEUES * sizeof(rts_ifst_queue)) + 4 + sizeof f->mac + 4 + sizeof f->link];
+  uint32_t at = 0;
   static const uint16_t kSets[4] = {RTS_IFST_QUEUE, RTS_IFST_QUEUE_BASE, RTS_IFST_VOQ, RTS_IFST_VOQ_BASE};
   for (int set = 0; set < 4; set++) {
     uint32_t n = f->n_queues[set];
     if (!n) continue;
-    std::vector<uint8_t> v(4 + n * sizeof(rts_ifst_queue));
-    ls_put32(v.data(), n);
-    memcpy(v.data() + 4, f->queues[set], n * sizeof(rts_ifst_queue));
-    put_tlv(tlv, kSets[set], v.data(), static_cast<uint32_t>(v.size()));
+    uint16_t vlen = static_cast<uint16_t>(4 + n * sizeof(rts_ifst_queue));
+    memcpy(tlv + at, &kSets[set], 2);
+    memcpy(tlv + at + 2, &vlen, 2);
+    ls_put32(tlv + at + 4, n);
+    memcpy(tlv + at + 8, f->queues[set], n * sizeof(rts_ifst_queue));
+    at += 4 + vlen;  // a multiple of 4
   }
-  if (f->has_mac) put_tlv(tlv, RTS_IFST_ETHER_MAC, &f->mac, sizeof f->mac);
-  if (f->has_link) put_tlv(tlv, RTS_IFST_ETHER_LINK, &f->link, sizeof f->link);
+  if (f->has_mac) at += rts_ifsm_tlv_encode(RTS_IFST_ETHER_MAC, &f->mac, sizeof f->mac, tlv + at, sizeof tlv - at);
+  if (f->has_link) at += rts_ifsm_tlv_encode(RTS_IFST_ETHER_LINK, &f->link, sizeof f->link, tlv + at, sizeof tlv - at);
   const uint64_t *cur = f->has_cur ? f->cur : nullptr, *base = f->has_base ? f->base : nullptr;
   uint32_t nc = cur ? RTS_IFSC_COUNT : 0, nb = base ? RTS_IFSC_COUNT : 0;
-  uint32_t need = rts_ifsm_encode(&fx, name, cur, nc, base, nb, tlv.data(), static_cast<uint32_t>(tlv.size()),
-                                  nullptr, 0);
+  uint32_t need = rts_ifsm_encode(&fx, name, cur, nc, base, nb, tlv, at, nullptr, 0);
   if (!need || need > room) {
     ls_log(true, "pid:%d: libstats_rtslib_iflsmput() exceeded buffer of len: %u with %u bytes!\n", getpid(), room,
            need);
     return 0;
   }
-  return rts_ifsm_encode(&fx, name, cur, nc, base, nb, tlv.data(), static_cast<uint32_t>(tlv.size()), buf, room);
+  return rts_ifsm_encode(&fx, name, cur, nc, base, nb, tlv, at, buf, room);
 }
 
 namespace {
+
+// The statistics message of f in a malloc'ed block of its size, or null.
+rts_ifstats_msg *packed(const rts_ifstats_msg *fixed, const char *name, const libstats_ifl_figures &f) {
+  uint8_t room[RTS_MSG_MAX];
+  uint32_t n = libstats_rtslib_pack_iflstats_msg(fixed, name, &f, room, sizeof room);
+  auto *out = n ? static_cast<rts_ifstats_msg *>(malloc(n)) : nullptr;
+  if (out) memcpy(out, room, n);
+  return out;
+}
 
 // The kernel's message with cntd's figures added: a malloc'ed message, or
 // null on no memory or a malformed kernel message.
@@ -245,17 +254,12 @@ rts_ifstats_msg *merged(const rts_ifstats_msg *kernel, const libstats_ifl_figure
   auto *ku = reinterpret_cast<const uint8_t *>(kernel);
   if (!rts_ifsm_parts_of(ku, kernel->hdr.length, &parts)) return nullptr;
   auto *fig = static_cast<libstats_ifl_figures *>(malloc(sizeof(libstats_ifl_figures)));
-  auto *out = static_cast<rts_ifstats_msg *>(malloc(RTS_MSG_MAX));
-  bool ok = fig && out && libstats_figures_from_iflsm(ku, kernel->hdr.length, fig) == 0;
-  if (ok) {
+  rts_ifstats_msg *out = nullptr;
+  if (fig && libstats_figures_from_iflsm(ku, kernel->hdr.length, fig) == 0) {
     libstats_rtslib_encode_aggr_deux_stats(fig, &cntd);
-    ok = libstats_rtslib_pack_iflstats_msg(kernel, parts.name_len ? parts.name : nullptr, fig, out, RTS_MSG_MAX) != 0;
+    out = packed(kernel, parts.name_len ? parts.name : nullptr, *fig);
   }
   free(fig);
-  if (!ok) {
-    free(out);
-    return nullptr;
-  }
   return out;
 }
 
@@ -270,15 +274,26 @@ libstats_pending *pending_add(libstats_session *s, uint32_t id, uint32_t index, 
   for (auto &p : s->pending)
     if (!p.used) {
       p = libstats_pending{id, index, flags, rl, ctx, 1};
+      s->n_pending++;
       return &p;
     }
   return nullptr;
 }
 
 libstats_pending *pending_find(libstats_session *s, uint32_t id) {
-  for (auto &p : s->pending)
-    if (p.used && p.id == id) return &p;
+  uint32_t seen = 0;
+  for (uint32_t i = 0; i < LIBSTATS_MAX_PENDING && seen < s->n_pending; i++) {
+    libstats_pending &p = s->pending[i];
+    if (!p.used) continue;
+    if (p.id == id) return &p;
+    seen++;
+  }
   return nullptr;
+}
+
+void pending_drop(libstats_session *s, libstats_pending *p) {
+  p->used = 0;
+  s->n_pending--;
 }
 
 void fill_request(uint8_t *msg, uint32_t type, const ls_ifl_request &r) {
@@ -335,7 +350,7 @@ int async_request(const char *fn, libstats_session *s, rtslib_cookie *rl, uint32
   uint8_t msg[LS_REQ_MSG_LEN];
   fill_request(msg, LS_IFLSTATS_FULL_REQUEST, r);
   int st = libstats_send_msg_to_cntd(s, msg, sizeof msg);
-  if (st) p->used = 0;
+  if (st) pending_drop(s, p);
   return st;
 }
 
@@ -368,7 +383,7 @@ int libstats_send_iflstats_full_request(libstats_session *s, const uint8_t *requ
   ls_hdr_write(msg, LS_REQ_MSG_LEN, msg_type);
   memcpy(msg + LS_HDR_LEN, request, LS_REQ_LEN);
   int st = libstats_send_msg_to_cntd(s, msg, sizeof msg);
-  if (st) p->used = 0;
+  if (st) pending_drop(s, p);
   return st;
 }
 
@@ -408,7 +423,7 @@ int libstats_iflset_get_by_index(libstats_session *s, uint32_t iflset, void *ctx
   uint8_t msg[LS_REQ_MSG_LEN];
   fill_request(msg, LS_IFLSETSTATS_FULL_REQUEST, r);
   int st = libstats_send_msg_to_cntd(s, msg, sizeof msg);
-  if (st) p->used = 0;
+  if (st) pending_drop(s, p);
   return st;
 }
 
@@ -425,9 +440,10 @@ bool ls_handle_ifl_reply(libstats_session *s, const ls_reply &r, uint8_t *) {
     return false;
   }
   libstats_pending req = *p;
-  p->used = 0;
+  pending_drop(s, p);
   libstats_ifl_fn cb = set ? s->cb.iflsetstats : s->cb.iflstats;
-  libstats_ifl_figures *fig = static_cast<libstats_ifl_figures *>(calloc(1, sizeof(libstats_ifl_figures)));
+  auto *fig = static_cast<libstats_ifl_figures *>(malloc(sizeof(libstats_ifl_figures)));
+  if (fig) clear(fig);
   if (!fig) {
     ls_fail(s, kind, LIBSTATS_ERR_MEMORY, LIBSTATS_MEMORY_ALLOC_FAILURE, "no memory for the reply of %u", index);
     if (cb) cb(s, LIBSTATS_MEMORY_ALLOC_FAILURE, index, r.id, nullptr, req.ctx);
@@ -446,7 +462,7 @@ bool ls_handle_ifl_reply(libstats_session *s, const ls_reply &r, uint8_t *) {
   } else if (libstats_iflstats_full_convert_from_tlvs_to_iflsm(r.tlv, r.tlv_len, fig) != 0) {
     ls_fail(s, kind, LIBSTATS_ERR_VALIDATION, LIBSTATS_INTERIM_NOT_FOUND,
             "malformed reply for iflindex:%d id:%d, patch it to kernel", index, r.id);
-    memset(fig, 0, sizeof *fig);
+    clear(fig);
     usable = false;
   }
   rts_ifstats_msg *out = nullptr;
@@ -458,11 +474,7 @@ bool ls_handle_ifl_reply(libstats_session *s, const ls_reply &r, uint8_t *) {
       rts_ifstats_msg fixed{};
       fixed.hdr.type = RTS_T_IFLSTATS;
       fixed.ifsm_index = index;
-      out = static_cast<rts_ifstats_msg *>(malloc(RTS_MSG_MAX));
-      if (out && !libstats_rtslib_pack_iflstats_msg(&fixed, nullptr, fig, out, RTS_MSG_MAX)) {
-        free(out);
-        out = nullptr;
-      }
+      out = packed(&fixed, nullptr, *fig);
       if (!out) status = LIBSTATS_MEMORY_ALLOC_FAILURE;
     } else {
       status = LIBSTATS_INTERIM_NOT_FOUND;
