@@ -4,7 +4,6 @@ through rtsockd's admin socket."""
 
 import json
 import pathlib
-import socket
 import subprocess
 
 from vtep import admin
@@ -111,15 +110,7 @@ def start_cntd(ns, build_dir):
 
 
 def cntd_admin(ns, lines):
-    s = socket.socket(socket.AF_UNIX)
-    s.connect(ns.path("/var/run/libstats-cntd.admin"))
-    s.sendall(lines.encode())
-    s.shutdown(socket.SHUT_WR)
-    out = b""
-    while chunk := s.recv(65536):
-        out += chunk
-    s.close()
-    return out.decode()
+    return admin(ns, lines, sock="/var/run/libstats-cntd.admin")
 
 
 def test_counters_of_rtsockd_and_cntd_together(ns, build_dir):
