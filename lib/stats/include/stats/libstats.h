@@ -221,11 +221,11 @@ struct libstats_ifl_figures {
   uint64_t cur[RTS_IFSC_COUNT];
   uint64_t base[RTS_IFSC_COUNT];
   uint32_t n_queues[4];  // egress, egress baseline, voq, voq baseline
-  rts_ifst_ether_mac mac;
-  rts_ifst_ether_link link;
+  alignas(8) rts_ifst_ether_mac mac;  // wire records: 4-byte aligned unless told
+  alignas(8) rts_ifst_ether_link link;
   uint32_t members;  // bundle members summed (counter TLVs seen)
   // Last, and never cleared as a whole: only the first n_queues of a set are figures.
-  rts_ifst_queue queues[4][LS_MAX_QUEUES];
+  alignas(8) rts_ifst_queue queues[4][LS_MAX_QUEUES];
 };
 // 0, or EINVAL when a TLV is malformed (too short for its type, a queue
 // count over LS_MAX_QUEUES). TLVs of unknown types are skipped.
