@@ -247,20 +247,29 @@ rts_ifstats_msg *packed(const rts_ifstats_msg *fixed, const char *name, const li
   return out;
 }
 
-// The kernel's message with cntd's figures added: a malloc'ed message, or
-// null on no memory or a malformed kernel message.
-rts_ifstats_msg *merged(const rts_ifstats_msg *kernel, const libstats_ifl_figures &cntd) {
+// The kernel's message with cntd's figures added, using fig for the kernel's:
+// a malloc'ed message, or null on no memory or a malformed kernel message.
+rts_ifstats_msg *merged_into(libstats_ifl_figures *fig, const rts_ifstats_msg *kernel,
+                             const libstats_ifl_figures &cntd) {
   rts_ifsm_parts parts;
   auto *ku = reinterpret_cast<const uint8_t *>(kernel);
-  if (!rts_ifsm_parts_of(ku, kernel->hdr.length, &parts)) return nullptr;
+  if (!rts_ifsm_parts_of(ku, kernel->hdr.length, &parts) || libstats_figures_from_iflsm(ku, kernel->hdr.length, fig))
+    return nullptr;
+  libstats_rtslib_encode_aggr_deux_stats(fig, &cntd);
+  return packed(kernel, parts.name_len ? parts.name : nullptr, *fig);
+}
+
+rts_ifstats_msg *merged(const rts_ifstats_msg *kernel, const libstats_ifl_figures &cntd) {
   auto *fig = static_cast<libstats_ifl_figures *>(malloc(sizeof(libstats_ifl_figures)));
-  rts_ifstats_msg *out = nullptr;
-  if (fig && libstats_figures_from_iflsm(ku, kernel->hdr.length, fig) == 0) {
-    libstats_rtslib_encode_aggr_deux_stats(fig, &cntd);
-    out = packed(kernel, parts.name_len ? parts.name : nullptr, *fig);
-  }
+  rts_ifstats_msg *out = fig ? merged_into(fig, kernel, cntd) : nullptr;
   free(fig);
   return out;
+}
+
+// The session's two figures records: cntd's, and the kernel's for a merge.
+libstats_ifl_figures *scratch(libstats_session *s) {
+  if (!s->scratch) s->scratch = malloc(2 * sizeof(libstats_ifl_figures));
+  return static_cast<libstats_ifl_figures *>(s->scratch);
 }
 
 rts_ifstats_msg *copy_of(const rts_ifstats_msg *m) {
@@ -442,7 +451,7 @@ bool ls_handle_ifl_reply(libstats_session *s, const ls_reply &r, uint8_t *) {
   libstats_pending req = *p;
   pending_drop(s, p);
   libstats_ifl_fn cb = set ? s->cb.iflsetstats : s->cb.iflstats;
-  auto *fig = static_cast<libstats_ifl_figures *>(malloc(sizeof(libstats_ifl_figures)));
+  libstats_ifl_figures *fig = scratch(s);
   if (fig) clear(fig);
   if (!fig) {
     ls_fail(s, kind, LIBSTATS_ERR_MEMORY, LIBSTATS_MEMORY_ALLOC_FAILURE, "no memory for the reply of %u", index);
@@ -486,12 +495,11 @@ bool ls_handle_ifl_reply(libstats_session *s, const ls_reply &r, uint8_t *) {
       status = ls_fail(s, kind, LIBSTATS_ERR_KERNEL, LIBSTATS_UNKNOWN_ERROR,
                        "no kernel statistics for ifl:%d, err:%d", index, err);
     } else {
-      out = usable ? merged(kernel, *fig) : copy_of(kernel);
+      out = usable ? merged_into(fig + 1, kernel, *fig) : copy_of(kernel);
       if (!out) status = LIBSTATS_MEMORY_ALLOC_FAILURE;
       rtslib_msg_idl_release(req.rtslib, kernel);
     }
   }
-  free(fig);
   ls_trace(s, LIBSTATS_TRACE_DETAIL, "reply type %u for %u id:%u status %d", r.type, index, r.id, status);
   if (cb) cb(s, status, index, r.id, out, req.ctx);
   free(out);

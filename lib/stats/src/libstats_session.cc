@@ -77,6 +77,7 @@ void libstats_session_destroy(libstats_session *s) {
   libstats_disconnect(s);
   ls_trace_off(s);
   ls_mobile_q_free(s);
+  free(s->scratch);
   free(s);
 }
 

@@ -144,6 +144,7 @@ struct libstats_session {
   void *trace_file;  // FILE*, the session's trace while on
   uint32_t ingress_q_process_rate_max;
   void *mobile_q;  // the ingress queue of mobile replies
+  void *scratch;   // two libstats_ifl_figures for the reply path, made at first use
 };
 
 // A session for program name on task tp (its ipcconn client runs there).
