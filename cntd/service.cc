@@ -10,21 +10,10 @@
 
 namespace cntd {
 
+using rtsockd::put_queues;
+using rtsockd::put_tlv;
+
 namespace {
-
-void put_tlv(std::vector<uint8_t> &out, uint16_t type, const void *value, size_t len) {
-  size_t at = out.size();
-  uint32_t n = rts_ifsm_tlv_encode(type, nullptr, static_cast<uint16_t>(len), nullptr, 0);
-  out.resize(at + n);
-  rts_ifsm_tlv_encode(type, value, static_cast<uint16_t>(len), out.data() + at, n);
-}
-
-void put_queues(std::vector<uint8_t> &out, uint16_t type, const std::vector<rts_ifst_queue> &qs) {
-  std::vector<uint8_t> v(4 + qs.size() * sizeof(rts_ifst_queue));
-  ls_put32(v.data(), static_cast<uint32_t>(qs.size()));
-  if (!qs.empty()) memcpy(v.data() + 4, qs.data(), qs.size() * sizeof(rts_ifst_queue));
-  put_tlv(out, type, v.data(), v.size());
-}
 
 void reply_of(std::vector<uint8_t> *out, const ls_reply &head, const std::vector<uint8_t> &tlv) {
   ls_reply r = head;
