@@ -281,7 +281,6 @@ std::string Counters::show() const {
   return o.str();
 }
 
-namespace {
 void put_tlv(std::vector<uint8_t> &tlv, uint16_t type, const void *value, size_t len) {
   size_t at = tlv.size();
   uint32_t n = rts_ifsm_tlv_encode(type, nullptr, static_cast<uint16_t>(len), nullptr, 0);
@@ -296,7 +295,6 @@ void put_queues(std::vector<uint8_t> &tlv, uint16_t type, const std::vector<rts_
   if (!qs.empty()) memcpy(v.data() + sizeof head, qs.data(), qs.size() * sizeof(rts_ifst_queue));
   put_tlv(tlv, type, v.data(), v.size());
 }
-}  // namespace
 
 // The largest entry still makes a message that readers take.
 static_assert(sizeof(rts_ifstats_msg) + 256 + 2 * RTS_IFSC_COUNT * 8 +

@@ -51,6 +51,11 @@ class Counters {
   std::map<std::pair<uint32_t, uint32_t>, StatsEntry> entries_;
 };
 
+// One TLV of a statistics message (padded to 4) at the end of tlv; a queue
+// set as its TLV (the count, then the queues).
+void put_tlv(std::vector<uint8_t> &tlv, uint16_t type, const void *value, size_t len);
+void put_queues(std::vector<uint8_t> &tlv, uint16_t type, const std::vector<rts_ifst_queue> &qs);
+
 // The statistics message answering req for index: the entry's counters, or,
 // with entry null, the name alone (an interface known but never counted).
 // Empty when it would not fit a message (RTS_MSG_MAX).

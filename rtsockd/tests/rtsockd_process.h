@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "peer_io.h"
 #include "platform/compat.h"
 
 class RtsockdProcess {
@@ -82,47 +83,10 @@ class RtsockdProcess {
   const std::string &log() const { return log_; }
 
   // Reads standard error until a line holds `text` (or no line comes for a while: a hang).
-  bool wait_log(const std::string &text, int quiet_ms = 10000) {
-    for (;;) {
-      if (log_.find(text) != std::string::npos) return true;
-      pollfd pf{err_, POLLIN, 0};
-      if (poll(&pf, 1, quiet_ms) <= 0) return false;
-      char buf[4096];
-      ssize_t n = read(err_, buf, sizeof buf);
-      if (n <= 0) return false;
-      log_.append(buf, static_cast<size_t>(n));
-    }
-  }
+  bool wait_log(const std::string &text, int quiet_ms = 10000) { return peer_wait_log(err_, &log_, text, quiet_ms); }
 
-  // One admin command; the reply up to its "ok" or "error:" line ("error:
-  // connect" or "error: send" when the socket fails).
-  std::string admin(const std::string &cmd) {
-    if (admin_fd_ < 0) {
-      admin_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      timeval tv{10, 0};  // a reply that never ends fails the caller instead of hanging it
-      setsockopt(admin_fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-      sockaddr_un sa{};
-      sa.sun_family = AF_UNIX;
-      strlcpy(sa.sun_path, (sock_ + ".admin").c_str(), sizeof sa.sun_path);
-      if (connect(admin_fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
-        close(admin_fd_);
-        admin_fd_ = -1;
-        return "error: connect";
-      }
-    }
-    std::string line = cmd + "\n";
-    if (send(admin_fd_, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
-      return "error: send";
-    std::string out;
-    while (!(out.size() >= 3 && out.compare(out.size() - 3, 3, "ok\n") == 0) &&
-           out.find("error:") == std::string::npos) {
-      char buf[65536];
-      ssize_t n = recv(admin_fd_, buf, sizeof buf, 0);
-      if (n <= 0) break;
-      out.append(buf, static_cast<size_t>(n));
-    }
-    return out;
-  }
+  // One admin command; the reply up to its "ok" or "error:" line.
+  std::string admin(const std::string &cmd) { return peer_admin(&admin_fd_, sock_ + ".admin", cmd); }
 
  private:
   std::string dir_, sock_, log_;

@@ -97,3 +97,54 @@ def test_errors_and_exit_statuses(ns, build_dir):
         assert r.stdout == "", bad
     r = tvxstat(ns, build_dir, "--help")
     assert r.stdout.startswith("usage: tvxstat") and "Exit status" in r.stdout
+
+
+CNTD_SAMPLE = pathlib.Path(__file__).resolve().parents[2] / "cntd" / "sample.state"
+
+
+def start_cntd(ns, build_dir):
+    cntd = ns.start([str(build_dir / "cntd/cntd"), "-f", str(CNTD_SAMPLE)], stderr=subprocess.PIPE, text=True)
+    while "serving " not in (line := cntd.stderr.readline()):
+        assert line, "cntd ended before serving"
+    return cntd
+
+
+def cntd_admin(ns, lines):
+    return admin(ns, lines, sock="/var/run/libstats-cntd.admin")
+
+
+def test_counters_of_rtsockd_and_cntd_together(ns, build_dir):
+    start_peer(ns, build_dir)
+    r = tvxstat(ns, build_dir, "--json", "--cntd", "ge-0/0/0.0", check=False)
+    assert r.returncode == 0  # cntd not running: the kernel's figures, and why
+    assert r.stderr == "tvxstat: cntd at /var/run/libstats-cntd: socket-connect-failure: the kernel's figures alone\n"
+    assert json.loads(r.stdout)["local"]["in_bytes"] == 900000
+
+    cntd = start_cntd(ns, build_dir)
+    both = json.loads(tvxstat(ns, build_dir, "--json", "--cntd", "ge-0/0/0.0").stdout)
+    # rtsockd's 900,000 bytes in and cntd's 4,000,000 less its 1,000,000 at the last clear.
+    assert both["local"]["in_bytes"] == 900000 + 3000000
+    assert both["local"]["out_bytes"] == 1100000 + 5000000
+    assert both["transit"]["in_bytes"] == 600000 + 700000
+    assert [q["tx_packets"] for q in both["queues"]] == [30000, 6000]
+    up = json.loads(tvxstat(ns, build_dir, "--json", "--since-up", "--cntd", "ge-0/0/0.0").stdout)
+    assert up["local"]["in_bytes"] == 900000 + 4000000
+    text = tvxstat(ns, build_dir, "--cntd", "--index", "71", "--logical").stdout
+    assert "Logical interface: ge-0/0/0.0" in text
+
+    # Counters changed in cntd show at once; an empty reply leaves the kernel's.
+    assert cntd_admin(ns, "stats bump iflstats index=71 ibytes=5\n") == "ok\n"
+    assert json.loads(tvxstat(ns, build_dir, "--json", "--cntd", "ge-0/0/0.0").stdout)["local"]["in_bytes"] \
+        == 900000 + 3000005
+    assert cntd_admin(ns, "fault empty\n") == "ok\n"
+    r = tvxstat(ns, build_dir, "--json", "--cntd", "ge-0/0/0.0")
+    assert r.stderr == "tvxstat: cntd has no figures for ge-0/0/0.0: the kernel's alone\n"
+    assert json.loads(r.stdout)["local"]["in_bytes"] == 900000
+
+    # cntd killed: the kernel's figures, and the status says so.
+    cntd.kill()
+    cntd.wait()
+    r = tvxstat(ns, build_dir, "--json", "--cntd", "ge-0/0/0.0")
+    assert "socket-connect-failure" in r.stderr
+    r = tvxstat(ns, build_dir, "--cntd", "ge-0/0/0", check=False)
+    assert (r.returncode, r.stderr) == (2, "tvxstat: --cntd takes a logical interface (ge-0/0/0 is a device)\n")

@@ -34,10 +34,10 @@ def listening(path, kind=socket.SOCK_STREAM):
         s.close()
 
 
-def admin(ns, lines):
-    """Sends admin lines to the namespace's rtsockd; returns its answer."""
+def admin(ns, lines, sock="/var/run/rtsock.admin"):
+    """Sends admin lines to the namespace's rtsockd (or the peer at sock); returns its answer."""
     s = socket.socket(socket.AF_UNIX)
-    s.connect(ns.path("/var/run/rtsock.admin"))
+    s.connect(ns.path(sock))
     s.sendall(lines.encode())
     s.shutdown(socket.SHUT_WR)
     out = b""
@@ -45,7 +45,7 @@ def admin(ns, lines):
         out += chunk
     s.close()
     if b"error" in out:
-        raise RuntimeError("rtsockd refused: " + out.decode().strip())
+        raise RuntimeError(sock + " refused: " + out.decode().strip())
     return out.decode()
 
 

@@ -1,5 +1,7 @@
 // tvxstat: one interface's statistics as an operator reads them, from the
-// route socket (the statistics message of a device or logical interface).
+// route socket (the statistics message of a device or logical interface),
+// or for a logical interface with the forwarding plane's figures from cntd
+// added (--cntd, through libstats).
 #include <getopt.h>
 
 #include <cerrno>
@@ -11,16 +13,19 @@
 #include "rtsock/rts_lower.h"
 #include "rtsock/rtslib.h"
 #include "show.h"
+#include "stats/libstats.h"
 
 namespace {
 
 const char kUsage[] =
-    "usage: tvxstat [--json] [--since-up] [-s SOCKET] INTERFACE\n"
-    "       tvxstat [--json] [--since-up] [-s SOCKET] --index N [--logical]\n"
+    "usage: tvxstat [--json] [--since-up] [--cntd] [-s SOCKET] INTERFACE\n"
+    "       tvxstat [--json] [--since-up] [--cntd] [-s SOCKET] --index N [--logical]\n"
     "  INTERFACE     a device (ge-0/0/0) or a logical interface (ge-0/0/0.0)\n"
     "  --index N     the device of index N, or with --logical the logical interface\n"
     "  --since-up    counters since the interface came up (default: since the last clear)\n"
     "  --json        one JSON object instead of the text report\n"
+    "  --cntd        a logical interface's counters with the forwarding plane's from cntd added\n"
+    "                (cntd's socket: $CNTD_PATH, else /var/run/libstats-cntd under the root)\n"
     "  -s SOCKET     the route-socket peer's path (default $RTSOCK_PATH, else /var/run/rtsock\n"
     "                under the root)\n"
     "Exit status: 0 when the statistics were shown, 1 when the interface is unknown or its\n"
@@ -64,10 +69,11 @@ const char *error_text(int err) { return err == -2 ? "answer out of sequence" : 
 
 int main(int argc, char **argv) {
   tvxstat_view view;
-  bool logical = false, by_index = false;
+  bool logical = false, by_index = false, cntd = false;
   uint32_t index = 0;
   static const option kLong[] = {{"json", no_argument, nullptr, 'j'},     {"since-up", no_argument, nullptr, 'u'},
                                  {"index", required_argument, nullptr, 'i'}, {"logical", no_argument, nullptr, 'l'},
+                                 {"cntd", no_argument, nullptr, 'c'},
                                  {"help", no_argument, nullptr, 'h'},     {nullptr, 0, nullptr, 0}};
   int opt;
   while ((opt = getopt_long(argc, argv, "s:h", kLong, nullptr)) != -1) {
@@ -75,6 +81,7 @@ int main(int argc, char **argv) {
       case 'j': view.json = true; break;
       case 'u': view.abs = true; break;
       case 'l': logical = true; break;
+      case 'c': cntd = true; break;
       case 's': setenv("RTSOCK_PATH", optarg, 1); break;
       case 'h': fputs(kUsage, stdout); return 0;
       case 'i': {
@@ -120,13 +127,28 @@ int main(int argc, char **argv) {
     rtslib_close(c);
     return fail(err == ENOENT ? "no interface " + name : "cannot look up " + name + ": " + error_text(err));
   }
+  if (cntd && !logical) {
+    rtslib_close(c);
+    fprintf(stderr, "tvxstat: --cntd takes a logical interface (%s is a device)\n", name.c_str());
+    return 2;
+  }
   rts_ifstats_msg *st = nullptr;
-  err = logical ? rtslib_iflsm_get_by_index(c, index, &st) : rtslib_ifdsm_get_by_index(c, index, &st);
+  int cntd_status = -1;
+  libstats_set_log_hook([](int, const char *) {});  // its outcome is told below, in one line
+  if (cntd)
+    err = libstats_rtslib_iflsm_get_by_index_internal(c, index, LIBSTATS_MERGE_ALWAYS, &st, &cntd_status);
+  else
+    err = logical ? rtslib_iflsm_get_by_index(c, index, &st) : rtslib_ifdsm_get_by_index(c, index, &st);
   if (err) {
     rtslib_close(c);
     return fail(err == ENOENT ? "no interface " + name + (by_index && !logical ? " (a logical one? add --logical)" : "")
                               : "no statistics for " + name + ": " + error_text(err));
   }
+  if (cntd && cntd_status == LIBSTATS_INTERIM_NOT_FOUND)
+    fprintf(stderr, "tvxstat: cntd has no figures for %s: the kernel's alone\n", name.c_str());
+  else if (cntd && cntd_status != 0)
+    fprintf(stderr, "tvxstat: cntd at %s: %s: the kernel's figures alone\n", libstats_cntd_path(),
+            libstats_status_str(cntd_status));
   gif_msg msg;
   gif_ifd parsed;
   int status = 0;
@@ -134,7 +156,10 @@ int main(int argc, char **argv) {
     status = fail("the statistics of " + name + " do not read: malformed message");
   else if (!tvxstat_show(stdout, &parsed, view))
     status = fail("out of memory");
-  rtslib_msg_idl_release(c, st);
+  if (cntd)
+    libstats_iflsm_free(st);
+  else
+    rtslib_msg_idl_release(c, st);
   rtslib_close(c);
   if (fflush(stdout) != 0) return fail(std::string("cannot write: ") + strerror(errno));
   return status;
