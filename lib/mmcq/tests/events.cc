@@ -93,26 +93,24 @@ TEST_P(Events, SendWakesTheReceiverAndNothingElseDoes) {
 
 TEST_P(Events, SenderWatchReportsTheReceiverDown) {
   Seen seen;
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
   pid_t pid = fork();
   if (pid == 0) {
     mmcq *r = mmcq_receiver_create("w", nullptr, 256, 8192, 65536, 0, nullptr, nullptr, nullptr);
-    if (!r) _exit(1);
+    if (!r || write(ready[1], "r", 1) != 1) _exit(1);
     pause();
     _exit(0);
   }
-  // Wait for the child's receiver through the queue's own header.
-  mmcq *s = nullptr;
+  // The sender comes once the child's receiver is there, so its first report is "up".
+  char c;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  close(ready[0]);
+  close(ready[1]);
   mm_ctx *sc = make();
-  for (int i = 0; i < 2000; i++) {
-    if (!s) s = mmcq_sender_create("w", sc, 256, 8192, 65536, 0, on_status, &seen);
-    if (s && s->q->receiver_pid == static_cast<uint32_t>(pid)) break;
-    if (s) {
-      mmcq_delete(s);
-      s = nullptr;
-    }
-    usleep(1000);
-  }
+  mmcq *s = mmcq_sender_create("w", sc, 256, 8192, 65536, 0, on_status, &seen);
   ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s->q->receiver_pid, static_cast<uint32_t>(pid));
   EXPECT_EQ(seen.status, std::vector<bool>{true});
   kill(pid, SIGKILL);
   int st;
