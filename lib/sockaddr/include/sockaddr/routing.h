@@ -61,7 +61,7 @@ enum {
   GF_COMPOSITE = 56,
 };
 
-// One row of the family table as the library knows it: the design's name,
+// One row of the family table as the library knows it: the row's name,
 // a short name for people (tvxinfo), kind, fixed index (-1: the
 // application's), offset, maximum size and prebuilt-mask count.
 struct zsock_table_row {
