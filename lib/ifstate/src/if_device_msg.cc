@@ -29,10 +29,9 @@ void announce_addresses(if_family *iff) {
 
 void announce_family(if_family *iff) {
   announce_addresses(iff);
-  uint32_t previous = iff->iff_flags;
   iff->iff_state |= IF_STATE_DELETED;
   iff->iff_change = IF_CHANGE_DELETE;
-  task_iffchange(iff, previous, nullptr, 0, IF_IN_CHANGE, 0);
+  task_iffchange(iff, iff_change_arg(iff), nullptr, 0, IF_IN_CHANGE, 0);
   iff_free(iff);
 }
 
