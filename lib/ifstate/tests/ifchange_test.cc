@@ -181,26 +181,26 @@ TEST_F(IfChange, RttchangeVisitsEveryTaskWithTheCallbackWithoutAList) {
 
 namespace {
 
+// Sets (or clears) all five defaults of the application record.
+void set_defaults(bool on) {
+  task_app_ctx_t *app = task_get_task_app_ctx();
+  app->app_ifd_change = on ? on_ifd : nullptr;
+  app->app_iff_change = on ? on_iff : nullptr;
+  app->app_ifl_change = on ? on_ifl : nullptr;
+  app->app_ifa_change = on ? on_ifa : nullptr;
+  app->app_rtt_change = on ? on_rtt : nullptr;
+}
+
 class IfChangeDefaults : public IfChange {
  protected:
   void TearDown() override {
-    task_app_ctx_t *app = task_get_task_app_ctx();
-    app->app_ifd_change = nullptr;
-    app->app_iff_change = nullptr;
-    app->app_ifl_change = nullptr;
-    app->app_ifa_change = nullptr;
-    app->app_rtt_change = nullptr;
+    set_defaults(false);
     IfChange::TearDown();
   }
 };
 
 TEST_F(IfChangeDefaults, TheApplicationsDefaultCallbacksReachEveryNewTask) {
-  task_app_ctx_t *app = task_get_task_app_ctx();
-  app->app_ifd_change = on_ifd;
-  app->app_iff_change = on_iff;
-  app->app_ifl_change = on_ifl;
-  app->app_ifa_change = on_ifa;
-  app->app_rtt_change = on_rtt;
+  set_defaults(true);
   task *tp = made("defaults", 10);
   ifd(1, "ge-0/0/0");
   ifl(70, 1, 0);
@@ -215,7 +215,7 @@ TEST_F(IfChangeDefaults, TheApplicationsDefaultCallbacksReachEveryNewTask) {
   ifl(70, 1, 0, RTS_OP_CHANGE);
   EXPECT_TRUE(told.empty());
   // Changing the defaults later leaves existing tasks as they were.
-  app->app_ifd_change = nullptr;
+  task_get_task_app_ctx()->app_ifd_change = nullptr;
   ifd(1, "ge-0/0/0", RTS_OP_CHANGE, 0x4);
   EXPECT_EQ(told, (V{"ifd changed ge-0/0/0"}));
 }
