@@ -29,10 +29,9 @@ void announce_addresses(if_family *iff) {
 
 void announce_family(if_family *iff) {
   announce_addresses(iff);
-  uint32_t previous = iff->iff_flags;
   iff->iff_state |= IF_STATE_DELETED;
   iff->iff_change = IF_CHANGE_DELETE;
-  task_iffchange(iff, previous, nullptr, 0, IF_IN_CHANGE, 0);
+  task_iffchange(iff, iff_change_arg(iff), nullptr, 0, IF_IN_CHANGE, 0);
   iff_free(iff);
 }
 
@@ -228,6 +227,10 @@ int if_rtsock_decode_ifdev(void *message, uint32_t) {
     IF_TRACE("%s msg: name and index do not match in internal db", "ifdev");
     return 0;
   }
+  // The port type is fixed once the device exists. A kernel never changes it,
+  // but the message comes from a peer (its admin socket can send any field),
+  // so a change is refused here rather than asserted: one bad message must not
+  // stop the daemon.
   if (ifd && m->ifdm_porttype && ifd->ifd_porttype && ifd->ifd_porttype != m->ifdm_porttype) {
     IF_TRACE("ifdev msg: %s changes port type %d to %d, refused", name, int(ifd->ifd_porttype),
              int(m->ifdm_porttype));

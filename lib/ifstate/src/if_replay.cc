@@ -29,7 +29,7 @@ void walk_all(Dev dev, Link link, Fam fam, Addr addr) {
 void if_replay(void) {
   walk_all([](if_device *ifd) { task_ifdchange(ifd, nullptr, 0, IF_IN_REPLAY, 1); },
            [](if_link *ifl) { task_iflchange(ifl, IF_IN_REPLAY, 1); },
-           [](if_family *iff) { task_iffchange(iff, iff->iff_flags, nullptr, 0, IF_IN_REPLAY, 1); },
+           [](if_family *iff) { task_iffchange(iff, iff_change_arg(iff), nullptr, 0, IF_IN_REPLAY, 1); },
            [](if_address *ifa) {
              // Addresses have no replay mark of their own: only tasks that want replays.
              for (task *tp = task_notify_list_first(IF_NOTIFY_ADDRESS), *next; tp; tp = next) {
@@ -55,7 +55,7 @@ void if_replay_task(task *tp) {
       },
       [&](if_family *iff) {
         if (!live() || (tp->task_iff_filter && !tp->task_iff_filter(tp, iff))) return;
-        if (tp->task_iffchange) task_iffchange_single(tp, iff, iff->iff_flags, nullptr, 0, IF_IN_REPLAY);
+        if (tp->task_iffchange) task_iffchange_single(tp, iff, iff_change_arg(iff), nullptr, 0, IF_IN_REPLAY);
         if (live()) task_iffreplay_single(tp, iff, nullptr, IF_IN_REPLAY, 0);
       },
       [&](if_address *ifa) {

@@ -71,13 +71,13 @@ int if_rtsock_decode_iffamily(void *message, uint32_t) {
   bool created = !iff;
   if (created) iff = if_family_add(ifl, family);
   iff->iff_change = created ? IF_CHANGE_NEW : 0u;
-  uint32_t previous = iff->iff_flags;
+  uint32_t old_flags = iff->iff_flags;
   iff->iff_flags = m->iffm_flags;
   uint16_t old16 = iff->iff_mtu16;
   uint64_t old_features = iff->iff_features;
   uint16_t mtu16 = derived_mtu(m->iffm_mtu, m->iffm_max_mtu);
   if (!created && (iff->iff_mtu != m->iffm_mtu || iff->iff_max_mtu != m->iffm_max_mtu || old16 != mtu16 ||
-                   old_features != m->iffm_features || previous != m->iffm_flags))
+                   old_features != m->iffm_features || old_flags != m->iffm_flags))
     iff->iff_change = IF_CHANGE_CHANGED;
   iff->iff_mtu = m->iffm_mtu;
   iff->iff_max_mtu = m->iffm_max_mtu;
@@ -87,8 +87,8 @@ int if_rtsock_decode_iffamily(void *message, uint32_t) {
   if (!created && old_features != m->iffm_features && features_hook) features_hook(iff, old_features);
   IF_TRACE("%s msg: %s for %s %s flags: %x", "iffamily", rts_op_name(m->hdr.operation), ifl->ifl_name,
            if_family_name(family), iff->iff_flags);
-  if (!created && previous != iff->iff_flags) task_iff_flag_change(iff, previous, iff->iff_flags, nullptr);
-  task_iffchange(iff, previous, nullptr, 0, IF_IN_CHANGE, 0);
+  if (!created && old_flags != iff->iff_flags) task_iff_flag_change(iff, old_flags, iff->iff_flags, nullptr);
+  task_iffchange(iff, iff_change_arg(iff), nullptr, 0, IF_IN_CHANGE, 0);
   return 1;
 }
 

@@ -19,7 +19,9 @@ const char *name_of_task(const void *tp) { return task_name(static_cast<task *>(
 // Created (on the task list) and not deleted: a task that may hear changes.
 bool listening(const task *tp) { return tp->task_forw && !(tp->task_flags & TASK_FLAG_DELETE); }
 
-// The frame around one callback; call() runs it.
+// The frame around one callback; call() runs it. No memory step follows the
+// call: allocations are charged to the task their caller names, and the memory
+// library's checks (memory-high, leak sampling) are periodic or per allocation.
 template <class Call>
 void frame(task *tp, const char *what, int flag, Call call) {
   io_in_change = flag;

@@ -50,6 +50,13 @@ void agg_link(if_device *ifd, if_device **changed, int *n_changed);
 
 }  // namespace ifs
 
+// The argument a family's broadcast carries: its change word, with a plain
+// change (0x8000) given as 0, so that only a new or deleted family is told
+// apart by the argument; what changed is read from the family.
+inline uint32_t iff_change_arg(const if_family *iff) {
+  return iff->iff_change == IF_CHANGE_CHANGED ? 0 : iff->iff_change;
+}
+
 // Announce and free a logical interface (its families and addresses
 // first), and a family (its addresses first).
 void if_link_delete(if_link *ifl);

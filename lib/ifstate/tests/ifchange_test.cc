@@ -178,3 +178,64 @@ TEST_F(IfChange, RttchangeVisitsEveryTaskWithTheCallbackWithoutAList) {
 }
 
 }  // namespace
+
+namespace {
+
+// Sets (or clears) all five defaults of the application record.
+void set_defaults(bool on) {
+  task_app_ctx_t *app = task_get_task_app_ctx();
+  app->app_ifd_change = on ? on_ifd : nullptr;
+  app->app_iff_change = on ? on_iff : nullptr;
+  app->app_ifl_change = on ? on_ifl : nullptr;
+  app->app_ifa_change = on ? on_ifa : nullptr;
+  app->app_rtt_change = on ? on_rtt : nullptr;
+}
+
+class IfChangeDefaults : public IfChange {
+ protected:
+  void TearDown() override {
+    set_defaults(false);
+    IfChange::TearDown();
+  }
+};
+
+TEST_F(IfChangeDefaults, TheApplicationsDefaultCallbacksReachEveryNewTask) {
+  set_defaults(true);
+  task *tp = made("defaults", 10);
+  ifd(1, "ge-0/0/0");
+  ifl(70, 1, 0);
+  iff(70, RTS_AF_INET);
+  ifa(70, RTS_AF_INET, v4(10, 0, 0, 1), 32);
+  rtt(RTS_AF_INET, 9, "blue");
+  EXPECT_EQ(told, (V{"ifd new ge-0/0/0", "ifl new ge-0/0/0.0", "iff new ge-0/0/0.0 inet",
+                     "ifa new ge-0/0/0.0 10.0.0.1/32", "rtt blue&AF=2 flags=4"}));
+  // A default is an ordinary registration: clearing it silences the task.
+  told.clear();
+  task_set_iflchange(tp, nullptr);
+  ifl(70, 1, 0, RTS_OP_CHANGE);
+  EXPECT_TRUE(told.empty());
+  // Changing the defaults later leaves existing tasks as they were.
+  task_get_task_app_ctx()->app_ifd_change = nullptr;
+  ifd(1, "ge-0/0/0", RTS_OP_CHANGE, 0x4);
+  EXPECT_EQ(told, (V{"ifd changed ge-0/0/0"}));
+}
+
+std::vector<uint32_t> iff_args;
+void note_iff_arg(task *, if_family *, uint32_t previous, void *, int) { iff_args.push_back(previous); }
+
+TEST_F(IfChange, AFamilysChangeArgumentIsItsChangeWordWithAPlainChangeAsZero) {
+  iff_args.clear();
+  task *tp = made("families", 10);
+  task_set_iffchange(tp, note_iff_arg);
+  ifd(1, "ge-0/0/0");
+  ifl(70, 1, 0);
+  iff(70, RTS_AF_INET, RTS_OP_ADD, 1500, 0x1);
+  iff(70, RTS_AF_INET, RTS_OP_CHANGE, 9000, 0x1);  // changed
+  iff(70, RTS_AF_INET, RTS_OP_CHANGE, 9000, 0x1);  // nothing differed
+  iff(70, RTS_AF_INET, RTS_OP_DELETE);
+  iff(70, RTS_AF_INET6, RTS_OP_ADD, 1500, 0x3);
+  ifd(1, "ge-0/0/0", RTS_OP_DELETE);  // the family goes with its device
+  EXPECT_EQ(iff_args, (std::vector<uint32_t>{IF_CHANGE_NEW, 0, 0, IF_CHANGE_DELETE, IF_CHANGE_NEW, IF_CHANGE_DELETE}));
+}
+
+}  // namespace

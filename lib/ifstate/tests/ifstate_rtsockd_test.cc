@@ -217,4 +217,23 @@ TEST_F(IfstateRtsockd, TenThousandInterfacesMirroredExactlyThenFollowedThroughRa
   EXPECT_TRUE(got.ifa == model.ifa);
 }
 
+// A device's port type is fixed once it exists, yet any peer can send a
+// message that changes it (here through the admin socket): the mirror must
+// refuse that message and carry on, not stop the daemon.
+TEST_F(IfstateRtsockd, APeerChangingADevicesPortTypeIsRefusedAndTheMirrorCarriesOn) {
+  Rtsockd p("ifd index=1 name=ge-0/0/0 porttype=24 mtu=1514\n");
+  ASSERT_TRUE(p.ready()) << p.log();
+  start();
+  ASSERT_TRUE(scan_done);
+  ASSERT_NE(ifd_find_by_index(1), nullptr);
+  EXPECT_EQ(ifd_find_by_index(1)->ifd_porttype, 24);
+  ASSERT_NE(p.admin("change ifd index=1 name=ge-0/0/0 porttype=25 mtu=9000").find("ok"), std::string::npos);
+  ASSERT_NE(p.admin("add ifd index=2 name=marker").find("ok"), std::string::npos);
+  ASSERT_TRUE(until([] { return ifd_find_by_index(2) != nullptr; }));
+  EXPECT_EQ(ifd_find_by_index(1)->ifd_porttype, 24);
+  EXPECT_EQ(ifd_find_by_index(1)->ifd_mtu, 1514u);  // the whole message was refused
+  ASSERT_NE(p.admin("change ifd index=1 name=ge-0/0/0 porttype=24 mtu=9000").find("ok"), std::string::npos);
+  ASSERT_TRUE(until([] { return ifd_find_by_index(1)->ifd_mtu == 9000; }));
+}
+
 }  // namespace

@@ -176,11 +176,17 @@ task *task_alloc(const char *name, int priority, trace_handle *trace_options) {
   tp->task_kevent_udata = TASK_KEVENT_TASK;
   tp->task_priority = priority;
   tp->task_trace = trace_options ? trace_alloc(trace_options) : nullptr;
-  tp->task_ifd_change = task_app_current->app_ifd_change;
-  tp->task_iff_change = task_app_current->app_iff_change;
-  tp->task_ifl_change = task_app_current->app_ifl_change;
-  tp->task_ifa_change = task_app_current->app_ifa_change;
-  tp->task_rtt_change = task_app_current->app_rtt_change;
+  // The defaults are registrations like any other: the task joins the lists
+  // the broadcasts walk (it hears nothing until task_create).
+  tp->task_ifdchange = task_app_current->app_ifd_change;
+  tp->task_iffchange = task_app_current->app_iff_change;
+  tp->task_iflchange = task_app_current->app_ifl_change;
+  tp->task_ifachange = task_app_current->app_ifa_change;
+  tp->task_rttchange = task_app_current->app_rtt_change;
+  if (tp->task_ifdchange) task_notify_list_add(tp, TASK_NOTIFY_IFD);
+  if (tp->task_iffchange) task_notify_list_add(tp, TASK_NOTIFY_IFF);
+  if (tp->task_iflchange) task_notify_list_add(tp, TASK_NOTIFY_IFL);
+  if (tp->task_ifachange) task_notify_list_add(tp, TASK_NOTIFY_IFA);
   TASK_TRACE(tp, TR_TASK, "task_alloc: allocated task block for %s priority %d", tp->task_name_base, priority);
   return tp;
 }

@@ -33,11 +33,11 @@ extern "C" {
 
 // The lists, in task_notify_links.
 enum : unsigned {
-  IF_NOTIFY_ADDRESS = 0,      // task_ifachange
-  IF_NOTIFY_FAMILY = 1,       // task_iffchange, task_iffreplay
-  IF_NOTIFY_LOGICAL = 2,      // task_iflchange, task_ifl_agg_change
-  IF_NOTIFY_DEVICE = 3,       // task_ifdchange
-  IF_NOTIFY_FAMILY_FLAG = 4,  // task_iff_flag_change
+  IF_NOTIFY_ADDRESS = TASK_NOTIFY_IFA,
+  IF_NOTIFY_FAMILY = TASK_NOTIFY_IFF,
+  IF_NOTIFY_LOGICAL = TASK_NOTIFY_IFL,
+  IF_NOTIFY_DEVICE = TASK_NOTIFY_IFD,
+  IF_NOTIFY_FAMILY_FLAG = TASK_NOTIFY_IFF_FLAG,
 };
 
 // Lines of the mirrors and of notification go to this handle (the
@@ -70,7 +70,8 @@ void task_ifachange(if_address *ifa, int flag);
 void task_ifachange_single(task *tp, if_address *ifa, int flag);
 void task_ifdchange(if_device *ifd, void *arg, uint32_t extra, int flag, int replay);
 void task_ifdchange_single(task *tp, if_device *ifd, void *arg, uint32_t extra, int flag);
-// previous: the family's flags before the change.
+// previous: the family's change word, 0 for a plain change (0x8000): new
+// (0x2), delete (0x4) or 0; a flags change is told by task_iff_flag_change.
 void task_iffchange(if_family *iff, uint32_t previous, void *arg, int number, int flag, int replay);
 void task_iffchange_single(task *tp, if_family *iff, uint32_t previous, void *arg, int number, int flag);
 void task_iffreplay_single(task *tp, void *object, void *arg, int flag, int number);

@@ -77,6 +77,15 @@ enum : uint32_t {
 };
 
 enum { TASK_CHANGE_KINDS = 6, TASK_NOTIFY_LISTS = 10 };
+// The notification lists of the change kinds (ifstate/ifchange.h); the
+// route-table kind has none, its broadcast walks every task.
+enum : unsigned {
+  TASK_NOTIFY_IFA = 0,       // task_ifachange
+  TASK_NOTIFY_IFF = 1,       // task_iffchange, task_iffreplay
+  TASK_NOTIFY_IFL = 2,       // task_iflchange, task_ifl_agg_change
+  TASK_NOTIFY_IFD = 3,       // task_ifdchange
+  TASK_NOTIFY_IFF_FLAG = 4,  // task_iff_flag_change
+};
 enum { TASK_TIMER_CLASS_HIGH = 0, TASK_TIMER_CLASS_NORMAL = 1, TASK_TIMER_CLASS_LOW = 2 };
 
 // Time charged to a task for one kind of callback.
@@ -135,7 +144,13 @@ struct task {
   uint8_t task_change_replay[TASK_CHANGE_KINDS];
   task_change_fn task_change_current[TASK_CHANGE_KINDS];
   task_change_fn task_change_registered[TASK_CHANGE_KINDS];
-  task_change_fn task_ifa_change, task_ifd_change, task_iff_change, task_ifl_change, task_rtt_change;
+  // The five kinds the application record gives defaults for (copied by
+  // task_alloc); ifstate/ifchange.h sets them, and the kinds below, later.
+  task_ifachange_fn task_ifachange;
+  task_ifdchange_fn task_ifdchange;
+  task_iffchange_fn task_iffchange;
+  task_iflchange_fn task_iflchange;
+  task_rttchange_fn task_rttchange;
   task_method task_cleanup;
   task_method task_reinit;
   task_method task_mastership;
@@ -171,17 +186,12 @@ struct task {
   task_method task_aio;
   task_method task_ack;
   uint8_t task_ack_stopped;  // acknowledgements are not run while set
-  // Change notification of the kernel-state mirrors (ifstate/ifchange.h sets
-  // them and links the task into task_notify_links). Kept behind the fields
-  // the scheduler's pass reads.
+  // The further change callbacks of the kernel-state mirrors (ifstate/ifchange.h
+  // sets them and links the task into task_notify_links). Kept behind the
+  // fields the scheduler's pass reads.
   task_iffreplay_fn task_iffreplay;
-  task_ifachange_fn task_ifachange;
-  task_iffchange_fn task_iffchange;
-  task_iflchange_fn task_iflchange;
-  task_ifdchange_fn task_ifdchange;
   task_iff_flag_change_fn task_iff_flag_change;
   task_ifl_agg_change_fn task_ifl_agg_change;
-  task_rttchange_fn task_rttchange;
   task_ifa_filter_fn task_ifa_filter;
   task_iff_filter_fn task_iff_filter;
   task_ifl_filter_fn task_ifl_filter;
@@ -249,7 +259,12 @@ struct task_app_ctx_t {
   void (*app_modules_startup)(void *ctx), (*app_modules_init)(void *ctx), (*app_modules_var_init)(void *ctx),
       (*app_modules_config)(void *ctx);
   uint8_t app_no_lr_option;
-  task_change_fn app_ifd_change, app_iff_change, app_ifl_change, app_ifa_change, app_rtt_change;
+  // Default change callbacks, copied into every task task_alloc makes.
+  task_ifdchange_fn app_ifd_change;
+  task_iffchange_fn app_iff_change;
+  task_iflchange_fn app_ifl_change;
+  task_ifachange_fn app_ifa_change;
+  task_rttchange_fn app_rtt_change;
   void (*app_quit_hook)(int status);
   void (*app_finish)(void *ctx, void *arg);
   int (*app_term_veto)(void);
