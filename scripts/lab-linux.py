@@ -45,6 +45,7 @@ def main():
     ap.add_argument("--build", default=os.path.join(ROOT, "build"), help="build folder (default build/)")
     ap.add_argument("--rounds", type=int, default=0, help="stop after N rounds (default: until Ctrl-C)")
     args = ap.parse_args()
+    args.build = os.path.abspath(args.build)  # the namespaces resolve paths from their own working directory
     if os.geteuid() != 0:
         sys.exit("lab-linux: needs root (network namespaces, VXLAN devices and raw sockets)")
     for prog in ("rtsockd/rtsockd", "fdblearnd/fdblearnd", "tunechod/tunechod", "tools/ping-overlay/ping-overlay"):

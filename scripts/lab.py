@@ -47,7 +47,7 @@ def main():
     args = ap.parse_args()
     if os.geteuid() != 0:
         sys.exit("lab: needs root (network namespaces and the raw send socket)")
-    build = args.build
+    build = os.path.abspath(args.build)  # the namespaces resolve paths from their own working directory
     for prog in ("rtsockd/rtsockd", "fdblearnd/fdblearnd", "tunechod/tunechod", "tools/ping-overlay/ping-overlay"):
         if not os.access(os.path.join(build, prog), os.X_OK):
             sys.exit(f"lab: {build}/{prog} is missing: run make build first")

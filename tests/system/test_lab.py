@@ -12,8 +12,9 @@ def test_one_round_of_the_lab(build_dir):
     if not tvxns.available():
         import pytest
         pytest.skip("the lab needs root and unshare")
-    r = subprocess.run(["/usr/bin/python3", f"{ROOT}/scripts/lab.py", "--build", str(build_dir), "--rounds", "1"],
-                       capture_output=True, text=True, timeout=60)
+    # As make run starts it: from the top folder, the build folder given relative to it.
+    r = subprocess.run(["/usr/bin/python3", "scripts/lab.py", "--build", os.path.relpath(build_dir, ROOT), "--rounds", "1"],
+                       capture_output=True, text=True, timeout=60, cwd=ROOT)
     assert r.returncode == 0, r.stderr
     out = r.stdout
     probes = out.split("\n$ ping-overlay ")[1:]
