@@ -102,6 +102,12 @@ void mmdb_mark_lost(mmdb *db);
 void mmdb_clear_replicators(mmdb *db);
 uint32_t mmdb_queue_number(uint32_t id, uint32_t slot);
 uint32_t mmdb_queue_receive(uint32_t queue, void *buf, uint32_t room);
+// The change queue over mmcq (change_queue.cc), the one in place unless a
+// test plugs in another.
+bool mmdb_mmcq_send(int queue, const void *msg, uint32_t len, void *ctx);
+uint32_t mmdb_mmcq_receive(int queue, void *buf, uint32_t room, void *ctx);
+// Every open handle of this process, under the table's lock.
+void mmdb_for_each_open(void (*fn)(mmdb *db));
 
 // The log (log.cc), a line per operation while MMDB_DEBUG_LOG is on.
 void mmdb_log(mmdb *db, const mmdb_record_t *e, uint32_t oper, const void *key, uint32_t keylen, int line);

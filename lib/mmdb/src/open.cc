@@ -241,6 +241,13 @@ mmdb *mmdb_open_by_id(uint32_t id, int *status) {
   return mmdb_open(&p, status);
 }
 
+void mmdb_for_each_open(void (*fn)(mmdb *db)) {
+  pthread_mutex_lock(&handles_mu);
+  for (mmdb *db : handles)
+    if (db) fn(db);
+  pthread_mutex_unlock(&handles_mu);
+}
+
 void mmdb_close(mmdb *db) {
   if (!db) return;
   db->closing_thread = pthread_self();

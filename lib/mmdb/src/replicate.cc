@@ -9,7 +9,7 @@
 
 namespace {
 
-mmdb_change_queue_ops queue_ops;
+mmdb_change_queue_ops queue_ops = {mmdb_mmcq_send, mmdb_mmcq_receive, nullptr};
 pthread_mutex_t queue_mu = PTHREAD_MUTEX_INITIALIZER;
 
 bool queue_send(uint32_t queue, const void *msg, uint32_t len) {
@@ -286,6 +286,16 @@ mmdb_iterator *mmdb_iterator_create_rep(mmdb *db) {
 }
 
 int mmdb_iterator_slot(const mmdb_iterator *it) { return it ? it->slot : -1; }
+uint32_t mmdb_iterator_db_id(const mmdb_iterator *it) { return it ? it->db->id : 0; }
+
+int mmdb_rep_start(void) {
+  // Whatever this process's iterators had read belongs to a replicator that
+  // starts over: each sends the whole database again.
+  mmdb_for_each_open([](mmdb *db) {
+    if (db->iter && db->iter->kind == MMDB_ITER_REP) restart_scan(db->iter);
+  });
+  return MMDB_SUCCESS;
+}
 
 void mmdb_iterator_delete(mmdb_iterator *it) {
   if (!it) return;

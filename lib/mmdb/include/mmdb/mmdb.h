@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "mmcq/mmcq.h"
 #include "mmf/mmf.h"
 
 // ---- Status codes ---------------------------------------------------------
@@ -362,7 +363,31 @@ struct mmdb_change_queue_ops {
   uint32_t (*receive)(int slot, void *buf, uint32_t room, void *ctx);
   void *ctx;
 };
+// The queue in place from the start is mmcq (below); null plugs in none.
 void mmdb_set_change_queue(const mmdb_change_queue_ops *ops);
+
+// The change stream over mmcq: the queue of replicator slot `slot` of
+// database `id` is "mmdb_mmcq_%d" with n = id x 5 + slot, of
+// mmdb_queue_max_msg_bytes messages, starting at mmdb_queue_default_bytes and
+// growing by as much up to mmdb_queue_max_bytes (TVX_MMDB_QUEUE_BYTES=D,M
+// overrides the two sizes; every process must agree on them). A writer's
+// message that cannot be queued counts as lost and the replicator rescans.
+extern uint32_t mmdb_queue_max_msg_bytes;
+extern int64_t mmdb_queue_default_bytes, mmdb_queue_max_bytes;
+// Makes this process the replicator: every replicator iterator it holds
+// starts over with a full scan. Call it once the iterators exist.
+int mmdb_rep_start(void);
+// The receiver of an iterator's change queue, made on first use (later calls
+// return it and ignore the arguments). With ctx and cb, writers wake the
+// replicator through ctx; without, the replicator polls mmdb_rep_get_next.
+mmcq *mmdb_rep_mmcq(mmdb_iterator *it, mm_ctx *ctx, mmcq_receive_cb cb, void *cookie);
+// Gives up every change queue this process receives (the slots stay with
+// their iterators until mmdb_iterator_delete).
+void mmdb_rep_stop(void);
+// Drops this process's sender handles (tests that change root).
+void mmdb_change_queue_close(void);
+// The id of the database an iterator reads.
+uint32_t mmdb_iterator_db_id(const mmdb_iterator *it);
 
 // ---- Maintenance ----------------------------------------------------------
 
