@@ -151,6 +151,16 @@ void open_copy(replica &r, uint32_t dst) {
     snprintf(id, sizeof id, "%u", dst);
     fail("mirror database %s: %s", id, mmdb_status_str(st));
   }
+  // What the copy holds from an earlier run is what the next scan's end
+  // judges: a key deleted while no replicator ran must leave the copy too.
+  mmdb_iterator *it = mmdb_iterator_create_all(r.copy);
+  std::vector<char> key(MMDB_MAX_KEYLEN + 1), val(p.max_data + 1);
+  for (;;) {
+    uint32_t kl = static_cast<uint32_t>(key.size()), vl = static_cast<uint32_t>(val.size()), rl = 0;
+    if (mmdb_iterator_get_next(it, key.data(), &kl, val.data(), &vl, &rl) != MMDB_SUCCESS) break;
+    r.data[std::string(key.data(), kl)] = std::string(val.data(), rl);
+  }
+  mmdb_iterator_delete(it);
 }
 
 // Opens every database of the registry not yet replicated.
