@@ -100,6 +100,7 @@ void mmdb_rep_stop(void) {
     r = nullptr;
   }
   pthread_mutex_unlock(&mu);
+  mmdb_ack_rep_running(false);
 }
 
 void mmdb_change_queue_close(void) {

@@ -106,6 +106,17 @@ uint32_t mmdb_queue_receive(uint32_t queue, void *buf, uint32_t room);
 // test plugs in another.
 bool mmdb_mmcq_send(int queue, const void *msg, uint32_t len, void *ctx);
 uint32_t mmdb_mmcq_receive(int queue, void *buf, uint32_t room, void *ctx);
+// Acknowledgements (ack.cc). Joins the ack registry and opens this
+// process's ack queue: 0, or 3 when every entry is held by a live process.
+int mmdb_ack_join(void);
+// The replicator's mark in the registry, and its start count.
+void mmdb_ack_rep_running(bool running);
+// Stamps a fresh cookie in the record of key and marks it; its bucket is
+// held by the caller.
+void mmdb_ack_stamp(mmdb *db, const void *key, uint32_t keylen);
+// A record's cookie (0 in a database without acks).
+uint64_t mmdb_record_cookie(mmdb *db, mmdb_record_t *e);
+mmdb *mmdb_iterator_db(mmdb_iterator *it);
 // Every open handle of this process, under the table's lock.
 void mmdb_for_each_open(void (*fn)(mmdb *db));
 

@@ -77,7 +77,7 @@ void fresh_header(mmdb *db) {
   h->max_key = db->p.max_key;
   h->max_data = db->p.max_data;
   h->max_replicated = db->p.max_replicated;
-  h->acks_enabled = 0;
+  h->acks_enabled = (db->p.flags & MMDB_F_ACKS) ? 1 : 0;
 }
 
 void free_handle(mmdb *db) {
@@ -179,6 +179,9 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
     memset(db->buckets, 0, (db->p.bucket_count + 1) * sizeof(mmdb_bucket_t));
     fresh_header(db);
   }
+  // The file decides whether records carry the ack cookie, so that every
+  // process reads the same layout whatever flags it opened with.
+  db->cookie_bytes = db->hdr->acks_enabled ? 8 : 0;
 
   // The data file: the caller's sizes plus the record header.
   uint32_t sizes[64];
@@ -227,6 +230,11 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
   mmdb_meminfo_update(db);
   mmdb_registry_store(&db->p);
   open_unlock(lockfd);
+  if (db->cookie_bytes && mmdb_ack_join() != MMDB_SUCCESS) {
+    mmdb_close(db);
+    *status = MMDB_NOMEM;
+    return nullptr;
+  }
   *status = MMDB_SUCCESS;
   return db;
 }

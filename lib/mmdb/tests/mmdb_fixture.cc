@@ -7,6 +7,7 @@ void MmdbTest::TearDown() {
   db_ = nullptr;
   mmdb_rep_stop();
   mmdb_change_queue_close();
+  mmdb_ack_close();
   mmdb_set_change_queue(nullptr);
   mmdb_registry_close();
   MmfTest::TearDown();
