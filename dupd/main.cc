@@ -61,6 +61,8 @@ struct replica {
   std::set<std::string> stale;   // keys held before a running scan, not seen since
   bool scanning = false;
   bool dirty = true;
+  // Updates applied but not yet written out: acknowledged once they are.
+  std::vector<std::pair<std::string, uint64_t>> acks;
 };
 
 std::string out_dir;
@@ -89,6 +91,10 @@ void write_mirror(replica &r) {
   TVX_CRASHPOINT("dupd_mirror_written");
   if (rename(tmp, path) != 0) fail("%s: %s", path, strerror(errno));
   r.dirty = false;
+  // Stored now: the writers may hear so.
+  for (auto &a : r.acks)
+    mmdb_process_ack_from_rep(r.it, a.first.data(), static_cast<uint32_t>(a.first.size()), a.second);
+  r.acks.clear();
 }
 
 void copy_put(replica &r, const std::string &k, const std::string &v) {
@@ -106,6 +112,7 @@ void apply(replica &r, const mmdb_rep_header &h, const uint8_t *body) {
     case MMDB_REP_UPDATE: {
       std::string v(reinterpret_cast<const char *>(body + h.keylen), h.replen);
       copy_put(r, key, v);
+      if (uint64_t cookie = mmdb_rep_cookie(r.it)) r.acks.emplace_back(key, cookie);
       r.data[key] = std::move(v);
       r.stale.erase(key);
       break;
@@ -142,7 +149,7 @@ void open_copy(replica &r, uint32_t dst) {
   if (name.size() >= sizeof p.name) fail("mirror database of %s: %s", mmdb_get_params(r.db)->name, "name too long");
   memcpy(p.name, name.c_str(), name.size() + 1);
   p.id = dst;
-  p.flags &= ~MMDB_F_REPLICATE;
+  p.flags &= ~(MMDB_F_REPLICATE | MMDB_F_ACKS);
   p.transform = nullptr;
   int st;
   r.copy = mmdb_open(&p, &st);

@@ -15,12 +15,15 @@
 namespace {
 
 const char kUsage[] =
-    "usage: mmdbload [-i ID] [-n COUNT] [-k KEYS] [-r SEED] [-w WRITER]\n"
+    "usage: mmdbload [-a] [-i ID] [-n COUNT] [-k KEYS] [-r SEED] [-w WRITER]\n"
     "COUNT (10000) seeded changes to database ID (7, made if missing: \"load\" with\n"
     "64 buckets): a put of key \"kN\" (N below KEYS, 500), or one in five a delete.\n"
     "A value is \"WRITER:SEQ:\" and a filler derived from them; every get is\n"
     "checked against that rule.\n"
-    "Exit status: 0 done, 1 a database call failed or a value was wrong, 2 usage.\n";
+    "-a: the database keeps acknowledgements (when it is made); after its changes\n"
+    "the writer takes its acks until no record waits for one (10 s at most).\n"
+    "Exit status: 0 done, 1 a database call failed or a value was wrong, 2 usage,\n"
+    "3 (-a) records still waited for their ack after 10 s.\n";
 
 long num(const char *s, long lo, long hi) {
   char *end;
@@ -52,9 +55,11 @@ bool well_formed(const std::string &v) {
 
 int main(int argc, char **argv) {
   long id = 7, count = 10000, keys = 500, seed = 1, writer = 1;
+  bool acks = false;
   int c;
-  while ((c = getopt(argc, argv, "i:n:k:r:w:h")) != -1) {
+  while ((c = getopt(argc, argv, "ai:n:k:r:w:h")) != -1) {
     switch (c) {
+      case 'a': acks = true; break;
       case 'i': id = num(optarg, 1, MMDB_MAX_IDS - 1); break;
       case 'n': count = num(optarg, 0, 100000000); break;
       case 'k': keys = num(optarg, 1, 1000000); break;
@@ -71,7 +76,7 @@ int main(int argc, char **argv) {
   mmdb_params p = {};
   snprintf(p.name, sizeof p.name, "load");
   p.id = static_cast<uint32_t>(id);
-  p.flags = MMDB_F_REPLICATE;
+  p.flags = MMDB_F_REPLICATE | (acks ? MMDB_F_ACKS : 0);
   p.bucket_count = 64;
   p.max_bytes = p.mapped_span = 32 << 20;
   p.default_bytes = p.grow_by_bytes = 1 << 20;
@@ -110,7 +115,32 @@ int main(int argc, char **argv) {
       return 1;
     }
   }
+  long acked = 0;
+  if (acks) {
+    // Every record, ours or the other writers', must be acknowledged in the end.
+    bool waiting = true;
+    for (int round = 0; round < 1000 && waiting; round++) {
+      char key[64];
+      uint32_t kl = sizeof key;
+      while (mmdb_ack_get_next(nullptr, key, &kl, nullptr) == MMDB_SUCCESS) {
+        acked++;
+        kl = sizeof key;
+      }
+      waiting = false;
+      for (long k = 0; k < keys && !waiting; k++) {
+        std::string key_s = "k" + std::to_string(k);
+        bool pending = false;
+        mmdb_ack_pending(db, key_s.data(), static_cast<uint32_t>(key_s.size()), &pending);
+        waiting = pending;
+      }
+      if (waiting) usleep(10000);
+    }
+    if (waiting) {
+      fprintf(stderr, "mmdbload: records still wait for their ack\n");
+      return 3;
+    }
+  }
   mmdb_close(db);
-  printf("mmdbload: %ld changes\n", count);
+  printf("mmdbload: %ld changes, %ld acks\n", count, acked);
   return 0;
 }
