@@ -15,9 +15,12 @@
 namespace {
 
 const char kUsage[] =
-    "usage: mmdbload [-a] [-i ID] [-n COUNT] [-k KEYS] [-r SEED] [-w WRITER]\n"
+    "usage: mmdbload [-a] [-i ID] [-n COUNT] [-k KEYS] [-r SEED] [-w WRITER] [-x N]\n"
+    "       mmdbload -C      the database's crash points, one a line\n"
     "COUNT (10000) seeded changes to database ID (7, made if missing: \"load\" with\n"
     "64 buckets): a put of key \"kN\" (N below KEYS, 500), or one in five a delete.\n"
+    "One put in eight of an existing key replaces its replicated part instead;\n"
+    "-x N resets the database before change N.\n"
     "A value is \"WRITER:SEQ:\" and a filler derived from them; every get is\n"
     "checked against that rule.\n"
     "-a: the database keeps acknowledgements (when it is made); after its changes\n"
@@ -55,10 +58,15 @@ bool well_formed(const std::string &v) {
 
 int main(int argc, char **argv) {
   long id = 7, count = 10000, keys = 500, seed = 1, writer = 1;
+  long reset_at = -1;
   bool acks = false;
   int c;
-  while ((c = getopt(argc, argv, "ai:n:k:r:w:h")) != -1) {
+  while ((c = getopt(argc, argv, "ai:n:k:r:w:x:Ch")) != -1) {
     switch (c) {
+      case 'C':
+        for (size_t i = 0; i < mmdb_crashpoint_count; i++) puts(mmdb_crashpoints[i]);
+        return 0;
+      case 'x': reset_at = num(optarg, 0, 100000000); break;
       case 'a': acks = true; break;
       case 'i': id = num(optarg, 1, MMDB_MAX_IDS - 1); break;
       case 'n': count = num(optarg, 0, 100000000); break;
@@ -93,6 +101,10 @@ int main(int argc, char **argv) {
   for (long i = 0; i < count; i++) {
     std::string key = "k" + std::to_string(rng() % static_cast<uint32_t>(keys));
     uint32_t kl = static_cast<uint32_t>(key.size());
+    if (i == reset_at && (st = mmdb_reset(db)) != MMDB_SUCCESS) {
+      fprintf(stderr, "mmdbload: reset: %s\n", mmdb_status_str(st));
+      return 1;
+    }
     if (rng() % 5 == 0) {
       st = mmdb_delete(db, key.data(), kl);
       if (st == MMDB_NOT_FOUND) st = MMDB_SUCCESS;
@@ -108,7 +120,13 @@ int main(int argc, char **argv) {
     } else {
       std::string v = value(writer, i);
       uint32_t n = static_cast<uint32_t>(v.size());
-      st = mmdb_put(db, key.data(), kl, v.data(), n, n, n, false);
+      // The whole value is replicated: replacing that part replaces it all.
+      if (rng() % 8 == 0) {
+        st = mmdb_append_replicated(db, kl, key.data(), n, v.data());
+        if (st == MMDB_NOT_FOUND) st = MMDB_SUCCESS;
+      } else {
+        st = mmdb_put(db, key.data(), kl, v.data(), n, n, n, false);
+      }
     }
     if (st != MMDB_SUCCESS) {
       fprintf(stderr, "mmdbload: database %ld: %s\n", id, mmdb_status_str(st));

@@ -119,30 +119,43 @@ int mmdb_ack_join(void) {
   if (my_name.empty()) my_name = std::string(program_invocation_short_name).substr(0, 59);
   mmf_lock(reg_file);
   if (my_entry >= 0 && r->entry[my_entry].pid != me) my_entry = -1;  // wiped by someone who thought us dead
-  int take = my_entry, own = -1, free_slot = -1;
-  for (int i = 0; i < MMDB_ACK_ENTRIES && take < 0; i++) {
-    mmdb_ack_entry_t &e = r->entry[i];
-    if (e.pid && e.pid != me && !mmf_pid_alive(static_cast<pid_t>(e.pid))) memset(&e, 0, sizeof e);
-    bool mine = entry_name(e) == my_name && e.instance == my_instance;
-    if (mine && (!e.pid || e.pid == me) && own < 0) own = i;
-    if (!e.pid && !e.name[0] && free_slot < 0) free_slot = i;
+  int take = my_entry;
+  if (take < 0) {
+    for (mmdb_ack_entry_t &e : r->entry)
+      if (e.pid && e.pid != me && !mmf_pid_alive(static_cast<pid_t>(e.pid))) memset(&e, 0, sizeof e);
+    // A live process of the same name and instance owns that ack queue: the
+    // next instance no live process holds is ours.
+    uint32_t inst = my_instance;
+    for (bool clash = true; clash;) {
+      clash = false;
+      for (const mmdb_ack_entry_t &e : r->entry)
+        if (e.pid && e.pid != me && e.instance == inst && entry_name(e) == my_name) clash = true;
+      if (clash) inst++;
+    }
+    int own = -1, free_slot = -1;
+    for (int i = 0; i < MMDB_ACK_ENTRIES; i++) {
+      const mmdb_ack_entry_t &e = r->entry[i];
+      if (own < 0 && (!e.pid || e.pid == me) && e.instance == inst && entry_name(e) == my_name) own = i;
+      if (free_slot < 0 && !e.pid && !e.name[0]) free_slot = i;
+    }
+    take = own >= 0 ? own : free_slot;
+    if (take >= 0) {
+      mmdb_ack_entry_t &e = r->entry[take];
+      memset(&e, 0, sizeof e);
+      memcpy(e.name, my_name.data(), my_name.size());
+      e.instance = inst;
+      __atomic_store_n(&e.pid, me, __ATOMIC_RELEASE);
+      my_entry = take;
+    }
   }
-  if (take < 0) take = own >= 0 ? own : free_slot;
-  if (take >= 0) {
-    mmdb_ack_entry_t &e = r->entry[take];
-    memset(&e, 0, sizeof e);
-    memcpy(e.name, my_name.data(), my_name.size());
-    e.instance = my_instance;
-    __atomic_store_n(&e.pid, me, __ATOMIC_RELEASE);
-    my_entry = take;
-  }
+  uint32_t joined = take >= 0 ? r->entry[take].instance : 0;
   mmf_unlock(reg_file);
   if (take < 0) {
     pthread_mutex_unlock(&mu);
     return MMDB_NOMEM;
   }
   if (!ackq) {
-    ackq_name = queue_name(my_name.c_str(), my_instance);
+    ackq_name = queue_name(my_name.c_str(), joined);
     ackq = mmcq_receiver_create(ackq_name.c_str(), nullptr, kAckMsgBytes, kAckQueueDefault, kAckQueueMax, 0, nullptr,
                                 nullptr, nullptr);
   }

@@ -180,3 +180,29 @@ TEST_F(MmdbAck, TheFileKeepsItsLayout) {
   ASSERT_EQ(put_str(db_, "key", "value", 0, 5), MMDB_SUCCESS);
   EXPECT_FALSE(pending(db_, "key"));
 }
+
+// Two live processes of one name and instance would share an ack queue, and
+// the second receiver would take the first one's acks: the later one takes
+// the next instance.
+TEST_F(MmdbAck, ASecondProcessOfOneNameTakesTheNextInstance) {
+  db_ = open_db(ack_params());
+  mmdb_close(db_);
+  db_ = nullptr;
+  auto *reg = const_cast<mmdb_ack_registry_t *>(mmdb_ack_registry_peek());
+  ASSERT_NE(reg, nullptr);
+  memset(reg->entry, 0, sizeof reg->entry);
+  reg->entry[0].pid = 1;  // alive
+  strcpy(reg->entry[0].name, "twin");
+  reg->entry[2].pid = 1;
+  strcpy(reg->entry[2].name, "twin");
+  reg->entry[2].instance = 1;
+  mmdb_ack_close();
+  mmdb_ack_set_identity("twin", 0);
+  db_ = open_db(ack_params());
+  ASSERT_NE(db_, nullptr);
+  reg = const_cast<mmdb_ack_registry_t *>(mmdb_ack_registry_peek());
+  EXPECT_EQ(reg->entry[1].pid, static_cast<uint32_t>(getpid()));
+  EXPECT_STREQ(reg->entry[1].name, "twin");
+  EXPECT_EQ(reg->entry[1].instance, 2u);
+  EXPECT_NE(report().find("mmdb_ackq_twin_i2\n"), std::string::npos) << report();
+}
