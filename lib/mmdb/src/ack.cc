@@ -48,28 +48,15 @@ constexpr int64_t kAckQueueDefault = 64 << 10, kAckQueueMax = 4 << 20;
 
 // The registry, opened (and made) on first use; mu held.
 mmdb_ack_registry_t *registry(bool create) {
-  const char *root = tvx_path_root();
-  std::string r = root ? root : "";
-  if (reg_file && r != reg_root) {
-    mmf_close(reg_file);
-    reg_file = nullptr;
-    reg = nullptr;
-    my_entry = -1;
-  }
-  if (reg) return reg;
+  if (reg && reg_file && reg_root == (tvx_path_root() ? tvx_path_root() : "")) return reg;
+  reg = nullptr;
+  my_entry = -1;
   char name[128];
   snprintf(name, sizeof name, MMDB_ACK_REGISTRY_FMT, MMDB_DIR);
-  if (!create && access(tvx_path(name).c_str(), F_OK) != 0) return nullptr;
-  uint32_t cls = 0x80;
   bool created = false;
-  const int64_t bytes = 0x10000;
-  reg_file = mmf_create(name, bytes, bytes, bytes, true, 0, 1, 1, &cls, MMF_FLAG_COMMON_RESIZE, &created);
-  if (!reg_file) return nullptr;
-  reg_root = r;
-  uint32_t len = MMDB_ACK_REGISTRY_BYTES;
-  off_t off;
-  auto *block = static_cast<mmdb_ack_registry_t *>(mmf_alloc_common(reg_file, &len, &off));
-  MMDB_ASSERT(block && len == MMDB_ACK_REGISTRY_BYTES);
+  auto *block = static_cast<mmdb_ack_registry_t *>(
+      mmdb_block_file(name, MMDB_ACK_REGISTRY_BYTES, create, &reg_file, &reg_root, &created));
+  if (!block) return nullptr;
   // All zeroes is the empty registry: a file made (or rebuilt) just now is wiped.
   if (created) {
     mmf_lock(reg_file);

@@ -125,6 +125,14 @@ void mmdb_log(mmdb *db, const mmdb_record_t *e, uint32_t oper, const void *key, 
 
 // The registry (registry.cc).
 void mmdb_registry_store(const mmdb_params *p);
+// A machine-wide block of `bytes` in a small mapped file of its own (the
+// registries): the block of *file, reopened when the root changed since
+// *root; made when create, else null when the file does not exist. The block
+// is an allocated node, not the slack behind the header that a no-allocation
+// file would use: the heap behind it stays walkable, so the file passes
+// validation at the next open instead of being rebuilt empty. *created says
+// whether the file was new.
+void *mmdb_block_file(const char *name, uint32_t bytes, bool create, mmf **file, std::string *root, bool *created);
 
 // Seconds of the cross-process waits, scaled as mmf's are.
 inline double mmdb_scaled(double s) { return s * mmf_time_scale(); }
