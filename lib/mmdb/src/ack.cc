@@ -22,7 +22,9 @@ std::string my_name;
 uint32_t my_instance;
 mmcq *ackq;                               // this process's ack queue (writers)
 std::string ackq_name;
-std::map<std::string, mmcq *> senders;    // the writers' queues (the replicator)
+// The writers' queues (the replicator), kept for the process's life: never
+// destroyed at exit, so the handles stay reachable.
+std::map<std::string, mmcq *> &senders = *new std::map<std::string, mmcq *>;
 aack ledger;
 std::string held;                         // an ack handed out short of room
 uint32_t seq;

@@ -383,6 +383,11 @@ int mmdb_reset(mmdb *db) {
     fresh_header(db);
   }
   mmdb_lock_clean(db, false);
+  // Every bucket is held while the chains and the data file go: a writer or
+  // reader of another process would otherwise walk into a chain torn down
+  // under it, or link a record into the file being rebuilt. Taken in order,
+  // and a holder holds one bucket at a time, so no one waits in a circle.
+  for (uint32_t b = 0; b < db->p.bucket_count; b++) mmdb_lock_bucket(db, b);
   mmdb_hash_header_t *h = db->hdr;
   memset(&h->lock, 0, sizeof h->lock);
   memset(h->scan, 0, sizeof h->scan);
@@ -393,7 +398,12 @@ int mmdb_reset(mmdb *db) {
   TVX_CRASHPOINT("mmdb_reset_heads");
   // Replicators see the count move and start over.
   __atomic_add_fetch(&h->resets, 1u, __ATOMIC_RELEASE);
+  // The rebuild writes up to the file's current end, which another process
+  // may have grown past this one's mapping (no one grows it now: growth
+  // needs a bucket).
+  mmf_refresh(db->data);
   mmf_reset(db->data);
+  for (uint32_t b = db->p.bucket_count; b-- > 0;) mmdb_unlock_bucket(db, b);
   mmdb_lock_clean(db, false);
   return mmdb_verify(db);
 }
