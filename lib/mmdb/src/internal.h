@@ -102,12 +102,37 @@ void mmdb_mark_lost(mmdb *db);
 void mmdb_clear_replicators(mmdb *db);
 uint32_t mmdb_queue_number(uint32_t id, uint32_t slot);
 uint32_t mmdb_queue_receive(uint32_t queue, void *buf, uint32_t room);
+// The change queue over mmcq (change_queue.cc), the one in place unless a
+// test plugs in another.
+bool mmdb_mmcq_send(int queue, const void *msg, uint32_t len, void *ctx);
+uint32_t mmdb_mmcq_receive(int queue, void *buf, uint32_t room, void *ctx);
+// Acknowledgements (ack.cc). Joins the ack registry and opens this
+// process's ack queue: 0, or 3 when every entry is held by a live process.
+int mmdb_ack_join(void);
+// The replicator's mark in the registry, and its start count.
+void mmdb_ack_rep_running(bool running);
+// Stamps a fresh cookie in the record of key and marks it; its bucket is
+// held by the caller.
+void mmdb_ack_stamp(mmdb *db, const void *key, uint32_t keylen);
+// A record's cookie (0 in a database without acks).
+uint64_t mmdb_record_cookie(mmdb *db, mmdb_record_t *e);
+mmdb *mmdb_iterator_db(mmdb_iterator *it);
+// Every open handle of this process, under the table's lock.
+void mmdb_for_each_open(void (*fn)(mmdb *db));
 
 // The log (log.cc), a line per operation while MMDB_DEBUG_LOG is on.
 void mmdb_log(mmdb *db, const mmdb_record_t *e, uint32_t oper, const void *key, uint32_t keylen, int line);
 
 // The registry (registry.cc).
 void mmdb_registry_store(const mmdb_params *p);
+// A machine-wide block of `bytes` in a small mapped file of its own (the
+// registries): the block of *file, reopened when the root changed since
+// *root; made when create, else null when the file does not exist. The block
+// is an allocated node, not the slack behind the header that a no-allocation
+// file would use: the heap behind it stays walkable, so the file passes
+// validation at the next open instead of being rebuilt empty. *created says
+// whether the file was new.
+void *mmdb_block_file(const char *name, uint32_t bytes, bool create, mmf **file, std::string *root, bool *created);
 
 // Seconds of the cross-process waits, scaled as mmf's are.
 inline double mmdb_scaled(double s) { return s * mmf_time_scale(); }

@@ -77,7 +77,7 @@ void fresh_header(mmdb *db) {
   h->max_key = db->p.max_key;
   h->max_data = db->p.max_data;
   h->max_replicated = db->p.max_replicated;
-  h->acks_enabled = 0;
+  h->acks_enabled = (db->p.flags & MMDB_F_ACKS) ? 1 : 0;
 }
 
 void free_handle(mmdb *db) {
@@ -179,6 +179,9 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
     memset(db->buckets, 0, (db->p.bucket_count + 1) * sizeof(mmdb_bucket_t));
     fresh_header(db);
   }
+  // The file decides whether records carry the ack cookie, so that every
+  // process reads the same layout whatever flags it opened with.
+  db->cookie_bytes = db->hdr->acks_enabled ? 8 : 0;
 
   // The data file: the caller's sizes plus the record header.
   uint32_t sizes[64];
@@ -227,6 +230,11 @@ mmdb *mmdb_open(const mmdb_params *params, int *status) {
   mmdb_meminfo_update(db);
   mmdb_registry_store(&db->p);
   open_unlock(lockfd);
+  if (db->cookie_bytes && mmdb_ack_join() != MMDB_SUCCESS) {
+    mmdb_close(db);
+    *status = MMDB_NOMEM;
+    return nullptr;
+  }
   *status = MMDB_SUCCESS;
   return db;
 }
@@ -239,6 +247,13 @@ mmdb *mmdb_open_by_id(uint32_t id, int *status) {
     return nullptr;
   }
   return mmdb_open(&p, status);
+}
+
+void mmdb_for_each_open(void (*fn)(mmdb *db)) {
+  pthread_mutex_lock(&handles_mu);
+  for (mmdb *db : handles)
+    if (db) fn(db);
+  pthread_mutex_unlock(&handles_mu);
 }
 
 void mmdb_close(mmdb *db) {
@@ -368,6 +383,11 @@ int mmdb_reset(mmdb *db) {
     fresh_header(db);
   }
   mmdb_lock_clean(db, false);
+  // Every bucket is held while the chains and the data file go: a writer or
+  // reader of another process would otherwise walk into a chain torn down
+  // under it, or link a record into the file being rebuilt. Taken in order,
+  // and a holder holds one bucket at a time, so no one waits in a circle.
+  for (uint32_t b = 0; b < db->p.bucket_count; b++) mmdb_lock_bucket(db, b);
   mmdb_hash_header_t *h = db->hdr;
   memset(&h->lock, 0, sizeof h->lock);
   memset(h->scan, 0, sizeof h->scan);
@@ -378,7 +398,12 @@ int mmdb_reset(mmdb *db) {
   TVX_CRASHPOINT("mmdb_reset_heads");
   // Replicators see the count move and start over.
   __atomic_add_fetch(&h->resets, 1u, __ATOMIC_RELEASE);
+  // The rebuild writes up to the file's current end, which another process
+  // may have grown past this one's mapping (no one grows it now: growth
+  // needs a bucket).
+  mmf_refresh(db->data);
   mmf_reset(db->data);
+  for (uint32_t b = db->p.bucket_count; b-- > 0;) mmdb_unlock_bucket(db, b);
   mmdb_lock_clean(db, false);
   return mmdb_verify(db);
 }

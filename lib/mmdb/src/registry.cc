@@ -21,34 +21,14 @@ std::string reg_name() {
   return name;
 }
 
-// The registry, opened (and made) on first use. Its block is an allocated
-// node, not the slack behind the header that a no-allocation file would use:
-// the heap behind it stays walkable, so the file passes validation at the
-// next open instead of being rebuilt empty.
+// The registry, opened (and made) on first use.
 mmdb_registry_t *registry(bool create) {
-  const char *root = tvx_path_root();
-  std::string r = root ? root : "";
-  if (reg_file && r != reg_root) {
-    mmf_close(reg_file);
-    reg_file = nullptr;
-    reg = nullptr;
-  }
-  if (reg) return reg;
-  std::string name = reg_name();
-  if (!create) {
-    struct stat st;
-    if (stat(tvx_path(name.c_str()).c_str(), &st) != 0) return nullptr;
-  }
-  uint32_t cls = 0x80;
+  if (reg && reg_file && reg_root == (tvx_path_root() ? tvx_path_root() : "")) return reg;
+  reg = nullptr;
   bool created = false;
-  const int64_t bytes = 0x10000;
-  reg_file = mmf_create(name.c_str(), bytes, bytes, bytes, true, 0, 1, 1, &cls, MMF_FLAG_COMMON_RESIZE, &created);
-  if (!reg_file) return nullptr;
-  reg_root = r;
-  uint32_t len = MMDB_REGISTRY_BYTES;
-  off_t off;
-  auto *block = static_cast<mmdb_registry_t *>(mmf_alloc_common(reg_file, &len, &off));
-  MMDB_ASSERT(block && len == MMDB_REGISTRY_BYTES);
+  auto *block = static_cast<mmdb_registry_t *>(
+      mmdb_block_file(reg_name().c_str(), MMDB_REGISTRY_BYTES, create, &reg_file, &reg_root, &created));
+  if (!block) return nullptr;
   auto write_header = [&] {
     mmf_lock(reg_file);
     memset(block, 0, MMDB_REGISTRY_BYTES);
@@ -75,6 +55,29 @@ mmdb_registry_t *registry(bool create) {
 }
 
 }  // namespace
+
+void *mmdb_block_file(const char *name, uint32_t bytes, bool create, mmf **file, std::string *root, bool *created) {
+  const char *r = tvx_path_root();
+  std::string now = r ? r : "";
+  if (*file && now != *root) {
+    mmf_close(*file);
+    *file = nullptr;
+  }
+  if (!*file) {
+    struct stat st;
+    if (!create && stat(tvx_path(name).c_str(), &st) != 0) return nullptr;
+    uint32_t cls = 0x80;
+    const int64_t size = 0x10000;
+    *file = mmf_create(name, size, size, size, true, 0, 1, 1, &cls, MMF_FLAG_COMMON_RESIZE, created);
+    if (!*file) return nullptr;
+    *root = now;
+  }
+  uint32_t len = bytes;
+  off_t off;
+  void *block = mmf_alloc_common(*file, &len, &off);
+  MMDB_ASSERT(block && len == bytes);
+  return block;
+}
 
 void mmdb_registry_store(const mmdb_params *p) {
   pthread_mutex_lock(&reg_mu);

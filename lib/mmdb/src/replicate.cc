@@ -9,7 +9,7 @@
 
 namespace {
 
-mmdb_change_queue_ops queue_ops;
+mmdb_change_queue_ops queue_ops = {mmdb_mmcq_send, mmdb_mmcq_receive, nullptr};
 pthread_mutex_t queue_mu = PTHREAD_MUTEX_INITIALIZER;
 
 bool queue_send(uint32_t queue, const void *msg, uint32_t len) {
@@ -63,6 +63,7 @@ void mmdb_set_change_queue(const mmdb_change_queue_ops *ops) {
 
 void mmdb_send_change(mmdb *db, const void *key, uint32_t keylen, bool del) {
   mmdb_hash_header_t *h = db->hdr;
+  if (db->cookie_bytes && !del) mmdb_ack_stamp(db, key, keylen);
   if (!__atomic_load_n(&h->reps_want_msgs, __ATOMIC_ACQUIRE)) return;
   uint8_t msg[4 + MMDB_MAX_KEYLEN];
   uint16_t kl = static_cast<uint16_t>(keylen);
@@ -129,6 +130,8 @@ struct mmdb_iterator {
   bool pending_del;
   // What the slot's lost count and the reset count were at the last rescan.
   uint32_t lost_seen, resets_seen;
+  // The ack cookie of the record handed out last.
+  uint64_t last_cookie;
 };
 
 namespace {
@@ -194,12 +197,14 @@ int rep_record(mmdb_iterator *it, const std::string &key, bool known_deleted, ui
   hd.keylen = static_cast<uint16_t>(key.size());
   std::unique_ptr<uint8_t[]> rep;
   uint32_t replen = 0;
+  uint64_t cookie = 0;
   hd.op = MMDB_REP_DELETE;
   if (!known_deleted) {
     uint32_t b;
     uint64_t prev, off;
     if (mmdb_record_t *e = mmdb_find_record(db, key.data(), static_cast<uint32_t>(key.size()), &b, &prev, &off)) {
       replen = e->replen;
+      cookie = mmdb_record_cookie(db, e);
       uint32_t room = db->p.transform ? db->p.max_replicated + 1024 : replen;
       rep.reset(new uint8_t[room ? room : 1]);
       if (db->p.transform) {
@@ -225,6 +230,7 @@ int rep_record(mmdb_iterator *it, const std::string &key, bool known_deleted, ui
   memcpy(p + sizeof hd, key.data(), key.size());
   if (replen) memcpy(p + sizeof hd + key.size(), rep.get(), replen);
   *len = need;
+  it->last_cookie = cookie;
   db->hdr->rep[it->slot].seen++;
   return MMDB_SUCCESS;
 }
@@ -233,6 +239,7 @@ int rep_mark(mmdb_iterator *it, uint16_t op, uint32_t *len, void *buf) {
   mmdb_rep_header hd = {};
   hd.db_id = static_cast<uint16_t>(it->db->id);
   hd.op = op;
+  it->last_cookie = 0;
   memcpy(buf, &hd, sizeof hd);
   *len = sizeof hd;
   return MMDB_SUCCESS;
@@ -286,6 +293,19 @@ mmdb_iterator *mmdb_iterator_create_rep(mmdb *db) {
 }
 
 int mmdb_iterator_slot(const mmdb_iterator *it) { return it ? it->slot : -1; }
+uint32_t mmdb_iterator_db_id(const mmdb_iterator *it) { return it ? it->db->id : 0; }
+mmdb *mmdb_iterator_db(mmdb_iterator *it) { return it ? it->db : nullptr; }
+uint64_t mmdb_rep_cookie(const mmdb_iterator *it) { return it ? it->last_cookie : 0; }
+
+int mmdb_rep_start(void) {
+  // Whatever this process's iterators had read belongs to a replicator that
+  // starts over: each sends the whole database again.
+  mmdb_for_each_open([](mmdb *db) {
+    if (db->iter && db->iter->kind == MMDB_ITER_REP) restart_scan(db->iter);
+  });
+  mmdb_ack_rep_running(true);
+  return MMDB_SUCCESS;
+}
 
 void mmdb_iterator_delete(mmdb_iterator *it) {
   if (!it) return;

@@ -5,6 +5,9 @@
 void MmdbTest::TearDown() {
   if (db_) mmdb_close(db_);
   db_ = nullptr;
+  mmdb_rep_stop();
+  mmdb_change_queue_close();
+  mmdb_ack_close();
   mmdb_set_change_queue(nullptr);
   mmdb_registry_close();
   MmfTest::TearDown();

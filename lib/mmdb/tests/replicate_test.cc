@@ -162,6 +162,7 @@ TEST_F(MmdbRep, BufferSizes) {
 }
 
 TEST_F(MmdbRep, WithoutAQueueEveryChangeForcesARescan) {
+  mmdb_set_change_queue(nullptr);
   mmdb_iterator *it = mmdb_iterator_create_rep(db_);
   mirror m;
   EXPECT_EQ(m.drain(it), MMDB_NOT_FOUND);
@@ -340,4 +341,64 @@ TEST_F(MmdbRep, StaleSlotsClearedAtOpen) {
   EXPECT_EQ(mmdb_header(db_)->rep[3].pid, static_cast<uint32_t>(getppid()));
   EXPECT_EQ(mmdb_header(db_)->reps_registered, 1u);
   mmdb_header(db_)->rep[3].pid = 0;
+}
+
+// The queue in place from the start: real mmcq files, one per database and slot.
+TEST_F(MmdbRep, ChangesTravelOverTheMappedQueue) {
+  mmdb_iterator *it = mmdb_iterator_create_rep(db_);
+  ASSERT_EQ(mmdb_rep_start(), MMDB_SUCCESS);
+  mmcq *q = mmdb_rep_mmcq(it, nullptr, nullptr, nullptr);
+  ASSERT_NE(q, nullptr);
+  EXPECT_EQ(mmdb_rep_mmcq(it, nullptr, nullptr, nullptr), q);
+  char name[32];
+  snprintf(name, sizeof name, MMDB_QUEUE_NAME, static_cast<int>(3 * MMDB_MAX_REPLICATORS + mmdb_iterator_slot(it)));
+  EXPECT_STREQ(q->name, name);
+  mirror m;
+  EXPECT_EQ(m.drain(it), MMDB_NOT_FOUND);
+  ASSERT_EQ(put_str(db_, "a", "1", 0, 1), MMDB_SUCCESS);
+  ASSERT_EQ(put_str(db_, "b", "22", 0, 2), MMDB_SUCCESS);
+  ASSERT_EQ(mmdb_delete(db_, "a", 1), MMDB_SUCCESS);
+  EXPECT_EQ(q->q->sent, 3u);
+  EXPECT_EQ(mmdb_header(db_)->rep[mmdb_iterator_slot(it)].lost, 0u);
+  EXPECT_EQ(m.drain(it), MMDB_NOT_FOUND);
+  EXPECT_EQ(m.resyncs, 1u);  // the first scan only
+  EXPECT_EQ(q->q->received, 3u);
+  // A replicator that starts again sends the whole database once more.
+  ASSERT_EQ(mmdb_rep_start(), MMDB_SUCCESS);
+  EXPECT_EQ(m.drain(it), MMDB_NOT_FOUND);
+  EXPECT_EQ(m.resyncs, 2u);
+  mmdb_rep_stop();
+  mmdb_iterator_delete(it);
+  EXPECT_EQ(m.data, replicated(db_));
+}
+
+// A queue at its maximum refuses; the change is counted lost and the next
+// read rescans, so the mirror still ends equal.
+TEST_F(MmdbRep, AFullMappedQueueForcesARescan) {
+  mmdb_queue_default_bytes = 8192;
+  mmdb_queue_max_bytes = 16384;
+  mmdb_iterator *it = mmdb_iterator_create_rep(db_);
+  ASSERT_NE(mmdb_rep_mmcq(it, nullptr, nullptr, nullptr), nullptr);
+  mirror m;
+  EXPECT_EQ(m.drain(it), MMDB_NOT_FOUND);
+  std::mt19937 rng(26);
+  for (int i = 0; i < 2000; i++) {
+    std::string key = "k" + std::to_string(rng() % 300);
+    if (rng() % 5 == 0)
+      mmdb_delete(db_, key.data(), static_cast<uint32_t>(key.size()));
+    else
+      ASSERT_EQ(put_str(db_, key, std::string(1 + rng() % 40, static_cast<char>('a' + i % 26))), MMDB_SUCCESS);
+  }
+  EXPECT_GT(mmdb_header(db_)->rep[mmdb_iterator_slot(it)].lost, 0u);
+  EXPECT_EQ(m.drain(it), MMDB_NOT_FOUND);
+  EXPECT_EQ(m.resyncs, 2u);
+  // Changes after the rescan come as messages again.
+  uint32_t lost = mmdb_header(db_)->rep[mmdb_iterator_slot(it)].lost;
+  ASSERT_EQ(put_str(db_, "late", "L", 0, 1), MMDB_SUCCESS);
+  EXPECT_EQ(mmdb_header(db_)->rep[mmdb_iterator_slot(it)].lost, lost);
+  EXPECT_EQ(m.drain(it), MMDB_NOT_FOUND);
+  EXPECT_EQ(m.resyncs, 2u);
+  mmdb_rep_stop();
+  mmdb_iterator_delete(it);
+  EXPECT_EQ(m.data, replicated(db_));
 }

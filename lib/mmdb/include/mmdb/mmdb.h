@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "mmcq/mmcq.h"
 #include "mmf/mmf.h"
 
 // ---- Status codes ---------------------------------------------------------
@@ -73,10 +74,12 @@ const char *mmdb_oper_str(uint32_t oper);
 
 // Open flags.
 #define MMDB_F_REPLICATE 0x1u    // replication wanted
+#define MMDB_F_ACKS 0x2u         // acknowledgements: kept by the file when it is made (see mmdb_process_ack_from_rep)
 #define MMDB_F_DB_LOCK 0x4u      // every call takes the database-wide slot first
 #define MMDB_F_RESET_ON_RESYNC 0x8u  // mmdb_scan_all resets instead of marking
 
 // Record flags (eflag).
+#define MMDB_EF_ACK_PENDING 0x2u // changed since the replicator last acknowledged the record
 #define MMDB_EF_RESYNC 0x10u     // marked by mmdb_scan_all
 #define MMDB_EF_WRITING 0x40u    // a writer is inside the value; dropped if it dies there
 
@@ -362,7 +365,89 @@ struct mmdb_change_queue_ops {
   uint32_t (*receive)(int slot, void *buf, uint32_t room, void *ctx);
   void *ctx;
 };
+// The queue in place from the start is mmcq (below); null plugs in none.
 void mmdb_set_change_queue(const mmdb_change_queue_ops *ops);
+
+// The change stream over mmcq: the queue of replicator slot `slot` of
+// database `id` is "mmdb_mmcq_%d" with n = id x 5 + slot, of
+// mmdb_queue_max_msg_bytes messages, starting at mmdb_queue_default_bytes and
+// growing by as much up to mmdb_queue_max_bytes (TVX_MMDB_QUEUE_BYTES=D,M
+// overrides the two sizes; every process must agree on them). A writer's
+// message that cannot be queued counts as lost and the replicator rescans.
+extern uint32_t mmdb_queue_max_msg_bytes;
+extern int64_t mmdb_queue_default_bytes, mmdb_queue_max_bytes;
+// Makes this process the replicator: every replicator iterator it holds
+// starts over with a full scan. Call it once the iterators exist.
+int mmdb_rep_start(void);
+// The receiver of an iterator's change queue, made on first use (later calls
+// return it and ignore the arguments). With ctx and cb, writers wake the
+// replicator through ctx; without, the replicator polls mmdb_rep_get_next.
+mmcq *mmdb_rep_mmcq(mmdb_iterator *it, mm_ctx *ctx, mmcq_receive_cb cb, void *cookie);
+// Gives up every change queue this process receives (the slots stay with
+// their iterators until mmdb_iterator_delete).
+void mmdb_rep_stop(void);
+// Drops this process's sender handles (tests that change root).
+void mmdb_change_queue_close(void);
+// The id of the database an iterator reads.
+uint32_t mmdb_iterator_db_id(const mmdb_iterator *it);
+
+// ---- Acknowledgements ---------------------------------------------------
+//
+// A database made with MMDB_F_ACKS keeps an 8-byte ack cookie in every record
+// (the file decides, so every process agrees on the layout): each change
+// that is not a delete stamps it (the writer's pid in the high word, a
+// per-process count in the low) and marks the record MMDB_EF_ACK_PENDING.
+// The replicator, once it has stored a record it got from the stream, calls
+// mmdb_process_ack_from_rep with the cookie the stream gave it: when the
+// record still carries that cookie (no later change), the mark is cleared
+// and an ack goes to the writer's queue "mmdb_ackq_NAME_iINSTANCE". A writer
+// reads its acks with mmdb_ack_get_next, in the order they came (through an
+// aack ledger). Every process that opens a database with acks joins the ack
+// registry "/mfs/var/mmdb/mmdb_ack_registry" (20 entries; status 3 at open
+// when all are held by live processes).
+#define MMDB_ACK_REGISTRY_FMT "%smmdb_ack_registry"
+#define MMDB_ACK_QUEUE_FMT "mmdb_ackq_%s_i%d"
+#define MMDB_ACK_REGISTRY_BYTES 0x55Cu
+#define MMDB_ACK_ENTRIES 20
+#pragma pack(push, 4)
+struct mmdb_ack_entry_t {
+  uint32_t pid;                  // 0 free
+  char name[60];                 // program name
+  uint32_t instance;
+};
+struct mmdb_ack_registry_t {
+  uint32_t rep_pid;              // the replicator
+  uint8_t running;               // between mmdb_rep_start and mmdb_rep_stop
+  uint8_t pad[3];
+  uint32_t start_count;          // mmdb_rep_start calls
+  mmdb_ack_entry_t entry[MMDB_ACK_ENTRIES];
+};
+#pragma pack(pop)
+static_assert(sizeof(mmdb_ack_entry_t) == 0x44);
+static_assert(sizeof(mmdb_ack_registry_t) == MMDB_ACK_REGISTRY_BYTES);
+
+// The name and instance under which this process joins the registry (its
+// program name and 0 unless set before the first open with acks).
+void mmdb_ack_set_identity(const char *name, uint32_t instance);
+// The registry as it stands (null when it does not exist yet).
+const mmdb_ack_registry_t *mmdb_ack_registry_peek(void);
+// The cookie of the record mmdb_rep_get_next handed out last (0: none, a
+// delete, or a database without acks).
+uint64_t mmdb_rep_cookie(const mmdb_iterator *it);
+// The replicator has stored the record of key at the version `cookie`:
+// clears the record's mark and queues the ack to its writer when the record
+// still carries that cookie. 0 done (or nothing to do: a later change, a
+// deleted record, a writer gone; counted), 1 bad arguments, 2 invalid.
+int mmdb_process_ack_from_rep(mmdb_iterator *it, const void *key, uint32_t keylen, uint64_t cookie);
+// The next ack for this process: database id, key and cookie of the change
+// acknowledged. 0, or 4 when none is waiting; 6 when key's room is short.
+int mmdb_ack_get_next(uint32_t *db_id, void *key, uint32_t *keylen, uint64_t *cookie);
+// Whether the record of key waits for its ack (4 when it does not exist).
+int mmdb_ack_pending(mmdb *db, const void *key, uint32_t keylen, bool *pending);
+// This process's ack figures, one line each.
+void mmdb_ack_report(FILE *f);
+// Leaves the registry and closes the ack queues (tests that change root).
+void mmdb_ack_close(void);
 
 // ---- Maintenance ----------------------------------------------------------
 
