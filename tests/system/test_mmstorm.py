@@ -56,11 +56,11 @@ class Storm:
                     "PATH": path}
         self.next_id = 0
 
-    def writers(self, specs, region, ops=1500, live=64):
-        """Starts one writer per spec (a crash point spec or None), cores off."""
+    def writers(self, armings, region, ops=1500, live=64):
+        """Starts one writer per arming ("point:pass" for TVX_CRASHPOINT, or None), cores off."""
         procs = []
-        for spec in specs:
-            env = dict(self.env, TVX_CRASHPOINT=spec or "")
+        for arming in armings:
+            env = dict(self.env, TVX_CRASHPOINT=arming or "")
             argv = ["/bin/sh", "-c", 'ulimit -c 0; exec "$@"', "sh", self.bin, "writer",
                     "-i", str(self.next_id), "-t", "2", "-n", str(ops), "-l", str(live), "-s", "7"]
             if region:
@@ -68,15 +68,15 @@ class Storm:
             argv += [FILE, ROOT + "/logs"]
             self.next_id += 1
             p = self.ns.start(argv, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-            procs.append((spec, p))
+            procs.append((arming, p))
         return procs
 
     def wait(self, procs):
         waits = []
-        for spec, p in procs:
+        for arming, p in procs:
             out, err = p.communicate(timeout=60)
-            if spec:
-                assert p.returncode == -signal.SIGKILL, f"{spec} not reached: {p.returncode} {out} {err}"
+            if arming:
+                assert p.returncode == -signal.SIGKILL, f"{arming} not reached: {p.returncode} {out} {err}"
             else:
                 assert p.returncode == 0, f"survivor exited {p.returncode}: {err}"
                 waits += [float(w) for w in re.findall(r"longest lock wait ([0-9.]+) s", out)]
@@ -90,19 +90,19 @@ class Storm:
 @pytest.mark.parametrize("region", [False, True], ids=["single", "region"])
 @pytest.mark.parametrize("point", crashpoints())
 def test_writer_killed_at_crash_point(storm, point, region):
-    spec = f"{point}:{PASS.get(point, 60)}"
+    arming = f"{point}:{PASS.get(point, 60)}"
     waits = []
     if point.startswith("mmf_init"):
         # The armed writer alone makes the file and dies building it; the
         # others open it after, wait out the dead initialiser and rebuild.
-        waits += storm.wait(storm.writers([spec], region))
+        waits += storm.wait(storm.writers([arming], region))
         waits += storm.wait(storm.writers([None, None], region))
     elif point == "mmf_lock_takeover":
         # One writer dies holding the word; the other dies taking it over;
         # two more take it over from that one in turn.
         # One after the other, so that the second always finds a dead holder.
         waits += storm.wait(storm.writers(["mmf_alloc_done:60"], region))
-        waits += storm.wait(storm.writers([spec], region))
+        waits += storm.wait(storm.writers([arming], region))
         waits += storm.wait(storm.writers([None, None], region))
     else:
         # The survivors open the file first: an opener that comes after a
@@ -115,7 +115,7 @@ def test_writer_killed_at_crash_point(storm, point, region):
         survivors = storm.writers([None, None], region, live=64)
         for _, p in survivors:
             assert p.stdout.readline().endswith(": open\n")
-        armed = storm.writers([spec], region, live=2000 if grow else 64, ops=4000 if grow else 1500)
+        armed = storm.writers([arming], region, live=2000 if grow else 64, ops=4000 if grow else 1500)
         waits += storm.wait(armed + survivors)
 
     r = storm.check(region)

@@ -71,7 +71,7 @@ TEST(Plain, StarWidthInAPlainFormat) {
 TEST(Plain, RandomFormatsMatchLibc) {
   std::mt19937 rng(20240611);
   auto pick = [&](const char *set) { return set[rng() % strlen(set)]; };
-  auto spec = [&](bool precision) {
+  auto conversion = [&](bool precision) {
     std::string s = "%";
     for (int i = rng() % 3; i > 0; i--) s += pick("-+ #0");
     if (rng() % 2) s += std::to_string(rng() % 25);
@@ -87,8 +87,8 @@ TEST(Plain, RandomFormatsMatchLibc) {
     return out;
   };
   for (int iter = 0; iter < 3000; iter++) {
-    std::string f = literal() + spec(true) + pick("dixXo") + literal() + spec(true) + "l" + pick("duxX") +
-                    literal() + spec(true) + pick("fegEG") + literal() + spec(true) + "s" + literal();
+    std::string f = literal() + conversion(true) + pick("dixXo") + literal() + conversion(true) + "l" + pick("duxX") +
+                    literal() + conversion(true) + pick("fegEG") + literal() + conversion(true) + "s" + literal();
     int i = static_cast<int>(rng());
     long l = static_cast<long>((static_cast<uint64_t>(rng()) << 32) | rng());
     double d = std::ldexp(static_cast<double>(rng()) - 2e9, static_cast<int>(rng() % 80) - 40);

@@ -115,6 +115,17 @@ class Client : public Io, public ::testing::WithParamInterface<bool> {
     while ((n = read(s, b, sizeof b)) > 0) out.append(b, static_cast<size_t>(n));
     return out;
   }
+  // Connects a client with params, accepts it and sends it messages "1:a"
+  // and "2:b" in one write; the client through c, the accepted socket back.
+  int connect_and_send_two(ipcconn_client **c) {
+    *c = ipcconn_uds_client_connect(&params);
+    EXPECT_NE(*c, nullptr);
+    real_passes(2);
+    int s = accept_one();
+    std::string two = frame(0x417, 1, "a") + frame(0x417, 2, "b");
+    EXPECT_EQ(write(s, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+    return s;
+  }
   // Two seconds of the kernel's clock, then passes for what they set off.
   void next_retry() {
     advance(IPCCONN_RETRY_INTERVAL_SEC);
@@ -246,11 +257,8 @@ TEST_P(Client, ClosingFromInsideACallbackFreesAfterItReturns) {
   Seen second;
   second.close_on_msg = true;
   params.cookie = &second;
-  ASSERT_NE(ipcconn_uds_client_connect(&params), nullptr);
-  real_passes(2);
-  s = accept_one();
-  std::string two = frame(0x417, 1, "a") + frame(0x417, 2, "b");
-  ASSERT_EQ(write(s, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+  ipcconn_client *c2;
+  s = connect_and_send_two(&c2);
   real_passes(3);
   EXPECT_EQ(second.msgs, std::vector<std::string>{"1:a"});
   EXPECT_EQ(second.events, std::vector<int>{IPCCONN_EVENT_CONNECTED});
@@ -260,12 +268,8 @@ TEST_P(Client, ClosingFromInsideACallbackFreesAfterItReturns) {
 TEST_P(Client, RestartingFromInsideAMessageCallback) {
   listen_now();
   seen.restart_on_msg = true;
-  ipcconn_client *c = ipcconn_uds_client_connect(&params);
-  ASSERT_NE(c, nullptr);
-  real_passes(2);
-  int s = accept_one();
-  std::string two = frame(0x417, 1, "a") + frame(0x417, 2, "b");
-  ASSERT_EQ(write(s, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+  ipcconn_client *c;
+  int s = connect_and_send_two(&c);
   real_passes(2);
   // Event 1 cannot be given from inside the callback; the rest of the read went with the connection.
   EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
@@ -506,12 +510,8 @@ TEST_P(Client, ATerminalSendErrorRestartsAndDropsTheQueue) {
 TEST_P(Client, ReadingStopsAndResumes) {
   listen_now();
   seen.stop_reading = true;
-  ipcconn_client *c = ipcconn_uds_client_connect(&params);
-  ASSERT_NE(c, nullptr);
-  real_passes(2);
-  int s = accept_one();
-  std::string two = frame(0x417, 1, "a") + frame(0x417, 2, "b");
-  ASSERT_EQ(write(s, two.data(), two.size()), static_cast<ssize_t>(two.size()));
+  ipcconn_client *c;
+  int s = connect_and_send_two(&c);
   real_passes(3);
   EXPECT_EQ(seen.msgs, std::vector<std::string>{"1:a"});
   seen.stop_reading = false;

@@ -30,7 +30,7 @@ unsigned long kill_at = 1;
 unsigned long passes;
 void (*hook)(const char *);
 
-void arm_spec(const char *e) {
+void arm_from(const char *e) {
   int state = 0;
   armed.clear();
   kill_at = 1;
@@ -49,12 +49,12 @@ void arm_spec(const char *e) {
 }
 
 pthread_once_t once = PTHREAD_ONCE_INIT;
-void arm() { arm_spec(getenv("TVX_CRASHPOINT")); }
+void arm() { arm_from(getenv("TVX_CRASHPOINT")); }
 }  // namespace
 
-void tvx_crashpoint_set(const char *spec) {
+void tvx_crashpoint_set(const char *arming) {
   pthread_once(&once, arm);
-  arm_spec(spec);
+  arm_from(arming);
 }
 
 void tvx_crashpoint_pass(const char *name) {

@@ -41,10 +41,10 @@ void workload(MmfTest *t) {
   _exit(0);
 }
 
-int run_child(MmfTest *t, const char *spec) {
+int run_child(MmfTest *t, const char *arming) {
   pid_t p = fork();
   if (p == 0) {
-    tvx_crashpoint_set(spec);
+    tvx_crashpoint_set(arming);
     workload(t);
   }
   int st;
@@ -68,10 +68,10 @@ TEST_F(Crashpoint, EveryPointKillsAndLeavesARecoverableFile) {
   for (size_t i = 0; i < mmf_crashpoint_count; i++) {
     std::string name = mmf_crashpoints[i];
     // The lock's points on a later pass, once the file is made and in use.
-    std::string spec = name + (name == "mmf_lock_taken" || name == "mmf_unlock_release" ? ":12" : ":1");
-    SCOPED_TRACE(spec);
+    std::string arming = name + (name == "mmf_lock_taken" || name == "mmf_unlock_release" ? ":12" : ":1");
+    SCOPED_TRACE(arming);
     mmf_unlink("/mfs/var/t/heap");
-    int st = run_child(this, spec.c_str());
+    int st = run_child(this, arming.c_str());
     ASSERT_TRUE(WIFSIGNALED(st)) << "not reached: exit " << WEXITSTATUS(st);
     EXPECT_EQ(WTERMSIG(st), SIGKILL);
 

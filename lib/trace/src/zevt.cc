@@ -29,9 +29,9 @@ struct event_range {
 };
 
 // "1,3-5,7" against the system's events.
-bool parse_ranges(zevt_system *sys, const char *spec, uint32_t set, uint32_t clear, std::vector<event_range> &out,
+bool parse_ranges(zevt_system *sys, const char *names, uint32_t set, uint32_t clear, std::vector<event_range> &out,
                   char *errbuf, size_t errlen) {
-  std::string s(spec);
+  std::string s(names);
   size_t pos = 0;
   while (pos <= s.size()) {
     size_t comma = s.find(',', pos);
@@ -149,14 +149,14 @@ uint32_t zevt_action(const zevt_system *sys, unsigned number) {
   return sys->zs_events[number].ze_action;
 }
 
-int zevt_set_action(zevt_system *sys, const char *spec, const char *action, char *errbuf, size_t errlen) {
+int zevt_set_action(zevt_system *sys, const char *names, const char *action, char *errbuf, size_t errlen) {
   uint32_t set, clear;
-  if (!sys || !spec || !action_bits(action, &set, &clear)) {
+  if (!sys || !names || !action_bits(action, &set, &clear)) {
     say(errbuf, errlen, "bad action %s", action ? action : "(null)");
     return -1;
   }
   std::vector<event_range> ranges;
-  if (!parse_ranges(sys, spec, set, clear, ranges, errbuf, errlen)) return -1;
+  if (!parse_ranges(sys, names, set, clear, ranges, errbuf, errlen)) return -1;
   apply(ranges);
   return 0;
 }
@@ -167,17 +167,17 @@ bool zevt_config_read(const ddl_object_t *to) {
   std::vector<event_range> ranges;
   bool ok = true;
   while (dax_visit_container(list, &cur)) {
-    char spec[512], action[32] = "memtrace", err[256] = "";
-    if (!dax_get_string_by_name(cur, "evtsys_name", spec, sizeof spec)) {
+    char names[512], action[32] = "memtrace", err[256] = "";
+    if (!dax_get_string_by_name(cur, "evtsys_name", names, sizeof names)) {
       dax_error(cur, "missing eventsys_name");
       ok = false;
       break;
     }
     dax_get_string_by_name(cur, "trace-action", action, sizeof action);
     uint32_t set = 0, clear = 0;
-    char *colon = strchr(spec, ':');
+    char *colon = strchr(names, ':');
     if (colon) *colon = '\0';
-    zevt_system *sys = zevt_system_find(spec, err, sizeof err);
+    zevt_system *sys = zevt_system_find(names, err, sizeof err);
     if (!sys) {
       dax_error(cur, "Error: %s", err);
       ok = false;

@@ -31,9 +31,9 @@ extern const char *const mmf_crashpoints[];
 extern const size_t mmf_crashpoint_count;
 // Whether this build has the points compiled in.
 bool tvx_crashpoints_built(void);
-// Arms the point of a spec as TVX_CRASHPOINT gives it (null or "" disarms)
+// Arms a point as TVX_CRASHPOINT gives it ("name" or "name:pass") (null or "" disarms)
 // and restarts the count of passes: for a test's forked child.
-void tvx_crashpoint_set(const char *spec);
+void tvx_crashpoint_set(const char *arming);
 // With a hook set, the armed pass calls it instead of raising SIGKILL: a test
 // runs what a signal handler would at that exact place. Null restores SIGKILL.
 void tvx_crashpoint_set_hook(void (*hook)(const char *name));

@@ -67,7 +67,7 @@ void zevt_system_destroy_all(void);
 uint32_t zevt_action(const zevt_system *sys, unsigned number);
 // Sets the action of events start..end: "disable", "memtrace", "memtrace-bt".
 // 0, or -1 with the reason in errbuf.
-int zevt_set_action(zevt_system *sys, const char *spec, const char *action, char *errbuf, size_t errlen);
+int zevt_set_action(zevt_system *sys, const char *ranges, const char *action, char *errbuf, size_t errlen);
 
 // Reads the "trace-events" list of a traceoptions object. The whole list is
 // checked before any event changes; errors go through dax_error. A missing
